@@ -1,0 +1,341 @@
+// Generic values: what every message, insert and property value of the library is.
+//
+// A GDValue is a small polymorphic value. The kinds the library needs are strings (GDString
+// owns its text, GDStringRef refers to the caller's text without copying), numbers
+// (GDUInteger64, GDInteger64), arrays (GDArray, whose text is the concatenation of its
+// elements), references to another value (GDValueRef), values that write themselves into a
+// buffer when rendered (IGDStringBufferable, for deferred properties) and messages (declared
+// with the message table).
+//
+// Values are copied polymorphically with clone() (heap) or placementClone() (into caller
+// memory); GDAdjustableSizeVariant keeps a copy in inline storage when it fits, so copying a
+// typical property value does not allocate. Two visitors walk values: GDValueVisitor for
+// inspection and MessageVisitor for the text message formatter, which renders into a reused
+// wide buffer.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <new>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "zq/webkeel/memalloc.h"
+#include "zq/webkeel/string.h"
+#include "zq/webkeel/stringbuffer.h"
+
+namespace kiv {
+
+class GDValue;
+class GDArray;
+class MessageBase;
+class IGDStringBufferable;
+
+struct TextMessageBase {
+    // How a text is going to be used: plain text, or character data inside XML.
+    enum TextType { kText = 0, kXml = 1 };
+};
+
+// Options of one formatting pass; nDepth guards against messages that contain themselves.
+struct MessageVisitorParams {
+    TextMessageBase::TextType nTextType = TextMessageBase::kText;
+    unsigned nDepth = 0;
+};
+
+class GDValueVisitor {
+public:
+    virtual ~GDValueVisitor() = default;
+    virtual void visitString(std::wstring_view) {}
+    virtual void visitUInteger64(std::uint64_t) {}
+    virtual void visitInteger64(std::int64_t) {}
+    virtual void visitArray(const GDArray&) {}
+    virtual void visitReference(const GDValue* /*pTarget*/) {}
+    virtual void visitStringBufferable(const IGDStringBufferable&) {}
+    virtual void visitMessage(const MessageBase&) {}
+};
+
+class MessageVisitor {
+public:
+    using Buffer = StringBufferBaseTemplate<wchar_t>;
+    virtual ~MessageVisitor() = default;
+    virtual void visitString(std::wstring_view text, Buffer&,
+                             const MessageVisitorParams&) const = 0;
+    virtual void visitUInteger64(std::uint64_t, Buffer&, const MessageVisitorParams&) const = 0;
+    virtual void visitInteger64(std::int64_t, Buffer&, const MessageVisitorParams&) const = 0;
+    virtual void visitArray(const GDArray&, Buffer&, const MessageVisitorParams&) const = 0;
+    virtual void visitReference(const GDValue* pTarget, Buffer&,
+                                const MessageVisitorParams&) const = 0;
+    virtual void visitStringBufferable(const IGDStringBufferable&, Buffer&,
+                                       const MessageVisitorParams&) const = 0;
+    virtual void visitMessage(const MessageBase&, Buffer&, const MessageVisitorParams&) const = 0;
+};
+
+class GDValue : public MemAllocNewdel {
+public:
+    enum Kind { kKindString, kKindNumber, kKindArray, kKindReference, kKindDeferred, kKindMessage };
+
+    virtual ~GDValue() = default;
+
+    // A copy on the heap (through the in-house allocator).
+    virtual GDValue* clone() const = 0;
+    // Builds a copy in pMemory when nCapacity is at least the object's size and returns that
+    // size; otherwise builds nothing and returns 0. pMemory is aligned for max_align_t.
+    virtual unsigned placementClone(void* pMemory, unsigned nCapacity) const = 0;
+    virtual void accept(GDValueVisitor& visitor) const = 0;
+    virtual void acceptMessageVisitor(const MessageVisitor& visitor,
+                                      StringBufferBaseTemplate<wchar_t>& buffer,
+                                      const MessageVisitorParams& params) const = 0;
+    virtual Kind kind() const noexcept = 0;
+
+    // The value this one stands for: itself, or what a reference refers to (null for a
+    // reference to nothing).
+    virtual const GDValue* target() const noexcept { return this; }
+
+    // Whether the value, or the value it refers to, is a string / a number.
+    bool isString() const noexcept;
+    bool isNumber() const noexcept;
+
+    // Appends the value's text form (messages expand through the default text formatter).
+    void appendText(StringBufferBaseTemplate<wchar_t>& buffer) const;
+    String toString() const;
+};
+
+// A value that writes itself into a buffer when it is rendered (for example a property whose
+// text is only known at that moment).
+class IGDStringBufferable {
+public:
+    virtual ~IGDStringBufferable() = default;
+    virtual int bufferize(StringBufferBaseTemplate<wchar_t>& buffer,
+                          TextMessageBase::TextType type) const = 0;
+};
+
+// Supplies clone and placementClone for a concrete value class.
+template <class Derived, class Base = GDValue>
+class GDValueImpl : public Base {
+public:
+    using Base::Base;
+    GDValue* clone() const override { return new Derived(static_cast<const Derived&>(*this)); }
+    unsigned placementClone(void* pMemory, unsigned nCapacity) const override {
+        if (nCapacity < sizeof(Derived)) {
+            return 0;
+        }
+        ::new (pMemory) Derived(static_cast<const Derived&>(*this));
+        return sizeof(Derived);
+    }
+};
+
+class GDString final : public GDValueImpl<GDString> {
+public:
+    GDString() = default;
+    explicit GDString(String str) : m_str(std::move(str)) {}
+    explicit GDString(const wchar_t* psz) : m_str(psz) {}
+    const String& getString() const noexcept { return m_str; }
+    std::wstring_view view() const noexcept { return m_str.view(); }
+    void accept(GDValueVisitor& visitor) const override { visitor.visitString(view()); }
+    void acceptMessageVisitor(const MessageVisitor& visitor,
+                              StringBufferBaseTemplate<wchar_t>& buffer,
+                              const MessageVisitorParams& params) const override {
+        visitor.visitString(view(), buffer, params);
+    }
+    Kind kind() const noexcept override { return kKindString; }
+
+private:
+    String m_str;
+};
+
+// Refers to text owned by the caller; the text must outlive the value and its copies.
+class GDStringRef final : public GDValueImpl<GDStringRef> {
+public:
+    explicit GDStringRef(const wchar_t* psz) noexcept
+        : m_view(psz != nullptr ? std::wstring_view(psz) : std::wstring_view()) {}
+    GDStringRef(const wchar_t* p, std::size_t n) noexcept : m_view(p, n) {}
+    explicit GDStringRef(const String& str) noexcept : m_view(str.view()) {}
+    std::wstring_view view() const noexcept { return m_view; }
+    void accept(GDValueVisitor& visitor) const override { visitor.visitString(m_view); }
+    void acceptMessageVisitor(const MessageVisitor& visitor,
+                              StringBufferBaseTemplate<wchar_t>& buffer,
+                              const MessageVisitorParams& params) const override {
+        visitor.visitString(m_view, buffer, params);
+    }
+    Kind kind() const noexcept override { return kKindString; }
+
+private:
+    std::wstring_view m_view;
+};
+
+class GDUInteger64 final : public GDValueImpl<GDUInteger64> {
+public:
+    explicit GDUInteger64(std::uint64_t n = 0) noexcept : m_n(n) {}
+    std::uint64_t getValue() const noexcept { return m_n; }
+    void accept(GDValueVisitor& visitor) const override { visitor.visitUInteger64(m_n); }
+    void acceptMessageVisitor(const MessageVisitor& visitor,
+                              StringBufferBaseTemplate<wchar_t>& buffer,
+                              const MessageVisitorParams& params) const override {
+        visitor.visitUInteger64(m_n, buffer, params);
+    }
+    Kind kind() const noexcept override { return kKindNumber; }
+
+private:
+    std::uint64_t m_n;
+};
+
+class GDInteger64 final : public GDValueImpl<GDInteger64> {
+public:
+    explicit GDInteger64(std::int64_t n = 0) noexcept : m_n(n) {}
+    std::int64_t getValue() const noexcept { return m_n; }
+    void accept(GDValueVisitor& visitor) const override { visitor.visitInteger64(m_n); }
+    void acceptMessageVisitor(const MessageVisitor& visitor,
+                              StringBufferBaseTemplate<wchar_t>& buffer,
+                              const MessageVisitorParams& params) const override {
+        visitor.visitInteger64(m_n, buffer, params);
+    }
+    Kind kind() const noexcept override { return kKindNumber; }
+
+private:
+    std::int64_t m_n;
+};
+
+// Refers to another value without copying it; the target must outlive the reference.
+class GDValueRef final : public GDValueImpl<GDValueRef> {
+public:
+    explicit GDValueRef(const GDValue* pTarget) noexcept : m_pTarget(pTarget) {}
+    const GDValue* target() const noexcept override {
+        return m_pTarget != nullptr ? m_pTarget->target() : nullptr;
+    }
+    void accept(GDValueVisitor& visitor) const override { visitor.visitReference(target()); }
+    void acceptMessageVisitor(const MessageVisitor& visitor,
+                              StringBufferBaseTemplate<wchar_t>& buffer,
+                              const MessageVisitorParams& params) const override {
+        visitor.visitReference(target(), buffer, params);
+    }
+    Kind kind() const noexcept override { return kKindReference; }
+
+private:
+    const GDValue* m_pTarget;
+};
+
+// Holds a copy of any value: in inline storage of N machine words when the value fits, on the
+// heap otherwise. An empty variant holds nothing.
+template <std::size_t N>
+class GDAdjustableSizeVariant {
+public:
+    static constexpr unsigned kInlineBytes = static_cast<unsigned>(N * sizeof(void*));
+
+    GDAdjustableSizeVariant() noexcept = default;
+    explicit GDAdjustableSizeVariant(const GDValue& value) { set(value); }
+    GDAdjustableSizeVariant(const GDAdjustableSizeVariant& other) {
+        if (other.m_pValue != nullptr) {
+            set(*other.m_pValue);
+        }
+    }
+    GDAdjustableSizeVariant(GDAdjustableSizeVariant&& other) {
+        if (other.m_pValue == nullptr) {
+            return;
+        }
+        if (other.m_bInline) {
+            set(*other.m_pValue);
+            other.reset();
+        } else {
+            m_pValue = std::exchange(other.m_pValue, nullptr);
+        }
+    }
+    GDAdjustableSizeVariant& operator=(const GDAdjustableSizeVariant& other) {
+        if (this != &other) {
+            reset();
+            if (other.m_pValue != nullptr) {
+                set(*other.m_pValue);
+            }
+        }
+        return *this;
+    }
+    GDAdjustableSizeVariant& operator=(GDAdjustableSizeVariant&& other) {
+        if (this != &other) {
+            reset();
+            new (this) GDAdjustableSizeVariant(std::move(other));
+        }
+        return *this;
+    }
+    ~GDAdjustableSizeVariant() { reset(); }
+
+    void set(const GDValue& value) {
+        reset();
+        if (value.placementClone(m_arrStorage, kInlineBytes) != 0) {
+            m_pValue = std::launder(reinterpret_cast<GDValue*>(m_arrStorage));
+            m_bInline = true;
+        } else {
+            m_pValue = value.clone();
+            m_bInline = false;
+        }
+    }
+    void reset() noexcept {
+        if (m_pValue != nullptr) {
+            if (m_bInline) {
+                m_pValue->~GDValue();
+            } else {
+                delete m_pValue;
+            }
+            m_pValue = nullptr;
+        }
+    }
+    const GDValue* get() const noexcept { return m_pValue; }
+    const GDValue& operator*() const noexcept { return *m_pValue; }
+    const GDValue* operator->() const noexcept { return m_pValue; }
+    bool empty() const noexcept { return m_pValue == nullptr; }
+    bool isInline() const noexcept { return m_pValue != nullptr && m_bInline; }
+
+private:
+    alignas(std::max_align_t) unsigned char m_arrStorage[kInlineBytes];
+    GDValue* m_pValue = nullptr;
+    bool m_bInline = false;
+};
+
+using GDVariant = GDAdjustableSizeVariant<16>;
+
+class GDArray final : public GDValueImpl<GDArray> {
+public:
+    GDArray() = default;
+    GDArray& append(const GDValue& value) {
+        m_vecValues.emplace_back(value);
+        return *this;
+    }
+    std::size_t size() const noexcept { return m_vecValues.size(); }
+    const GDValue& operator[](std::size_t i) const noexcept { return *m_vecValues[i]; }
+    void accept(GDValueVisitor& visitor) const override { visitor.visitArray(*this); }
+    void acceptMessageVisitor(const MessageVisitor& visitor,
+                              StringBufferBaseTemplate<wchar_t>& buffer,
+                              const MessageVisitorParams& params) const override {
+        visitor.visitArray(*this, buffer, params);
+    }
+    Kind kind() const noexcept override { return kKindArray; }
+
+private:
+    std::vector<GDVariant> m_vecValues;
+};
+
+// Renders values into text. The base renders strings, numbers, arrays (element by element),
+// references (their target) and deferred values; messages are left to the message formatter,
+// which the message table installs as the default one.
+class MessageFormatter : public MessageVisitor {
+public:
+    // Appends the text of value to buffer.
+    void FormatBuffer(StringBufferBaseTemplate<wchar_t>& buffer, const GDValue& value,
+                      TextMessageBase::TextType type = TextMessageBase::kText) const;
+
+    void visitString(std::wstring_view text, Buffer&, const MessageVisitorParams&) const override;
+    void visitUInteger64(std::uint64_t, Buffer&, const MessageVisitorParams&) const override;
+    void visitInteger64(std::int64_t, Buffer&, const MessageVisitorParams&) const override;
+    void visitArray(const GDArray&, Buffer&, const MessageVisitorParams&) const override;
+    void visitReference(const GDValue* pTarget, Buffer&,
+                        const MessageVisitorParams&) const override;
+    void visitStringBufferable(const IGDStringBufferable&, Buffer&,
+                               const MessageVisitorParams&) const override;
+    // Without a message table a message shows nothing; the table's formatter overrides this.
+    void visitMessage(const MessageBase&, Buffer&, const MessageVisitorParams&) const override;
+
+    // The formatter used by GDValue::appendText; the message table installs its own at load.
+    static const MessageFormatter& getDefault() noexcept;
+    static void setDefault(const MessageFormatter* pFormatter) noexcept;
+};
+
+}  // namespace kiv

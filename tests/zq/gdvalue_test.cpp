@@ -1,0 +1,178 @@
+#include "zq/webkeel/gdvalue.h"
+
+#include <gtest/gtest.h>
+
+#include "support/alloc_counter.h"
+
+namespace kiv {
+namespace {
+
+String render(const GDValue& value) {
+    return value.toString();
+}
+
+class Deferred : public GDValueImpl<Deferred>, public IGDStringBufferable {
+public:
+    void accept(GDValueVisitor& visitor) const override { visitor.visitStringBufferable(*this); }
+    void acceptMessageVisitor(const MessageVisitor& visitor,
+                              StringBufferBaseTemplate<wchar_t>& buffer,
+                              const MessageVisitorParams& params) const override {
+        visitor.visitStringBufferable(*this, buffer, params);
+    }
+    Kind kind() const noexcept override { return kKindDeferred; }
+    int bufferize(StringBufferBaseTemplate<wchar_t>& buffer,
+                  TextMessageBase::TextType type) const override {
+        buffer.append(type == TextMessageBase::kXml ? L"deferred-xml" : L"deferred");
+        return 0;
+    }
+};
+
+// A value too large for the variant's inline storage.
+class Bulky : public GDValueImpl<Bulky> {
+public:
+    void accept(GDValueVisitor& visitor) const override { visitor.visitUInteger64(m_arrData[0]); }
+    void acceptMessageVisitor(const MessageVisitor& visitor,
+                              StringBufferBaseTemplate<wchar_t>& buffer,
+                              const MessageVisitorParams& params) const override {
+        visitor.visitUInteger64(m_arrData[0], buffer, params);
+    }
+    Kind kind() const noexcept override { return kKindNumber; }
+    std::uint64_t m_arrData[40] = {7};
+};
+
+TEST(GDValueTest, StringsAndNumbersRenderTheirText) {
+    EXPECT_TRUE(render(GDString(L"text")).equals(L"text"));
+    const String owner(L"caller text");
+    EXPECT_TRUE(render(GDStringRef(owner)).equals(L"caller text"));
+    EXPECT_TRUE(render(GDUInteger64(18446744073709551615ULL)).equals(L"18446744073709551615"));
+    EXPECT_TRUE(render(GDInteger64(-42)).equals(L"-42"));
+    EXPECT_TRUE(render(GDStringRef(static_cast<const wchar_t*>(nullptr))).empty());
+}
+
+TEST(GDValueTest, StringRefDoesNotCopyTheText) {
+    const String owner(L"abc");
+    const GDStringRef ref(owner);
+    EXPECT_EQ(ref.view().data(), owner.data());
+}
+
+TEST(GDValueTest, KindTestsSeeThroughReferences) {
+    const GDString text(L"x");
+    const GDUInteger64 number(5);
+    const GDArray array;
+    EXPECT_TRUE(text.isString());
+    EXPECT_FALSE(text.isNumber());
+    EXPECT_TRUE(number.isNumber());
+    EXPECT_TRUE(GDValueRef(&text).isString());
+    EXPECT_TRUE(GDValueRef(&number).isNumber());
+    const GDValueRef refToRef(&text);
+    EXPECT_TRUE(GDValueRef(&refToRef).isString());
+    EXPECT_FALSE(GDValueRef(nullptr).isString());
+    EXPECT_FALSE(GDValueRef(nullptr).isNumber());
+    EXPECT_FALSE(array.isString());
+    EXPECT_FALSE(Deferred().isString());
+    EXPECT_TRUE(render(GDValueRef(&text)).equals(L"x"));
+    EXPECT_TRUE(render(GDValueRef(nullptr)).empty());
+}
+
+TEST(GDValueTest, ArrayRendersConcatenationOfElements) {
+    GDArray array;
+    array.append(GDString(L"a")).append(GDUInteger64(1)).append(GDString(L"b"));
+    GDArray nested;
+    nested.append(array).append(GDString(L"!"));
+    EXPECT_EQ(array.size(), 3u);
+    EXPECT_TRUE(render(array).equals(L"a1b"));
+    EXPECT_TRUE(render(nested).equals(L"a1b!"));
+    EXPECT_TRUE(render(GDArray()).empty());
+}
+
+TEST(GDValueTest, DeferredValueWritesItselfWithTheTextType) {
+    const Deferred deferred;
+    EXPECT_TRUE(render(deferred).equals(L"deferred"));
+    StringBufferTemplate<64, wchar_t> buffer;
+    MessageFormatter::getDefault().FormatBuffer(buffer, deferred, TextMessageBase::kXml);
+    EXPECT_EQ(buffer.view(), L"deferred-xml");
+}
+
+TEST(GDValueTest, PlacementCloneBuildsOnlyWhenItFits) {
+    alignas(std::max_align_t) unsigned char arrMemory[256];
+    const GDUInteger64 number(9);
+    EXPECT_EQ(number.placementClone(arrMemory, 4), 0u);
+    const unsigned nSize = number.placementClone(arrMemory, sizeof(arrMemory));
+    EXPECT_EQ(nSize, sizeof(GDUInteger64));
+    auto* pCopy = std::launder(reinterpret_cast<GDValue*>(arrMemory));
+    EXPECT_TRUE(render(*pCopy).equals(L"9"));
+    pCopy->~GDValue();
+}
+
+TEST(GDValueTest, VariantKeepsSmallValuesInlineAndLargeOnesOnHeap) {
+    GDVariant small{GDString(L"userId")};
+    EXPECT_TRUE(small.isInline());
+    GDVariant large{Bulky()};
+    EXPECT_FALSE(large.isInline());
+    EXPECT_TRUE(render(*large).equals(L"7"));
+    GDVariant copy(small);
+    EXPECT_TRUE(render(*copy).equals(L"userId"));
+    GDVariant moved(std::move(large));
+    EXPECT_TRUE(large.empty());
+    EXPECT_TRUE(render(*moved).equals(L"7"));
+    copy = moved;
+    EXPECT_FALSE(copy.isInline());
+    copy.reset();
+    EXPECT_TRUE(copy.empty());
+    EXPECT_EQ(copy.get(), nullptr);
+}
+
+TEST(GDValueTest, CopyingSmallValueIntoVariantDoesNotAllocate) {
+    const String owner(L"request-42");
+    const GDStringRef ref(owner);
+    const GDUInteger64 number(12);
+    test::AllocationScope scope;
+    GDVariant a{ref};
+    GDVariant b{number};
+    GDVariant c{a};
+    EXPECT_EQ(scope.count(), 0u);
+    EXPECT_TRUE(render(*c).equals(L"request-42"));
+}
+
+class KindRecorder : public GDValueVisitor {
+public:
+    void visitString(std::wstring_view) override { m_str += L"s"; }
+    void visitUInteger64(std::uint64_t) override { m_str += L"u"; }
+    void visitInteger64(std::int64_t) override { m_str += L"i"; }
+    void visitArray(const GDArray&) override { m_str += L"a"; }
+    void visitReference(const GDValue*) override { m_str += L"r"; }
+    void visitStringBufferable(const IGDStringBufferable&) override { m_str += L"d"; }
+    String m_str;
+};
+
+TEST(GDValueTest, VisitorSeesEachKind) {
+    KindRecorder recorder;
+    const GDString text(L"x");
+    for (const GDValue* p : std::initializer_list<const GDValue*>{
+             &text, new GDUInteger64(1), new GDInteger64(-1), new GDArray(), new GDValueRef(&text),
+             new Deferred()}) {
+        p->accept(recorder);
+        if (p != &text) {
+            delete p;
+        }
+    }
+    EXPECT_TRUE(recorder.m_str.equals(L"suiard"));
+}
+
+TEST(GDValueTest, FormattingIntoReusedBufferDoesNotAllocate) {
+    const GDString text(L"value");
+    GDArray array;
+    array.append(GDString(L"a")).append(GDUInteger64(77));
+    StringBufferTemplate<511, wchar_t> buffer;
+    test::AllocationScope scope;
+    for (int i = 0; i < 100; ++i) {
+        buffer.clear();
+        MessageFormatter::getDefault().FormatBuffer(buffer, text);
+        MessageFormatter::getDefault().FormatBuffer(buffer, array);
+    }
+    EXPECT_EQ(scope.count(), 0u);
+    EXPECT_EQ(buffer.view(), L"valuea77");
+}
+
+}  // namespace
+}  // namespace kiv
