@@ -11,8 +11,12 @@ const LibraryLoadedMark g_libraryLoadedMark;
 
 }  // namespace
 
-bool isWebloggerLoaded() noexcept { return LibraryLoadedMark::s_bLoaded; }
+bool isWebloggerLoaded() noexcept {
+    return LibraryLoadedMark::s_bLoaded;
+}
 
-const char* webloggerVersion() noexcept { return "0.1.0"; }
+const char* webloggerVersion() noexcept {
+    return "0.1.0";
+}
 
 }  // namespace kiv

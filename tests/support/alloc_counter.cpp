@@ -17,11 +17,17 @@ void* countedAlloc(std::size_t nSize) {
 }  // namespace
 
 namespace kiv::test {
-std::size_t threadAllocationCount() noexcept { return t_nAllocations; }
+std::size_t threadAllocationCount() noexcept {
+    return t_nAllocations;
+}
 }  // namespace kiv::test
 
-void* operator new(std::size_t nSize) { return countedAlloc(nSize); }
-void* operator new[](std::size_t nSize) { return countedAlloc(nSize); }
+void* operator new(std::size_t nSize) {
+    return countedAlloc(nSize);
+}
+void* operator new[](std::size_t nSize) {
+    return countedAlloc(nSize);
+}
 void* operator new(std::size_t nSize, const std::nothrow_t&) noexcept {
     ++t_nAllocations;
     return std::malloc(nSize == 0 ? 1 : nSize);
@@ -30,7 +36,15 @@ void* operator new[](std::size_t nSize, const std::nothrow_t&) noexcept {
     ++t_nAllocations;
     return std::malloc(nSize == 0 ? 1 : nSize);
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, std::size_t) noexcept {
+    std::free(p);
+}

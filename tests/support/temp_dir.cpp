@@ -10,7 +10,8 @@ namespace kiv::test {
 
 TempDir::TempDir() {
     const char* pszBase = std::getenv("TMPDIR");
-    std::string strTemplate = std::string(pszBase != nullptr ? pszBase : "/tmp") + "/wlgtest.XXXXXX";
+    std::string strTemplate =
+        std::string(pszBase != nullptr ? pszBase : "/tmp") + "/wlgtest.XXXXXX";
     if (::mkdtemp(strTemplate.data()) == nullptr) {
         throw std::runtime_error("mkdtemp failed for " + strTemplate);
     }
@@ -24,7 +25,9 @@ TempDir::~TempDir() {
     std::filesystem::remove_all(m_strPath, ec);
 }
 
-std::string TempDir::file(const std::string& name) const { return m_strPath + "/" + name; }
+std::string TempDir::file(const std::string& name) const {
+    return m_strPath + "/" + name;
+}
 
 std::string TempDir::write(const std::string& name, const std::string& bytes) const {
     const std::string strPath = file(name);

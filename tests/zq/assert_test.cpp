@@ -51,7 +51,9 @@ TEST(AssertTest, NestedCaptureTakesReportsUntilItEnds) {
 }
 
 int g_nHandled = 0;
-void countingHandler(const AssertionReport&) { ++g_nHandled; }
+void countingHandler(const AssertionReport&) {
+    ++g_nHandled;
+}
 
 TEST(AssertTest, InstalledHandlerReceivesReportsWithoutCapture) {
     AssertionHandler previous = setAssertionHandler(&countingHandler);

@@ -67,7 +67,7 @@ private:
 }  // namespace kiv
 
 #define ZQ_ASSERT(cond) \
-    ((cond) ? (void)0        \
+    ((cond) ? (void)0   \
             : ::kiv::reportAssertion(::kiv::AssertionType::kAssert, #cond, __FILE__, __LINE__))
 
 // An unconditional failure report, for branches that must never be reached.

@@ -54,13 +54,21 @@ void* MemAllocNewdel::operator new(std::size_t nSize, const char* pszFile, int n
     return allocate(nSize);
 }
 
-void* MemAllocNewdel::operator new[](std::size_t nSize) { return allocate(nSize); }
+void* MemAllocNewdel::operator new[](std::size_t nSize) {
+    return allocate(nSize);
+}
 
-void MemAllocNewdel::operator delete(void* p) noexcept { release(p); }
+void MemAllocNewdel::operator delete(void* p) noexcept {
+    release(p);
+}
 
-void MemAllocNewdel::operator delete(void* p, const char*, int) noexcept { release(p); }
+void MemAllocNewdel::operator delete(void* p, const char*, int) noexcept {
+    release(p);
+}
 
-void MemAllocNewdel::operator delete[](void* p) noexcept { release(p); }
+void MemAllocNewdel::operator delete[](void* p) noexcept {
+    release(p);
+}
 
 MemAllocNewdel::Stats MemAllocNewdel::stats() noexcept {
     return Stats{g_nLiveBlocks.load(std::memory_order_relaxed),
@@ -68,8 +76,12 @@ MemAllocNewdel::Stats MemAllocNewdel::stats() noexcept {
                  g_nTotalAllocations.load(std::memory_order_relaxed)};
 }
 
-const char* MemAllocNewdel::lastAllocationFile() noexcept { return t_pszLastFile; }
+const char* MemAllocNewdel::lastAllocationFile() noexcept {
+    return t_pszLastFile;
+}
 
-int MemAllocNewdel::lastAllocationLine() noexcept { return t_nLastLine; }
+int MemAllocNewdel::lastAllocationLine() noexcept {
+    return t_nLastLine;
+}
 
 }  // namespace kiv
