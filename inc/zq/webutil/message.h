@@ -1,0 +1,242 @@
+// Messages: catalogue entries, messages with inserts, the message table and the text
+// formatter.
+//
+// A catalogue entry (ExternalMessage) has an id and a default template: a WebMessage element
+// whose TEXT child holds text with kivm:param elements marking where insert N goes, or whose XML
+// child holds structured content. Registered message files may translate an entry per
+// language; the message table resolves an entry to the translation of the current language when
+// one exists and to the default otherwise.
+//
+// ParamMessage owns its inserts; ReferentialParameterizedMessage is a stack-only message that
+// refers to a template and up to eight inserts without copying them, for the logging hot path.
+// A template is a catalogue entry or a plain text where "%1".."%9" stand for the inserts.
+//
+// WebTextMessageFormatter renders any value as text into a reused wide buffer. Unset inserts
+// render as nothing in catalogue templates; in plain templates "%N" without an insert stays as
+// written, so a missing argument is visible in the log; "%%" gives "%".
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <vector>
+
+#include "zq/webkeel/gdvalue.h"
+#include "zq/webkeel/handle.h"
+#include "zq/webkeel/string.h"
+#include "zq/webutil/xmldocument.h"
+
+namespace kiv {
+
+class ExternalMessage;
+
+// The namespace URI that catalogue templates with parameters declare for the kivm prefix.
+extern const wchar_t* const kMessageNamespaceUri;
+
+class MessageBase : public GDValue {
+public:
+    static constexpr unsigned kMaxInserts = 9;
+
+    // The catalogue entry this message expands, or null for a plain template.
+    virtual const ExternalMessage* getCatalogueMessage() const noexcept = 0;
+    // The plain template (a string value), or null for a catalogue message.
+    virtual const GDValue* getTemplateValue() const noexcept = 0;
+    virtual unsigned getInsertCount() const noexcept = 0;
+    // Insert nIndex, counted from 1; null when it is not set.
+    virtual const GDValue* getInsert(unsigned nIndex) const noexcept = 0;
+
+    Kind kind() const noexcept override { return kKindMessage; }
+    void accept(GDValueVisitor& visitor) const override { visitor.visitMessage(*this); }
+    void acceptMessageVisitor(const MessageVisitor& visitor,
+                              StringBufferBaseTemplate<wchar_t>& buffer,
+                              const MessageVisitorParams& params) const override {
+        visitor.visitMessage(*this, buffer, params);
+    }
+};
+
+class ExternalMessage : public GDValueImpl<ExternalMessage, MessageBase> {
+public:
+    enum Option { kNone = 0, kProtect = 1 };
+
+    // Defines a catalogue entry and registers it with the default message table.
+    // defaultTemplateXml is the WebMessage element as XML text; a template that does not
+    // parse, or whose root is not a WebMessage named by the id, fails the assertion
+    // "bValidDefaultTemplate" and the entry renders its id instead.
+    ExternalMessage(const wchar_t* pszId, Option nOption, const char* pszDefaultTemplateXml);
+    // A copy refers to the same entry; it does not register again.
+    ExternalMessage(const ExternalMessage& other);
+    ExternalMessage& operator=(const ExternalMessage& other);
+    ~ExternalMessage() override;
+
+    const String& getId() const noexcept;
+    Option getOption() const noexcept;
+    // The WebMessage element given at definition.
+    const XmlElement* getDefaultTemplate() const noexcept;
+    // The WebMessage element for the current language: a translation or the default.
+    const XmlElement* getTemplate() const;
+    // The XML child of the current template (structured content), or null for a text message.
+    const XmlElement* getStructuredContent() const;
+
+    const ExternalMessage* getCatalogueMessage() const noexcept override { return this; }
+    const GDValue* getTemplateValue() const noexcept override { return nullptr; }
+    unsigned getInsertCount() const noexcept override { return 0; }
+    const GDValue* getInsert(unsigned) const noexcept override { return nullptr; }
+
+    struct Entry;
+    const Entry& getEntry() const noexcept { return *m_hEntry.get(); }
+
+private:
+    Handle<Entry> m_hEntry;
+};
+
+// A message with owned inserts over a catalogue entry or a plain template.
+class ParamMessage : public GDValueImpl<ParamMessage, MessageBase> {
+public:
+    explicit ParamMessage(const GDValue& templateValue);
+
+    // Sets insert nIndex (1 to 9) to a copy of value; other indexes fail the assertion
+    // "nIndex >= 1 && nIndex <= kMaxInserts" and are ignored.
+    ParamMessage& setInsert(unsigned nIndex, const GDValue& value);
+
+    const ExternalMessage* getCatalogueMessage() const noexcept override;
+    const GDValue* getTemplateValue() const noexcept override;
+    unsigned getInsertCount() const noexcept override {
+        return static_cast<unsigned>(m_vecInserts.size());
+    }
+    const GDValue* getInsert(unsigned nIndex) const noexcept override;
+
+private:
+    GDVariant m_template;
+    std::vector<GDVariant> m_vecInserts;
+};
+
+// A message that refers to its template and inserts; it must not outlive them, so it lives
+// on the stack only. Copying it as a value (clone) makes an owning ParamMessage.
+class ReferentialParameterizedMessage : public MessageBase {
+public:
+    template <class... Inserts>
+    explicit ReferentialParameterizedMessage(const GDValue& templateValue,
+                                             const Inserts&... inserts) noexcept
+        : m_pTemplate(&templateValue), m_arrInserts{&inserts...}, m_nInserts(sizeof...(inserts)) {
+        static_assert(sizeof...(inserts) <= kMaxReferentialInserts, "at most eight inserts");
+        const GDValue* pTarget = templateValue.target();
+        m_pCatalogue = pTarget != nullptr && pTarget->kind() == kKindMessage
+                           ? static_cast<const MessageBase*>(pTarget)->getCatalogueMessage()
+                           : nullptr;
+    }
+
+    static constexpr unsigned kMaxReferentialInserts = 8;
+
+    GDValue* clone() const override;
+    unsigned placementClone(void*, unsigned) const override { return 0; }
+    const ExternalMessage* getCatalogueMessage() const noexcept override { return m_pCatalogue; }
+    const GDValue* getTemplateValue() const noexcept override {
+        return m_pCatalogue != nullptr ? nullptr : m_pTemplate;
+    }
+    unsigned getInsertCount() const noexcept override { return m_nInserts; }
+    const GDValue* getInsert(unsigned nIndex) const noexcept override {
+        return nIndex >= 1 && nIndex <= m_nInserts ? m_arrInserts[nIndex - 1] : nullptr;
+    }
+
+    static void* operator new(std::size_t) = delete;
+    static void* operator new[](std::size_t) = delete;
+
+private:
+    const GDValue* m_pTemplate;
+    const ExternalMessage* m_pCatalogue;
+    const GDValue* m_arrInserts[kMaxReferentialInserts];
+    unsigned m_nInserts;
+};
+
+// One message file: WebMessage elements (anywhere below the root, or the root itself) by
+// their "name" attribute; the first element of a name wins.
+class MessageFile {
+public:
+    static MessageFile loadFromFile(const NString& path);
+    static MessageFile parseString(std::string_view utf8, const String& sourceName = String());
+
+    // The WebMessage element translating id, or null.
+    const XmlElement* findTemplate(std::wstring_view id) const;
+    std::size_t size() const noexcept { return m_vecTemplates.size(); }
+    const std::vector<const XmlElement*>& getTemplates() const noexcept { return m_vecTemplates; }
+
+private:
+    explicit MessageFile(XmlDocument document);
+    XmlDocument m_document;
+    std::vector<const XmlElement*> m_vecTemplates;
+};
+
+// The message file names that the message table looks for, and where it looks: for language
+// L and file F, each search directory D is tried as D/L/F. Directories come from
+// addSearchDirectory and from the colon-separated environment variable
+// WEBLOGGER_MESSAGE_DIRS, read when the registry is first used.
+class MessageFilesRegistry {
+public:
+    static MessageFilesRegistry& getInstance();
+
+    void registerMessageFiles(const String& fileName);
+    void addSearchDirectory(const NString& directory);
+    // Forgets the search directories (including the environment's) and files; for tests.
+    void reset();
+
+    std::vector<String> getRegisteredFiles() const;
+    std::vector<NString> getSearchDirectories() const;
+    // Changes whenever a file or directory is added, so that tables reload translations.
+    unsigned getGeneration() const noexcept {
+        return m_nGeneration.load(std::memory_order_acquire);
+    }
+
+private:
+    MessageFilesRegistry();
+    struct State;
+    State* m_pState;
+    std::atomic<unsigned> m_nGeneration{1};
+};
+
+class MessageTable {
+public:
+    // The process-wide table into which catalogue entries register.
+    static MessageTable& getDefault();
+
+    // The language whose translations are used ("en" until set).
+    void setLanguage(const String& language);
+    String getLanguage() const;
+
+    // The catalogue entry with that id, or null.
+    const ExternalMessage* findMessage(std::wstring_view id) const;
+    // The WebMessage element for an entry in the current language.
+    const XmlElement* resolveTemplate(const ExternalMessage::Entry& entry) const;
+    // Problems met while reading message files (each names the file), newest last.
+    std::vector<String> getLoadErrors() const;
+
+    void registerMessage(const ExternalMessage& message);
+
+private:
+    MessageTable();
+    struct State;
+    State* m_pState;
+};
+
+// The text formatter: expands catalogue messages and plain templates, and writes any other
+// value in its text form.
+class WebTextMessageFormatter : public MessageFormatter {
+public:
+    void visitMessage(const MessageBase& message, Buffer& buffer,
+                      const MessageVisitorParams& params) const override;
+
+    // Expands one WebMessage template with the inserts of message (TEXT: text and parameters;
+    // XML: the structured content as XML text).
+    void formatTemplate(const XmlElement& webMessage, const MessageBase& message, Buffer& buffer,
+                        const MessageVisitorParams& params) const;
+
+    static const WebTextMessageFormatter& getInstance() noexcept;
+
+private:
+    void expandCatalogueText(const XmlNode* pFirst, const MessageBase& message, Buffer& buffer,
+                             const MessageVisitorParams& params) const;
+    void expandPlainTemplate(std::wstring_view text, const MessageBase& message, Buffer& buffer,
+                             const MessageVisitorParams& params) const;
+    void formatInsert(const MessageBase& message, unsigned nIndex, Buffer& buffer,
+                      const MessageVisitorParams& params) const;
+};
+
+}  // namespace kiv
