@@ -34,9 +34,9 @@ void renderThreeInserts(benchmark::State& state, const GDValue& templateValue) {
         formatter.FormatBuffer(buffer, message);
         benchmark::DoNotOptimize(buffer.data());
     }
-    state.counters["allocs/msg"] = benchmark::Counter(
-        static_cast<double>(test::threadAllocationCount() - nStart),
-        benchmark::Counter::kAvgIterations);
+    state.counters["allocs/msg"] =
+        benchmark::Counter(static_cast<double>(test::threadAllocationCount() - nStart),
+                           benchmark::Counter::kAvgIterations);
 }
 
 void BM_FormatPlainTemplateThreeInserts(benchmark::State& state) {
