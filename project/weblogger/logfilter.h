@@ -1,0 +1,141 @@
+// Thresholds and the two filter shapes that decide whether a writer receives a message.
+//
+// LogLevels holds five 16-bit thresholds, one per message type; 65535 means "not set". A
+// LogFilter, owned by every log source, holds one LogLevels per writer id (0 to 9). A
+// WriterFilter, owned by a writer, holds one LogLevels per log source and is decided by the
+// nearest source on the parent chain that has a threshold set for the message type.
+//
+// Concurrency: a LogFilter is read on every log call without any lock while the configuration
+// may rewrite it on another thread. Its thresholds are therefore relaxed atomics: on the
+// platforms we run on a relaxed 16-bit load is an ordinary load, so the decision stays a few
+// array reads, and a reader may see a mix of old and new thresholds for one message, which is
+// accepted. A WriterFilter is immutable once built and shared by reference count; it is
+// published to other threads through the writer that holds it.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+#include "weblogger/commonseverities.h"
+#include "zq/tl/hashmap.h"
+#include "zq/webkeel/handle.h"
+#include "zq/webkeel/memalloc.h"
+
+namespace kiv {
+
+class LogWriter;
+class LogSource;
+
+constexpr int kMaxWriterIds = 10;
+
+class LogLevels {
+public:
+    static constexpr std::uint16_t kNotSet = 65535;
+
+    // All five thresholds unset.
+    constexpr LogLevels() noexcept : m_arrLogLevels{kNotSet, kNotSet, kNotSet, kNotSet, kNotSet} {}
+    constexpr LogLevels(std::uint16_t incidentError, std::uint16_t error, std::uint16_t warning,
+                        std::uint16_t information, std::uint16_t trace) noexcept
+        : m_arrLogLevels{incidentError, error, warning, information, trace} {}
+
+    constexpr std::uint16_t get(LogSeverity::MsgType nType) const noexcept {
+        return m_arrLogLevels[nType];
+    }
+    constexpr void set(LogSeverity::MsgType nType, std::uint16_t nLevel) noexcept {
+        m_arrLogLevels[nType] = nLevel;
+    }
+    constexpr bool isSet(LogSeverity::MsgType nType) const noexcept {
+        return m_arrLogLevels[nType] != kNotSet;
+    }
+    // Whether a set threshold lets the severity through (an unset one never does).
+    constexpr bool accepts(const LogSeverity& severity) const noexcept {
+        const std::uint16_t nLevel = m_arrLogLevels[severity.m_nType];
+        return nLevel != kNotSet && nLevel >= severity.m_dwImportance;
+    }
+    friend constexpr bool operator==(const LogLevels&, const LogLevels&) = default;
+
+    std::uint16_t m_arrLogLevels[LogSeverity::kMsgTypeCount];
+};
+
+// The writer ids that a named writer-class group stands for.
+class LogWritersGroup {
+public:
+    LogWritersGroup() noexcept : m_arrIsInGroup{} {}
+    // Ids outside 0..9 fail the assertion "nId < 10" and are ignored.
+    void add(int nId) noexcept;
+    bool contains(int nId) const noexcept;
+
+    bool m_arrIsInGroup[kMaxWriterIds];
+};
+
+class LogFilter : public MemAllocNewdel {
+public:
+    // Every threshold of every writer id unset.
+    LogFilter() noexcept;
+    LogFilter(const LogFilter& other) noexcept;
+    LogFilter& operator=(const LogFilter& other) noexcept;
+
+    // Whether the threshold for the writer's id and the message type passes the importance.
+    // An id outside 0..9 fails the assertion "nId < 10" and is rejected.
+    bool isLogEnabled(const LogSeverity& severity, const LogWriter* pWriter) const noexcept {
+        const unsigned nId = writerIndex(pWriter);
+        if (nId >= kMaxWriterIds) {
+            return false;
+        }
+        const std::uint16_t nLevel =
+            m_logLevels[nId][severity.m_nType].load(std::memory_order_relaxed);
+        return nLevel != LogLevels::kNotSet && nLevel >= severity.m_dwImportance;
+    }
+
+    // Replaces the record of the writer's id (the same id check as isLogEnabled).
+    void setLogLevels(const LogLevels& levels, const LogWriter* pWriter) noexcept;
+    void setLogLevelsForId(int nId, const LogLevels& levels) noexcept;
+    LogLevels getLogLevels(int nId) const noexcept;
+
+    // Fills unset thresholds: from the parent's value for the same id and type, or, for the
+    // root (no parent), with 0 so that an unconfigured root logs nothing. Set thresholds are
+    // never touched.
+    void setMissingSettings(const LogFilter* pParent) noexcept;
+
+    // Unsets the five thresholds of every writer id in the group; the others are kept.
+    void resetLogLevels(const LogWritersGroup& group) noexcept;
+
+private:
+    static unsigned writerIndex(const LogWriter* pWriter) noexcept;
+
+    using AtomicLevels = std::array<std::atomic<std::uint16_t>, LogSeverity::kMsgTypeCount>;
+    std::array<AtomicLevels, kMaxWriterIds> m_logLevels;
+};
+
+// Hashes a source by its address, with buckets chosen by that value modulo the bucket count.
+struct LogLevelsMapHash {
+    std::size_t operator()(const LogSource* pSource) const noexcept {
+        return reinterpret_cast<std::size_t>(pSource);
+    }
+};
+
+class WriterFilter : public RefCountedNonVirtualBase {
+public:
+    explicit WriterFilter(bool bEnabledByDefault = false)
+        : m_bEnabledByDefault(bEnabledByDefault) {}
+
+    // Building; a filter is not changed once a writer holds it.
+    void setLogLevels(const LogSource& source, const LogLevels& levels);
+    void setEnabledByDefault(bool bEnabled) noexcept { m_bEnabledByDefault = bEnabled; }
+
+    // The nearest source on the parent chain, starting at source, whose entry has the message
+    // type's threshold set decides; without one the default decides.
+    bool isLogEnabled(const LogSeverity& severity, const LogSource& source) const noexcept;
+
+    bool isEnabledByDefault() const noexcept { return m_bEnabledByDefault; }
+    // The entry of exactly this source, or null.
+    const LogLevels* findLogLevels(const LogSource& source) const noexcept;
+    std::size_t size() const noexcept { return m_LogFiltersMap.size(); }
+
+private:
+    tl::hash_map<const LogSource*, LogLevels, LogLevelsMapHash> m_LogFiltersMap;
+    bool m_bEnabledByDefault;
+};
+
+}  // namespace kiv

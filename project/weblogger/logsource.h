@@ -1,0 +1,109 @@
+// The process-wide tree of log sources.
+//
+// Every message is logged on behalf of a source: a node of one tree of dotted names such as
+// "kiv.unknown". A node owns its children and a LogFilter with its thresholds per writer id.
+// LogSourcesMan owns the top-level nodes, indexes every node by its full dotted path and creates
+// missing nodes on demand. Nodes are only ever added and live until the process ends, so a
+// LogSourceHandle (a pointer to a node) stays valid for the life of the process.
+//
+// Locking: m_tMonitor (recursive, because a node's constructor registers itself while
+// getLogSource already holds it) guards both registry maps and every node's child map for
+// creation, lookup by name and listing. The logging path reads a node's filter and parent
+// without it: a node's parent, name and path never change after construction and the node is
+// published to other threads under the monitor. findLogSource takes the monitor too: a hash map
+// may rehash while another thread inserts, so an unlocked lookup could read freed buckets.
+#pragma once
+
+#include <vector>
+
+#include "weblogger/logfilter.h"
+#include "zq/tl/hashmap.h"
+#include "zq/webkeel/criticalsection.h"
+#include "zq/webkeel/memalloc.h"
+#include "zq/webkeel/string.h"
+
+namespace kiv {
+
+class LogSource;
+using LogSourcesMap = tl::hash_map<ZQWString, LogSource*, ZQWString::Hash>;
+
+class LogSource : public MemAllocNewdel {
+public:
+    // Builds the node, links it below parent (or makes it top-level) and registers it.
+    LogSource(const ZQWString& name, LogSource* pParent);
+    virtual ~LogSource();
+    LogSource(const LogSource&) = delete;
+    LogSource& operator=(const LogSource&) = delete;
+
+    const ZQWString& getName() const noexcept { return m_strName; }
+    const ZQWString& getPath() const noexcept { return m_strFullPath; }
+    const LogSource* getParent() const noexcept { return m_pParent; }
+    LogSource* getParent() noexcept { return m_pParent; }
+    const LogFilter& getLogFilter() const noexcept { return *m_plogFilter; }
+    LogFilter& getLogFilter() noexcept { return *m_plogFilter; }
+    // "LogSource(<full path>)".
+    ZQWString toString() const;
+
+    // Links a new child. A name that is present already is a programming error: the assertion
+    // facility reports it and the existing child is kept.
+    void addChildSource(LogSource& src);
+    // Appends the full path of every descendant, depth first, pre-order; not this node's own.
+    void getSourceNames(std::vector<ZQWString>& names) const;
+    // The direct children (read under the registry's monitor).
+    const LogSourcesMap& getChildSources() const noexcept { return m_mapChildSources; }
+
+private:
+    friend class LogSourcesMan;  // links children while it holds the monitor
+
+    const ZQWString m_strName;
+    const ZQWString m_strFullPath;
+    LogSourcesMap m_mapChildSources;
+    LogFilter* m_plogFilter;
+    LogSource* m_pParent;
+};
+
+class LogSourcesMan : public MemAllocNewdel {
+public:
+    // The registry, built on first use.
+    static LogSourcesMan& getLogSourcesMan();
+
+    LogSourcesMan();
+    ~LogSourcesMan();
+    LogSourcesMan(const LogSourcesMan&) = delete;
+    LogSourcesMan& operator=(const LogSourcesMan&) = delete;
+
+    // Called by the LogSource constructor only.
+    void addLogSource(LogSource& src, bool bTopLevel);
+    // The node with exactly this full path, or null; never creates one.
+    LogSource* findLogSource(const ZQWString& fullPath) const;
+    // Finds or creates the node of a dotted name, below parent or from the top level.
+    LogSource* getLogSource(const LogSource* pParent, const ZQWString& name);
+    // Every node's full path, pre-order, siblings in hash-map order.
+    void getAllLogSourceNames(std::vector<ZQWString>& names) const;
+
+    CriticalSection& getMonitor() const noexcept { return m_tMonitor; }
+
+private:
+    LogSource* getOrCreateChild(LogSource* pParent, const ZQWString& segment);
+
+    LogSourcesMap m_mapChildSources;
+    LogSourcesMap m_mapAllChildSources;
+    mutable CriticalSection m_tMonitor;
+};
+
+class LogSourceHandle {
+public:
+    // The source of a full dotted name, created when needed.
+    explicit LogSourceHandle(const ZQWString& name);
+    // The source of a dotted name relative to parent's source.
+    LogSourceHandle(const LogSourceHandle& parent, const ZQWString& name);
+
+    const LogSource* get() const noexcept { return m_pLogSource; }
+    const LogSource& operator*() const noexcept { return *m_pLogSource; }
+    const LogSource* operator->() const noexcept { return m_pLogSource; }
+
+private:
+    const LogSource* m_pLogSource;
+};
+
+}  // namespace kiv

@@ -1,0 +1,211 @@
+#include "weblogger/logwriter.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cwchar>
+
+#include "weblogger/loggermessages.h"
+#include "weblogger/logsource.h"
+#include "weblogger/logwritersman.h"
+#include "zq/webkeel/assert.h"
+
+namespace kiv {
+
+const String LogWritersFactory::strDefaultFmtName(L"Default");
+
+namespace {
+const String kAttrName(L"name");
+const String kAttrWriterClassId(L"writerClassId");
+const String kAttrFmtName(L"fmtName");
+const String kElemFormat(L"Format");
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// LogWriter
+
+LogWriter::LogWriter(const String& name, short id, WriterType type,
+                     const Handle<const WriterFilter>& filter)
+    : m_tCs(type != WT_SINGLE_THREADED, 0u, "LogWriter"),
+      m_bIsEnabled(true),
+      m_id(id),
+      m_hWriterFilter(filter) {
+    ZQ_ASSERT(id < 10);
+    m_strName = name;
+    if (type == WT_GLOBAL) {
+        logger_details::LogWritersMan::getLogWritersMan().addLogWriter(this);
+    }
+}
+
+LogWriter::~LogWriter() = default;
+
+bool LogWriter::isLogEnabled(const LogSeverity& severity,
+                             const TmLogger::LoggerState& rLoggerState) const noexcept {
+    const WriterFilter* pFilter = m_hWriterFilter.get();
+    if (pFilter == nullptr) {
+        return true;
+    }
+    ZQ_ASSERT(rLoggerState.getCurSource() != __null);
+    const LogSource* pSource = rLoggerState.getCurSource();
+    // Without a source there is nothing to decide by: the filter's default answers.
+    return pSource != nullptr ? pFilter->isLogEnabled(severity, *pSource)
+                              : pFilter->isEnabledByDefault();
+}
+
+// ---------------------------------------------------------------------------------------------
+// LogWritersFactory
+
+const XmlElement* LogWritersFactory::findFormat(const ConfigChain& chain, const String& fmtName) {
+    for (const XmlElement* pElement : chain) {
+        if (pElement == nullptr) {
+            continue;
+        }
+        for (const XmlNode* pNode = pElement->getFirstChild(); pNode != nullptr;
+             pNode = pNode->getNextSibling()) {
+            const XmlElement* pCandidate = pNode->asElement();
+            if (pCandidate != nullptr && pCandidate->getName().equals(kElemFormat) &&
+                pCandidate->unchecked_getAttributeValue(kAttrName.view())
+                        .compareNoCase(fmtName.view()) == 0) {
+                return pCandidate;
+            }
+        }
+    }
+    return nullptr;
+}
+
+Handle<LogWriter> LogWritersFactory::createWriter(WriterConstructor pfnConstruct,
+                                                  const XmlNode* pConfig, const ConfigChain& chain,
+                                                  LogWriter::WriterType type,
+                                                  const Handle<const WriterFilter>& filter) {
+    ZQ_ASSERT(pConfig != 0);
+    if (pConfig == nullptr) {
+        return Handle<LogWriter>();
+    }
+    ZQ_ASSERT(pConfig->getType() == XmlNode::kTypeElement);
+    const XmlElement* pElement = pConfig->asElement();
+    if (pElement == nullptr) {
+        return Handle<LogWriter>();
+    }
+
+    const String strName = pElement->getAttributeValue(kAttrName.view(), true);
+    const String strClassId = pElement->getAttributeValue(kAttrWriterClassId.view(), true);
+    // Base-10 conversion without error checks: text that is not a number reads as 0.
+    const std::uint32_t iClassId =
+        static_cast<std::uint32_t>(std::wcstol(strClassId.c_str(), nullptr, 10));
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wtautological-unsigned-zero-compare"
+#else
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wtype-limits"
+#endif
+    // The unsigned comparison also rejects negative ids, which wrap to large values.
+    ZQ_ASSERT(iClassId >= 0 && iClassId < 10);
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#else
+#pragma GCC diagnostic pop
+#endif
+
+    String strFmtName = pElement->getAttributeValue(kAttrFmtName.view());
+    if (strFmtName.empty()) {
+        strFmtName = strDefaultFmtName;
+    }
+    const XmlElement* pFormat = findFormat(chain, strFmtName);
+    if (pFormat == nullptr) {
+        ZQ_THROW(LogFormatNotFound(strFmtName));
+    }
+
+    Handle<LogWriter> hWriter(pfnConstruct(strName, static_cast<short>(iClassId), type, filter));
+    if (!hWriter->initialize(pElement, pFormat)) {
+        return Handle<LogWriter>();
+    }
+    return hWriter;
+}
+
+// ---------------------------------------------------------------------------------------------
+// LogWritersMan
+
+namespace logger_details {
+namespace {
+std::atomic<int> nLogWriterManState{0};
+}  // namespace
+
+LogWritersMan& LogWritersMan::getLogWritersMan() {
+    static std::unique_ptr<LogWritersMan> delLogWritersMan_(new LogWritersMan);
+    ZQ_ASSERT(nLogWriterManState == 1);
+    return *delLogWritersMan_;
+}
+
+namespace {
+// Built at library load, before any writer unit registers its factory or any thread logs.
+LogWritersMan* const g_pLogWritersMan = &LogWritersMan::getLogWritersMan();
+}  // namespace
+
+int LogWritersMan::getState() noexcept {
+    return nLogWriterManState.load();
+}
+
+LogWritersMan::LogWritersMan()
+    : m_monitor(CriticalSection::kAllowRecursion, "LogWritersMan"), m_Version(0) {
+    ZQ_ASSERT(nLogWriterManState == 0);
+    nLogWriterManState = 1;
+}
+
+LogWritersMan::~LogWritersMan() {
+    ZQ_ASSERT(nLogWriterManState == 1);
+    nLogWriterManState = 2;
+    m_LogWritersFactoryMap.clear();
+    m_LogWritersList.clear();
+}
+
+void LogWritersMan::addLogWritersFactory(const LogWritersFactory* pFactory) {
+    if (pFactory == nullptr) {
+        return;
+    }
+    Handle<const LogWritersFactory> hFactory(pFactory);
+    LockGuard<CriticalSection> lock(m_monitor);
+    m_LogWritersFactoryMap[pFactory->getName()] = std::move(hFactory);
+}
+
+Handle<const LogWritersFactory> LogWritersMan::getLogWritersFactory(const String& className) {
+    LockGuard<CriticalSection> lock(m_monitor);
+    const auto it = m_LogWritersFactoryMap.find(className);
+    return it != m_LogWritersFactoryMap.end() ? it->second : Handle<const LogWritersFactory>();
+}
+
+void LogWritersMan::removeLogWritersFactory(const String& className) {
+    Handle<const LogWritersFactory> hReleasedOutsideLock;
+    LockGuard<CriticalSection> lock(m_monitor);
+    const auto it = m_LogWritersFactoryMap.find(className);
+    if (it != m_LogWritersFactoryMap.end()) {
+        hReleasedOutsideLock = std::move(it->second);
+        m_LogWritersFactoryMap.erase(it);
+    }
+}
+
+void LogWritersMan::addLogWriter(LogWriter* pWriter) {
+    LockGuard<CriticalSection> lock(m_monitor);
+    m_LogWritersList.emplace_back(pWriter);
+}
+
+void LogWritersMan::removeLogWriter(LogWriter* pWriter) {
+    LockGuard<CriticalSection> lock(m_monitor);
+    m_LogWritersList.erase(
+        std::remove_if(m_LogWritersList.begin(), m_LogWritersList.end(),
+                       [pWriter](const Handle<LogWriter>& h) { return h.get() == pWriter; }),
+        m_LogWritersList.end());
+}
+
+void LogWritersMan::clearWriters() {
+    LockGuard<CriticalSection> lock(m_monitor);
+    m_LogWritersList.clear();
+}
+
+void LogWritersMan::getWriters(std::vector<Handle<LogWriter>>& out, AtomicEntity<int>& version) {
+    LockGuard<CriticalSection> lock(m_monitor);
+    out = m_LogWritersList;
+    version.set(m_Version.get());
+}
+
+}  // namespace logger_details
+}  // namespace kiv

@@ -1,0 +1,131 @@
+// The writer base class and the writer factories.
+//
+// A writer receives one fully described message at a time and renders it somewhere. Writers
+// are reference counted and always held through Handle<LogWriter>. A writer of type WT_GLOBAL
+// or WT_SHARED owns one non-recursive lock (m_tCs) that its output operations take; a
+// WT_SINGLE_THREADED writer has none and its guard does nothing. A WT_GLOBAL writer enters the
+// writer registry's global list from its constructor; that handle keeps it alive until the
+// configuration retires it.
+//
+// A factory builds writers of one class from a configuration element: it reads "name" and
+// "writerClassId", finds the Format element named by "fmtName" (default "Default") in the
+// chain of enclosing configuration elements, constructs the writer and initialises it.
+//
+// Lock order: a writer's constructor takes the registry's monitor while holding no lock of its
+// own; a writer never takes the registry's monitor while it holds its own lock.
+#pragma once
+
+#include <cstdint>
+
+#include "weblogger/commonseverities.h"
+#include "weblogger/logfilter.h"
+#include "weblogger/tmlogger.h"
+#include "zq/tl/stacked_vector.h"
+#include "zq/webkeel/criticalsection.h"
+#include "zq/webkeel/gdvalue.h"
+#include "zq/webkeel/handle.h"
+#include "zq/webkeel/string.h"
+#include "zq/webutil/xmldocument.h"
+
+namespace kiv {
+
+using WriterSynchro = OptionalSynchroAdaptor<CriticalSection>;
+
+class LogWriter : public RefCountedBaseTemplate<MemAllocNewdel> {
+public:
+    enum WriterType { WT_GLOBAL = 1, WT_SHARED = 2, WT_SINGLE_THREADED = 3 };
+
+    // An id above 9 fails the assertion "id < 10" and is stored anyway; the comparison is
+    // signed, so a negative id passes here (the factory's own check rejects it).
+    LogWriter(const String& name, short id, WriterType type,
+              const Handle<const WriterFilter>& filter);
+    ~LogWriter() override;
+
+    // Reads the writer's own attributes and compiles its format; whether the writer is usable.
+    virtual bool initialize(const XmlElement* pConfig, const XmlElement* pFormat) = 0;
+    // Writes one message.
+    virtual void logMessage(const LogSeverity& severity, const GDValue& message,
+                            const TmLogger::LoggerState& state,
+                            const TmLogger::FileLocation* pLocation) = 0;
+
+    // A writer without a writer filter accepts every message; otherwise the state's current
+    // source (which must exist: "rLoggerState.getCurSource() != __null") decides through it.
+    bool isLogEnabled(const LogSeverity& severity,
+                      const TmLogger::LoggerState& rLoggerState) const noexcept;
+
+    const String& getName() const noexcept { return m_strName; }
+    short getClassId() const noexcept { return m_id; }
+    bool isEnabled() const noexcept { return m_bIsEnabled.load(std::memory_order_acquire); }
+    void setIsEnabled(bool bEnabled) noexcept {
+        m_bIsEnabled.store(bEnabled, std::memory_order_release);
+    }
+    void enable(bool bEnabled) noexcept { setIsEnabled(bEnabled); }
+    WriterSynchro& getWriterSynchro() const noexcept { return m_tCs; }
+    const Handle<const WriterFilter>& getWriterFilter() const noexcept { return m_hWriterFilter; }
+
+private:
+    mutable WriterSynchro m_tCs;
+    // Cleared by the configuration on another thread while logging threads test it.
+    std::atomic<bool> m_bIsEnabled;
+    String m_strName;
+    short m_id;
+    Handle<const WriterFilter> m_hWriterFilter;
+};
+
+class LogWritersFactory : public RefCountedBaseTemplate<MemAllocNewdel> {
+public:
+    using ConfigChain = local_heap::stacked_vector<128, const XmlElement*>;
+
+    // The format used when a writer names none: "Default".
+    static const String strDefaultFmtName;
+
+    explicit LogWritersFactory(String name) : m_strName(std::move(name)) {}
+    ~LogWritersFactory() override = default;
+
+    // A new, initialised writer from its configuration node; null when initialize failed.
+    // Throws LogFormatNotFound for an unknown format and XmlException for a missing required
+    // attribute.
+    virtual Handle<LogWriter> create(const XmlNode* pConfig, const ConfigChain& chain,
+                                     LogWriter::WriterType type,
+                                     const Handle<const WriterFilter>& filter) const = 0;
+
+    const String& getName() const noexcept { return m_strName; }
+
+    // The Format element named fmtName (ignoring case) among the children of the chain's
+    // elements, first element of the chain first; null when there is none.
+    static const XmlElement* findFormat(const ConfigChain& chain, const String& fmtName);
+
+protected:
+    using WriterConstructor = LogWriter* (*)(const String& name, short id,
+                                             LogWriter::WriterType type,
+                                             const Handle<const WriterFilter>& filter);
+    // The creation algorithm shared by every writer class.
+    static Handle<LogWriter> createWriter(WriterConstructor pfnConstruct, const XmlNode* pConfig,
+                                          const ConfigChain& chain, LogWriter::WriterType type,
+                                          const Handle<const WriterFilter>& filter);
+
+    String m_strName;
+};
+
+namespace logger_details {
+
+template <class T>
+class LogWritersFactoryImpl : public LogWritersFactory {
+public:
+    explicit LogWritersFactoryImpl(String name) : LogWritersFactory(std::move(name)) {}
+
+    Handle<LogWriter> create(const XmlNode* pConfig, const ConfigChain& chain,
+                             LogWriter::WriterType type,
+                             const Handle<const WriterFilter>& filter) const override {
+        return createWriter(&construct, pConfig, chain, type, filter);
+    }
+
+private:
+    static LogWriter* construct(const String& name, short id, LogWriter::WriterType type,
+                                const Handle<const WriterFilter>& filter) {
+        return new T(name, id, type, filter);
+    }
+};
+
+}  // namespace logger_details
+}  // namespace kiv

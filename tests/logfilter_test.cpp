@@ -1,0 +1,252 @@
+#include "weblogger/logfilter.h"
+
+#include <gtest/gtest.h>
+
+#include "support/alloc_counter.h"
+#include "support/test_writer.h"
+#include "weblogger/logsource.h"
+
+namespace kiv {
+namespace {
+
+using test::RecordingWriter;
+
+Handle<RecordingWriter> makeWriter(short id, Handle<const WriterFilter> filter = nullptr) {
+    return Handle<RecordingWriter>(
+        new RecordingWriter(String(L"w"), id, LogWriter::WT_SINGLE_THREADED, filter));
+}
+
+TEST(LogLevelsTest, FreshRecordIsAllUnset) {
+    const LogLevels levels;
+    for (int nType = 0; nType < LogSeverity::kMsgTypeCount; ++nType) {
+        EXPECT_EQ(levels.m_arrLogLevels[nType], 65535);
+    }
+    const LogLevels given(1, 2, 3, 4, 5);
+    EXPECT_EQ(given.get(LogSeverity::SV_INCIDENT_ERROR), 1);
+    EXPECT_EQ(given.get(LogSeverity::SV_TRACE), 5);
+}
+
+TEST(LogFilterTest, FreshFilterRejectsEverything) {
+    const LogFilter filter;
+    for (short nId = 0; nId < 10; ++nId) {
+        auto hWriter = makeWriter(nId);
+        EXPECT_FALSE(filter.isLogEnabled(kSevErrorCorruption, hWriter.get()));
+        EXPECT_FALSE(filter.isLogEnabled(kSevErrorFatal, hWriter.get()));
+        EXPECT_FALSE(filter.isLogEnabled(kSevInfoCritical, hWriter.get()));
+        EXPECT_FALSE(filter.isLogEnabled(kSevTraceFine, hWriter.get()));
+    }
+}
+
+TEST(LogFilterTest, ThresholdZeroRejectsImportanceOne) {
+    LogFilter filter;
+    auto hWriter = makeWriter(2);
+    filter.setLogLevels(LogLevels(0, 0, 0, 0, 0), hWriter.get());
+    EXPECT_FALSE(filter.isLogEnabled(kSevErrorFatal, hWriter.get()));
+    EXPECT_FALSE(filter.isLogEnabled(kSevTraceFine, hWriter.get()));
+}
+
+TEST(LogFilterTest, Threshold65534AcceptsEverythingUpTo65534) {
+    LogFilter filter;
+    auto hWriter = makeWriter(2);
+    filter.setLogLevels(LogLevels(65534, 65534, 65534, 65534, 65534), hWriter.get());
+    EXPECT_TRUE(filter.isLogEnabled(LogSeverity(LogSeverity::SV_ERROR, 65534), hWriter.get()));
+    EXPECT_TRUE(filter.isLogEnabled(kSevTraceFinest, hWriter.get()));
+    EXPECT_FALSE(filter.isLogEnabled(LogSeverity(LogSeverity::SV_ERROR, 65535), hWriter.get()));
+}
+
+TEST(LogFilterTest, ThresholdEqualToImportanceAccepts) {
+    LogFilter filter;
+    auto hWriter = makeWriter(0);
+    filter.setLogLevels(LogLevels(1, 16, 16, 20, 16), hWriter.get());
+    EXPECT_TRUE(filter.isLogEnabled(kSevError, hWriter.get()));
+    EXPECT_FALSE(filter.isLogEnabled(kSevErrorUser, hWriter.get()));
+    EXPECT_TRUE(filter.isLogEnabled(kSevInfo, hWriter.get()));
+    EXPECT_TRUE(filter.isLogEnabled(kSevTraceFiner, hWriter.get()));
+    EXPECT_FALSE(filter.isLogEnabled(kSevTraceFinest, hWriter.get()));
+}
+
+TEST(LogFilterTest, ThresholdsArePerWriterId) {
+    LogFilter filter;
+    auto hFirst = makeWriter(1);
+    auto hSecond = makeWriter(7);
+    filter.setLogLevels(LogLevels(32, 32, 32, 32, 32), hFirst.get());
+    EXPECT_TRUE(filter.isLogEnabled(kSevError, hFirst.get()));
+    EXPECT_FALSE(filter.isLogEnabled(kSevError, hSecond.get()));
+}
+
+TEST(LogFilterTest, SetMissingSettingsWithoutParentTurnsUnsetIntoZero) {
+    LogFilter filter;
+    filter.setLogLevelsForId(4, LogLevels(0, 7, 65534, 65535, 65535));
+    filter.setMissingSettings(nullptr);
+    EXPECT_EQ(filter.getLogLevels(4), LogLevels(0, 7, 65534, 0, 0));
+    EXPECT_EQ(filter.getLogLevels(0), LogLevels(0, 0, 0, 0, 0));
+}
+
+TEST(LogFilterTest, SetMissingSettingsFromParentFillsOnlyUnsetSlots) {
+    LogFilter parent;
+    parent.setLogLevelsForId(3, LogLevels(1, 2, 3, 4, 5));
+    LogFilter child;
+    child.setLogLevelsForId(3, LogLevels(9, 65535, 0, 65535, 65534));
+    child.setMissingSettings(&parent);
+    EXPECT_EQ(child.getLogLevels(3), LogLevels(9, 2, 0, 4, 65534));
+    // The parent's own unset values travel down as unset.
+    EXPECT_EQ(child.getLogLevels(5), LogLevels());
+}
+
+TEST(LogFilterTest, ResetWithEmptyGroupChangesNothing) {
+    LogFilter filter;
+    filter.setLogLevelsForId(3, LogLevels(1, 2, 3, 4, 5));
+    filter.resetLogLevels(LogWritersGroup());
+    EXPECT_EQ(filter.getLogLevels(3), LogLevels(1, 2, 3, 4, 5));
+}
+
+TEST(LogFilterTest, ResetWithWriterThreeUnsetsExactlyItsThresholds) {
+    LogFilter filter;
+    for (int nId = 0; nId < 10; ++nId) {
+        filter.setLogLevelsForId(nId, LogLevels(1, 2, 3, 4, 5));
+    }
+    LogWritersGroup group;
+    group.add(3);
+    filter.resetLogLevels(group);
+    for (int nId = 0; nId < 10; ++nId) {
+        EXPECT_EQ(filter.getLogLevels(nId), nId == 3 ? LogLevels() : LogLevels(1, 2, 3, 4, 5));
+    }
+}
+
+TEST(LogFilterTest, InfoMinorIsGovernedByTheTraceThreshold) {
+    LogFilter filter;
+    auto hWriter = makeWriter(0);
+    filter.setLogLevels(LogLevels(65534, 65534, 65534, 65534, 0), hWriter.get());
+    EXPECT_FALSE(filter.isLogEnabled(kSevInfoMinor, hWriter.get()));
+    filter.setLogLevels(LogLevels(0, 0, 0, 0, 1), hWriter.get());
+    EXPECT_TRUE(filter.isLogEnabled(kSevInfoMinor, hWriter.get()));
+}
+
+TEST(LogFilterTest, WriterIdOutsideTheTableIsReportedAndRejected) {
+    AssertionCapture capture;
+    LogFilter filter;
+    filter.setLogLevelsForId(0, LogLevels(32, 32, 32, 32, 32));
+    auto hNegative = makeWriter(-1);
+    EXPECT_FALSE(filter.isLogEnabled(kSevError, hNegative.get()));
+    EXPECT_TRUE(capture.contains("nId < 10"));
+}
+
+TEST(LogWritersGroupTest, HoldsIdsZeroToNine) {
+    AssertionCapture capture;
+    LogWritersGroup group;
+    group.add(0);
+    group.add(9);
+    group.add(10);
+    EXPECT_TRUE(group.contains(0));
+    EXPECT_TRUE(group.contains(9));
+    EXPECT_FALSE(group.contains(10));
+    EXPECT_FALSE(group.contains(5));
+    EXPECT_TRUE(capture.contains("nId < 10"));
+}
+
+class WriterFilterTest : public ::testing::Test {
+protected:
+    // wf.a, wf.a.b, wf.a.b.c: a private branch of the process-wide tree.
+    LogSourceHandle m_root{String(L"wftest")};
+    LogSourceHandle m_a{m_root, String(L"a")};
+    LogSourceHandle m_b{m_a, String(L"b")};
+    LogSourceHandle m_c{m_b, String(L"c")};
+};
+
+TEST_F(WriterFilterTest, UnsetChildEntryLetsParentDecide) {
+    WriterFilter filter;
+    filter.setLogLevels(*m_b, LogLevels(1, 16, 1, 1, 1));
+    filter.setLogLevels(*m_c, LogLevels(1, 65535, 1, 1, 1));
+    EXPECT_TRUE(filter.isLogEnabled(kSevError, *m_c));
+    EXPECT_FALSE(filter.isLogEnabled(kSevErrorUser, *m_c));
+}
+
+TEST_F(WriterFilterTest, SetEntryThatFailsStopsTheSearch) {
+    WriterFilter filter(true);
+    filter.setLogLevels(*m_root, LogLevels(100, 100, 100, 100, 100));
+    filter.setLogLevels(*m_b, LogLevels(0, 0, 0, 0, 0));
+    EXPECT_FALSE(filter.isLogEnabled(kSevErrorFatal, *m_c));
+    EXPECT_TRUE(filter.isLogEnabled(kSevErrorFatal, *m_a));
+}
+
+TEST_F(WriterFilterTest, DefaultFlagAnswersWhenNothingOnThePathIsSet) {
+    WriterFilter rejecting(false);
+    WriterFilter accepting(true);
+    rejecting.setLogLevels(*m_c, LogLevels(65535, 65535, 65535, 65535, 1));
+    accepting.setLogLevels(*m_c, LogLevels(65535, 65535, 65535, 65535, 1));
+    EXPECT_FALSE(rejecting.isLogEnabled(kSevError, *m_c));
+    EXPECT_TRUE(accepting.isLogEnabled(kSevError, *m_c));
+    EXPECT_TRUE(rejecting.isLogEnabled(kSevTraceFine, *m_c));
+    EXPECT_FALSE(rejecting.isLogEnabled(kSevTraceFine, *m_b));
+}
+
+TEST_F(WriterFilterTest, WriterWithoutFilterAcceptsEverySeverityAndSource) {
+    auto hWriter = makeWriter(0);
+    TmLogger::LoggerState state;
+    EXPECT_TRUE(hWriter->isLogEnabled(kSevTraceFinest, state));  // even with no source
+    for (const LogSourceHandle* pSource : {&m_root, &m_a, &m_c}) {
+        state.pushSource(**pSource);
+        EXPECT_TRUE(hWriter->isLogEnabled(kSevErrorCorruption, state));
+        EXPECT_TRUE(hWriter->isLogEnabled(kSevTraceFinest, state));
+    }
+}
+
+TEST_F(WriterFilterTest, WriterWithFilterUsesTheCurrentSource) {
+    Handle<WriterFilter> hFilter(new WriterFilter(false));
+    hFilter->setLogLevels(*m_a, LogLevels(16, 16, 16, 16, 16));
+    auto hWriter = makeWriter(0, hFilter);
+    TmLogger::LoggerState state;
+    state.pushSource(*m_root);
+    EXPECT_FALSE(hWriter->isLogEnabled(kSevError, state));
+    state.pushSource(*m_c);
+    EXPECT_TRUE(hWriter->isLogEnabled(kSevError, state));
+    EXPECT_FALSE(hWriter->isLogEnabled(kSevErrorUser, state));
+}
+
+TEST_F(WriterFilterTest, WriterWithFilterAndNoSourceReportsAndUsesDefault) {
+    AssertionCapture capture;
+    Handle<WriterFilter> hFilter(new WriterFilter(false));
+    auto hWriter = makeWriter(0, hFilter);
+    const TmLogger::LoggerState state;
+    EXPECT_FALSE(hWriter->isLogEnabled(kSevError, state));
+    EXPECT_TRUE(capture.contains("rLoggerState.getCurSource() != __null"));
+}
+
+TEST_F(WriterFilterTest, SourceFilterAndWriterFilterMustBothPass) {
+    // The full decision for one writer: the source's filter, then the writer's own.
+    Handle<WriterFilter> hFilter(new WriterFilter(true));
+    hFilter->setLogLevels(*m_c, LogLevels(1, 1, 1, 1, 1));
+    auto hFiltered = makeWriter(6, hFilter);
+    auto hOpen = makeWriter(6);
+    LogSource& source =
+        *LogSourcesMan::getLogSourcesMan().getLogSource(nullptr, String(L"wftest.a.b.c"));
+    source.getLogFilter().setLogLevelsForId(6, LogLevels(16, 16, 16, 16, 16));
+    TmLogger::LoggerState state;
+    state.pushSource(source);
+    const auto decide = [&](const LogWriter& writer, const LogSeverity& severity) {
+        return source.getLogFilter().isLogEnabled(severity, &writer) &&
+               writer.isLogEnabled(severity, state);
+    };
+    EXPECT_TRUE(decide(*hOpen, kSevError));
+    EXPECT_FALSE(decide(*hFiltered, kSevError));
+    EXPECT_TRUE(decide(*hFiltered, kSevErrorFatal));
+    EXPECT_FALSE(decide(*hOpen, kSevErrorUser));
+}
+
+TEST_F(WriterFilterTest, DecisionsAllocateNothing) {
+    WriterFilter writerFilter(false);
+    writerFilter.setLogLevels(*m_root, LogLevels(16, 16, 16, 16, 16));
+    auto hWriter = makeWriter(1);
+    const LogFilter& sourceFilter = m_c->getLogFilter();
+    test::AllocationScope scope;
+    bool bAny = false;
+    for (int i = 0; i < 1000; ++i) {
+        bAny |= writerFilter.isLogEnabled(kSevError, *m_c);
+        bAny |= sourceFilter.isLogEnabled(kSevError, hWriter.get());
+    }
+    EXPECT_EQ(scope.count(), 0u);
+    EXPECT_TRUE(bAny);
+}
+
+}  // namespace
+}  // namespace kiv
