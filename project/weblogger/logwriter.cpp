@@ -99,7 +99,10 @@ Handle<LogWriter> LogWritersFactory::createWriter(WriterConstructor pfnConstruct
 #pragma GCC diagnostic ignored "-Wtype-limits"
 #endif
     // The unsigned comparison also rejects negative ids, which wrap to large values.
-    ZQ_ASSERT(iClassId >= 0 && iClassId < 10);
+    // The reported text is the condition exactly as written here.
+    // clang-format off
+    ZQ_ASSERT(iClassId >=0 && iClassId<10);
+    // clang-format on
 #if defined(__clang__)
 #pragma clang diagnostic pop
 #else
