@@ -74,8 +74,8 @@ std::vector<const Exception*> Exception::getFlattenedListOfLinkedExceptions() co
 }
 
 void Exception::appendFlattened(std::vector<const Exception*>& out) const {
-    out.push_back(this);
     for (const auto& pLinked : m_vecLinked) {
+        out.push_back(pLinked.get());
         pLinked->appendFlattened(out);
     }
 }

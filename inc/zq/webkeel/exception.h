@@ -58,7 +58,8 @@ public:
     const std::vector<std::unique_ptr<Exception>>& getLinkedExceptions() const noexcept {
         return m_vecLinked;
     }
-    // This exception first, then every linked exception depth first, in linking order.
+    // Every linked exception, depth first in linking order (each followed by its own links);
+    // this exception itself is not in the list, so an exception without links gives none.
     std::vector<const Exception*> getFlattenedListOfLinkedExceptions() const;
 
     // The message text in UTF-8.
