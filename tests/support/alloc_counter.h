@@ -10,6 +10,10 @@ namespace kiv::test {
 // Allocations made by this thread since it started.
 std::size_t threadAllocationCount() noexcept;
 
+// Bytes held by blocks from operator new in the whole process right now (usable sizes, so
+// a little more than was asked for).
+std::size_t liveHeapBytes() noexcept;
+
 // Allocations made by this thread inside the scope of one object.
 class AllocationScope {
 public:
