@@ -1,0 +1,65 @@
+#include "weblogger/keelloggerlogimpl.h"
+
+#include "weblogger/logsource.h"
+#include "weblogger/tmlogger.h"
+#include "zq/webkeel/transcode.h"
+
+namespace kiv {
+
+KeelLoggerLogImpl& KeelLoggerLogImpl::getKeelLoggerLogImpl() {
+    // Never destroyed: the foundation may still hold it while the process exits.
+    static KeelLoggerLogImpl* s_pInstance = new KeelLoggerLogImpl;
+    return *s_pInstance;
+}
+
+void KeelLoggerLogImpl::plugMeIn() {
+    KeelLogger::setKeelLogger(&getKeelLoggerLogImpl());
+}
+
+std::uint64_t KeelLoggerLogImpl::importanceOf(int nSeverity) noexcept {
+    static constexpr std::uint64_t kImportance[] = {32, 31, 16, 10, 5, 1, 1};
+    return nSeverity >= 0 && nSeverity < 7 ? kImportance[nSeverity] : 31;
+}
+
+bool KeelLoggerLogImpl::pushLogsource(const String& name) {
+    const LogSource* pSource = LogSourcesMan::getLogSourcesMan().findLogSource(name);
+    if (pSource == nullptr) {
+        return false;
+    }
+    TmLogger::getLogger().pushSource(*pSource);
+    return true;
+}
+
+void KeelLoggerLogImpl::popLogsource() {
+    TmLogger::getLogger().popSource();
+}
+
+void KeelLoggerLogImpl::log(MessageType nType, MessageSeverity nSeverity, const wchar_t* pwszFile,
+                            unsigned nLine, const wchar_t* pwszText) {
+    log(nType, nSeverity, pwszFile, nLine, GDStringRef(pwszText));
+}
+
+void KeelLoggerLogImpl::log(MessageType nType, MessageSeverity nSeverity, const wchar_t* pwszFile,
+                            unsigned nLine, const GDValue& message) {
+    const LogSeverity severity(static_cast<LogSeverity::MsgType>(nType), importanceOf(nSeverity));
+    const TmLogger::FileLocation location(pwszFile, nLine);
+    TmLogger::getLogger().logMessage(severity, message, nullptr, &location);
+}
+
+void KeelLoggerLogImpl::logException(const Exception& exception,
+                                     Exception::ExceptionSeverity nSeverity) {
+    const LogSeverity severity(LogSeverity::SV_ERROR, importanceOf(nSeverity));
+    const String strFile = fromUtf8(exception.getFile());
+    const TmLogger::FileLocation location(strFile.c_str(), exception.getLine());
+    TmLogger::getLogger().logException(exception, &severity, &location, nullptr);
+}
+
+void KeelLoggerLogImpl::getCurrentLogSourceNames(std::vector<String>& names) const {
+    TmLogger::getLogger().getCurrentLogSourceNames(names);
+}
+
+bool KeelLoggerLogImpl::isInLogCall() const {
+    return TmLogger::getLogger().isInLogCall();
+}
+
+}  // namespace kiv
