@@ -1,8 +1,9 @@
 // The library's user-visible texts and its exceptions.
 //
-// Texts are catalogue messages with a default template that the message file
-// "loggermessages.xml" may translate per language. Configuration errors are exceptions built
-// from these messages.
+// Texts are catalogue messages with a default template; the message file "loggermessages.xml"
+// may translate them per language (it is registered with the message-files registry when the
+// library loads, before any message is used). Configuration errors are exceptions built from
+// these messages, so what an operator reads is always the catalogue's text with its inserts.
 #pragma once
 
 #include "zq/webkeel/exception.h"
@@ -13,8 +14,32 @@ namespace kiv {
 // The message file that translates the texts below.
 extern const wchar_t* const kLoggerMessagesFile;
 
+// "File:  " insert 1 ". Line:  " insert 2 ". Core dumped in " insert 3
+extern const ExternalMessage kmsgCoreDumped;
 // "Failed to init log writer. The following log format is not found: " insert 1
 extern const ExternalMessage kmsgFormatNotFound;
+// "Failed to load configuration. Writers Class " insert 1 " is defined more then once."
+extern const ExternalMessage kmsgLogConfigClassDefinedMoreThenOnce;
+// "Failed to load configuration. Class id " insert 1 " is out of range."
+extern const ExternalMessage kmsgLogConfigClassIdOutOfRange;
+// "Failed to load configuration. Writers Class " insert 1 " is not defined."
+extern const ExternalMessage kmsgLogConfigClassNotDefined;
+// "Failed to log the following message. " insert 1 " "
+extern const ExternalMessage kmsgLogFromLogger;
+// Structured content: the catalogue's Format definitions ("Default", "Short", "xml").
+extern const ExternalMessage kmsgLogFormats;
+
+// The long and short names of the five message types.
+extern const ExternalMessage kmsgLogIncidentErrorLong;   // "INCIDENT_ERROR"
+extern const ExternalMessage kmsgLogIncidentErrorShort;  // "I_E"
+extern const ExternalMessage kmsgLogErrorLong;           // "ERROR"
+extern const ExternalMessage kmsgLogErrorShort;          // "E"
+extern const ExternalMessage kmsgLogWarningLong;         // "WARNING"
+extern const ExternalMessage kmsgLogWarningShort;        // "W"
+extern const ExternalMessage kmsgLogInformationLong;     // "NOTIFICATION"
+extern const ExternalMessage kmsgLogInformationShort;    // "N"
+extern const ExternalMessage kmsgLogTraceLong;           // "TRACE"
+extern const ExternalMessage kmsgLogTraceShort;          // "T"
 
 class LogConfigurationException : public Exception {
 public:
@@ -25,12 +50,20 @@ public:
 
 class LogFormatNotFound : public LogConfigurationException {
 public:
+    // kmsgFormatNotFound with insert 1 set to the name.
     explicit LogFormatNotFound(const String& formatName);
     const String& getFormatName() const noexcept { return m_strFormatName; }
     ZQ_EXCEPTION_COMMON(LogFormatNotFound)
 
 private:
     String m_strFormatName;
+};
+
+class LoggerException : public Exception {
+public:
+    // From a catalogue message; the reader sets its inserts before it throws.
+    explicit LoggerException(const GDValue& message);
+    ZQ_EXCEPTION_COMMON(LoggerException)
 };
 
 }  // namespace kiv
