@@ -38,6 +38,35 @@ LogWriter::LogWriter(const String& name, short id, WriterType type,
 
 LogWriter::~LogWriter() = default;
 
+namespace {
+thread_local bool t_bWriteRefused = false;
+}  // namespace
+
+void LogWriter::retire() noexcept {
+    m_bRetired.store(true, std::memory_order_release);
+    setIsEnabled(false);
+    m_tCs.acquire();
+    m_tCs.release();
+}
+
+bool LogWriter::acceptWrite() const noexcept {
+    if (isEnabled()) {
+        return true;
+    }
+    // Only a replaced writer's message is handed on; a writer that disabled itself (its file
+    // could not be opened) simply writes nothing, as the configuration asked.
+    if (isRetired()) {
+        t_bWriteRefused = true;
+    }
+    return false;
+}
+
+bool LogWriter::takeWriteRefusal() noexcept {
+    const bool bRefused = t_bWriteRefused;
+    t_bWriteRefused = false;
+    return bRefused;
+}
+
 bool LogWriter::isLogEnabled(const LogSeverity& severity,
                              const TmLogger::LoggerState& rLoggerState) const noexcept {
     const WriterFilter* pFilter = m_hWriterFilter.get();

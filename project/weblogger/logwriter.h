@@ -61,12 +61,28 @@ public:
     }
     void enable(bool bEnabled) noexcept { setIsEnabled(bEnabled); }
     WriterSynchro& getWriterSynchro() const noexcept { return m_tCs; }
+
+    // Takes the writer out of service because the configuration replaces it: marks it
+    // retired, clears the enabled flag, then passes through the writer's lock, so that when it
+    // returns no write is in progress and none will start.
+    void retire() noexcept;
+    bool isRetired() const noexcept { return m_bRetired.load(std::memory_order_acquire); }
+    // True (once) when a write on this thread was refused by a retired writer since the last
+    // call; the dispatcher then hands the message to the writers that replaced it.
+    static bool takeWriteRefusal() noexcept;
     const Handle<const WriterFilter>& getWriterFilter() const noexcept { return m_hWriterFilter; }
+
+protected:
+    // A writer's logMessage calls this under its own lock before it writes anything: false
+    // when the writer has been retired, and then it must write nothing. A message that raced
+    // with a reconfiguration is thereby neither written to a retired writer nor lost.
+    bool acceptWrite() const noexcept;
 
 private:
     mutable WriterSynchro m_tCs;
     // Cleared by the configuration on another thread while logging threads test it.
     std::atomic<bool> m_bIsEnabled;
+    std::atomic<bool> m_bRetired{false};
     String m_strName;
     short m_id;
     Handle<const WriterFilter> m_hWriterFilter;

@@ -1,0 +1,600 @@
+#include "weblogger/tmlogger.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <stdexcept>
+#include <thread>
+
+#include "support/alloc_counter.h"
+#include "support/keel_logger_double.h"
+#include "support/test_writer.h"
+#include "weblogger/keelloggerlogimpl.h"
+#include "weblogger/loggermessages.h"
+#include "weblogger/logwritersman.h"
+
+namespace kiv {
+namespace {
+
+using logger_details::LogWritersMan;
+using test::KeelLoggerDouble;
+using test::RecordingWriter;
+
+constexpr short kWriterId = 6;
+
+// Lets every message through the source's filter for the test writers' id.
+void openSource(const LogSource& source) {
+    const_cast<LogSource&>(source).getLogFilter().setLogLevelsForId(
+        kWriterId, LogLevels(65534, 65534, 65534, 65534, 65534));
+}
+
+Handle<RecordingWriter> makeWriter(const wchar_t* pszName,
+                                   LogWriter::WriterType type = LogWriter::WT_SINGLE_THREADED) {
+    return Handle<RecordingWriter>(new RecordingWriter(String(pszName), kWriterId, type, nullptr));
+}
+
+std::vector<String> texts(const RecordingWriter& writer) {
+    std::vector<String> vecTexts;
+    for (const auto& record : writer.records()) {
+        vecTexts.push_back(record.text);
+    }
+    return vecTexts;
+}
+
+class TmLoggerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        openSource(*lsUnspecified);
+        openSource(*m_source);
+        ASSERT_EQ(logger().getLoggerState().getCurSource(), nullptr);
+    }
+    void TearDown() override {
+        logger().clearLocalWriters();
+        LogWritersMan::getLogWritersMan().clearWriters();
+        LogWritersMan::getLogWritersMan().versionIncrement();
+        while (logger().getLoggerState().getCurSource() != nullptr) {
+            logger().popSource();
+        }
+    }
+    static TmLogger& logger() { return TmLogger::getLogger(); }
+
+    LogSourceHandle m_source{String(L"tmtest.request")};
+};
+
+// ---------------------------------------------------------------- the thread's state
+
+TEST(LoggerStateTest, FreshStateHasNoCurrentSource) {
+    const TmLogger::LoggerState state;
+    EXPECT_EQ(state.getCurSource(), nullptr);
+    EXPECT_TRUE(state.propertiesMap().empty());
+}
+
+TEST(LoggerStateTest, PopOfUnknownOrEmptiedPropertyChangesNothing) {
+    TmLogger::LoggerState state;
+    state.popProperty(String(L"nothing"));
+    EXPECT_TRUE(state.propertiesMap().empty());
+    state.pushProperty(String(L"userId"), GDString(L"ann"), 5);
+    state.popProperty(String(L"userId"));
+    state.popProperty(String(L"userId"));
+    ASSERT_EQ(state.propertiesMap().size(), 1u);
+    EXPECT_TRUE(state.propertiesMap().find(String(L"userId"))->second.empty());
+}
+
+TEST(LoggerStateTest, PopLeavesThePreviousValueCurrent) {
+    TmLogger::LoggerState state;
+    state.pushProperty(String(L"n"), GDUInteger64(1), 10);
+    state.pushProperty(String(L"n"), GDUInteger64(2), 20);
+    state.popProperty(String(L"n"));
+    const auto& values = state.propertiesMap().find(String(L"n"))->second;
+    ASSERT_EQ(values.size(), 1u);
+    EXPECT_TRUE(values.back().first->toString().equals(L"1"));
+    EXPECT_EQ(values.back().second, 10u);
+    EXPECT_GE(values.capacity(), TmLogger::LoggerState::kReservedValues);
+}
+
+class DeferredEcid : public GDValueImpl<DeferredEcid>, public IGDStringBufferable {
+public:
+    void accept(GDValueVisitor& visitor) const override { visitor.visitStringBufferable(*this); }
+    void acceptMessageVisitor(const MessageVisitor& visitor,
+                              StringBufferBaseTemplate<wchar_t>& buffer,
+                              const MessageVisitorParams& params) const override {
+        visitor.visitStringBufferable(*this, buffer, params);
+    }
+    Kind kind() const noexcept override { return kKindDeferred; }
+    int bufferize(StringBufferBaseTemplate<wchar_t>& buffer,
+                  TextMessageBase::TextType) const override {
+        buffer.append(L"ecid-text");
+        return 0;
+    }
+};
+
+TEST(LoggerStateTest, CopyKeepsOnlyStringAndNumberValues) {
+    TmLogger::LoggerState state;
+    const String owner(L"by reference");
+    const GDString referred(L"referred");
+    state.pushProperty(ksExecutionContextIDLogPropName, DeferredEcid(), 0xF0000000u);
+    state.pushProperty(String(L"userId"), GDString(L"ann"), 3);
+    state.pushProperty(String(L"mixed"), GDUInteger64(7), 1);
+    state.pushProperty(String(L"mixed"), GDArray(), 1);
+    state.pushProperty(String(L"mixed"), GDValueRef(&referred), 1);
+    state.pushProperty(String(L"mixed"), GDValueRef(nullptr), 1);
+    const TmLogger::LoggerState copy(state);
+    const auto& map = copy.propertiesMap();
+    ASSERT_EQ(map.size(), 3u);
+    EXPECT_TRUE(map.find(ksExecutionContextIDLogPropName)->second.empty());
+    const auto& user = map.find(String(L"userId"))->second;
+    ASSERT_EQ(user.size(), 1u);
+    EXPECT_TRUE(user[0].first->toString().equals(L"ann"));
+    EXPECT_EQ(user[0].second, 3u);
+    const auto& mixed = map.find(String(L"mixed"))->second;
+    ASSERT_EQ(mixed.size(), 2u);  // the number and the reference to a string, in order
+    EXPECT_TRUE(mixed[0].first->toString().equals(L"7"));
+    EXPECT_TRUE(mixed[1].first->toString().equals(L"referred"));
+
+    TmLogger::LoggerState assigned;
+    assigned = state;
+    EXPECT_TRUE(assigned.propertiesMap().find(ksExecutionContextIDLogPropName)->second.empty());
+}
+
+TEST(LoggerStateTest, SourcesListInnermostFirst) {
+    const LogSourceHandle parent(String(L"tmstate.parent"));
+    const LogSourceHandle child(parent, String(L"child"));
+    TmLogger::LoggerState state;
+    state.pushSource(*parent);
+    state.pushSource(*child);
+    StringBufferTemplate<128, wchar_t> buffer;
+    state.appendLogSources(buffer);
+    EXPECT_EQ(buffer.view(), L"tmstate.parent.child\ntmstate.parent\n");
+    std::vector<String> names{String(L"stale")};
+    state.getLogSourceNames(names);
+    ASSERT_EQ(names.size(), 2u);
+    EXPECT_TRUE(names[0].equals(L"tmstate.parent.child"));
+    EXPECT_TRUE(names[1].equals(L"tmstate.parent"));
+    EXPECT_EQ(state.getCurSource(), child.get());
+    const TmLogger::LoggerState empty;
+    buffer.clear();
+    empty.appendLogSources(buffer);
+    EXPECT_TRUE(buffer.empty());
+}
+
+// ---------------------------------------------------------------- one logger per thread
+
+TEST(TmLoggerThreadsTest, OneLoggerPerThread) {
+    TmLogger* pFirst = &TmLogger::getLogger();
+    EXPECT_EQ(&TmLogger::getLogger(), pFirst);
+    TmLogger* pOther = nullptr;
+    std::thread([&] { pOther = &TmLogger::getLogger(); }).join();
+    EXPECT_NE(pOther, nullptr);
+    EXPECT_NE(pOther, pFirst);
+}
+
+TEST(TmLoggerThreadsTest, ThreadEndDestroysItsLogger) {
+    TmLogger::getLogger();
+    const int nBefore = TmLogger::getLiveLoggerCount();
+    std::thread([&] {
+        TmLogger::getLogger();
+        EXPECT_EQ(TmLogger::getLiveLoggerCount(), nBefore + 1);
+    }).join();
+    EXPECT_EQ(TmLogger::getLiveLoggerCount(), nBefore);
+    std::thread([] {}).join();  // a thread that never logs makes no logger
+    EXPECT_EQ(TmLogger::getLiveLoggerCount(), nBefore);
+}
+
+TEST(TmLoggerThreadsTest, NewLoggerHasNoSourceAndNoProperties) {
+    std::thread([] {
+        const TmLogger& logger = TmLogger::getLogger();
+        EXPECT_EQ(logger.getLoggerState().getCurSource(), nullptr);
+        EXPECT_TRUE(logger.getLoggerState().propertiesMap().empty());
+        EXPECT_FALSE(logger.isInLogCall());
+    }).join();
+}
+
+TEST(TmLoggerThreadsTest, DefaultSourceIsKivUnknown) {
+    EXPECT_TRUE(lsUnspecified->getPath().equals(L"kiv.unknown"));
+    EXPECT_TRUE(gdEndOfLine.getString().equals(L"\n"));
+    EXPECT_TRUE(ksExecutionContextIDLogPropName.equals(L"ecid"));
+}
+
+// ---------------------------------------------------------------- dispatch
+
+TEST_F(TmLoggerTest, WithNoWritersNothingIsEnabledAndNothingWritten) {
+    EXPECT_FALSE(logger().calcEnabledWriters(kSevErrorFatal));
+    logger().logToEnabledWriters(kSevErrorFatal, GDString(L"x"), nullptr);
+    logger().logMessage(kSevErrorFatal, GDString(L"x"));
+    EXPECT_TRUE(logger().getLogWriters()->getEnabledWriters().empty());
+}
+
+TEST_F(TmLoggerTest, DisabledWriterIsSkipped) {
+    auto hWriter = makeWriter(L"off");
+    hWriter->enable(false);
+    logger().addLocalWriter(hWriter.get());
+    EXPECT_FALSE(logger().calcEnabledWriters(kSevError));
+    logger().logMessage(kSevError, GDString(L"x"));
+    EXPECT_TRUE(hWriter->records().empty());
+}
+
+TEST_F(TmLoggerTest, GlobalWritersFirstThenLocalWritersInOrder) {
+    std::vector<String> vecOrder;
+    struct OrderWriter : RecordingWriter {
+        OrderWriter(const wchar_t* psz, std::vector<String>& order, WriterType type)
+            : RecordingWriter(String(psz), kWriterId, type, nullptr), m_order(order) {}
+        void logMessage(const LogSeverity& s, const GDValue& m, const TmLogger::LoggerState& st,
+                        const TmLogger::FileLocation* l) override {
+            m_order.push_back(getName());
+            RecordingWriter::logMessage(s, m, st, l);
+        }
+        std::vector<String>& m_order;
+    };
+    Handle<LogWriter> hLocal1(new OrderWriter(L"local1", vecOrder, LogWriter::WT_SHARED));
+    Handle<LogWriter> hLocal2(new OrderWriter(L"local2", vecOrder, LogWriter::WT_SHARED));
+    logger().addLocalWriter(hLocal1.get());
+    logger().addLocalWriter(hLocal2.get());
+    new OrderWriter(L"global", vecOrder, LogWriter::WT_GLOBAL);
+    LogWritersMan::getLogWritersMan().versionIncrement();
+    logger().logMessage(kSevError, GDString(L"m"));
+    ASSERT_EQ(vecOrder.size(), 3u);
+    EXPECT_TRUE(vecOrder[0].equals(L"global"));
+    EXPECT_TRUE(vecOrder[1].equals(L"local1"));
+    EXPECT_TRUE(vecOrder[2].equals(L"local2"));
+    vecOrder.clear();
+    ASSERT_TRUE(logger().calcEnabledWriters(kSevError));
+    logger().logToEnabledWriters(kSevError, GDString(L"m"), nullptr);
+    EXPECT_EQ(vecOrder.size(), 3u);
+    EXPECT_TRUE(vecOrder[0].equals(L"global"));
+}
+
+TEST_F(TmLoggerTest, SameLocalWriterTwiceReceivesTwice) {
+    auto hWriter = makeWriter(L"twice");
+    logger().addLocalWriter(hWriter.get());
+    logger().addLocalWriter(hWriter.get());
+    logger().logMessage(kSevError, GDString(L"a"));
+    EXPECT_EQ(hWriter->records().size(), 2u);
+    logger().removeLocalWriter(hWriter.get());
+    logger().logMessage(kSevError, GDString(L"b"));
+    EXPECT_EQ(hWriter->records().size(), 3u);
+    logger().removeLocalWriter(hWriter.get());
+    logger().removeLocalWriter(hWriter.get());  // none left: nothing happens
+    logger().logMessage(kSevError, GDString(L"c"));
+    EXPECT_EQ(hWriter->records().size(), 3u);
+}
+
+TEST_F(TmLoggerTest, NewGlobalWriterIsSeenAfterTheVersionChanges) {
+    logger().logMessage(kSevError, GDString(L"sync"));
+    RecordingWriter* pGlobal =
+        new RecordingWriter(String(L"late"), kWriterId, LogWriter::WT_GLOBAL, nullptr);
+    Handle<LogWriter> hKeep(pGlobal);
+    // Entering the list does not bump the version: the copy is still considered current.
+    logger().logMessage(kSevError, GDString(L"before"));
+    EXPECT_TRUE(pGlobal->records().empty());
+    LogWritersMan::getLogWritersMan().versionIncrement();
+    EXPECT_TRUE(logger().calcEnabledWriters(kSevError));
+    logger().logToEnabledWriters(kSevError, GDString(L"after"), nullptr);
+    ASSERT_EQ(pGlobal->records().size(), 1u);
+    EXPECT_TRUE(pGlobal->records()[0].text.equals(L"after"));
+    std::thread([&] {
+        openSource(*lsUnspecified);
+        TmLogger::getLogger().logMessage(kSevError, GDString(L"other thread"));
+    }).join();
+    EXPECT_EQ(pGlobal->records().size(), 2u);
+}
+
+TEST_F(TmLoggerTest, CurrentVersionTakesNoLock) {
+    logger().calcEnabledWriters(kSevError);  // brings the copy up to date
+    LogWritersMan& registry = LogWritersMan::getLogWritersMan();
+    std::promise<void> locked;
+    std::promise<void> release;
+    std::thread holder([&] {
+        LockGuard<CriticalSection> lock(registry.getMonitor());
+        locked.set_value();
+        release.get_future().wait();
+    });
+    locked.get_future().wait();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(logger().calcEnabledWriters(kSevError));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    release.set_value();
+    holder.join();
+}
+
+class ReentrantWriter : public RecordingWriter {
+public:
+    using RecordingWriter::RecordingWriter;
+    void logMessage(const LogSeverity& s, const GDValue& m, const TmLogger::LoggerState& st,
+                    const TmLogger::FileLocation* l) override {
+        RecordingWriter::logMessage(s, m, st, l);
+        TmLogger::getLogger().logMessage(kSevError, GDString(L"inner"));
+        TmLogger::getLogger().logToEnabledWriters(kSevError, GDString(L"inner2"), nullptr);
+    }
+};
+
+TEST_F(TmLoggerTest, LoggingInsideALogCallIsDivertedToThePreviousLogger) {
+    KeelLoggerDouble previous;
+    KeelLogger::setKeelLogger(nullptr);
+    KeelLogger::setKeelLogger(&previous);
+    KeelLoggerLogImpl::plugMeIn();
+    ASSERT_EQ(KeelLoggerLogImpl::getKeelLoggerLogImpl().getPrevKeelLogger(), &previous);
+
+    Handle<LogWriter> hWriter(
+        new ReentrantWriter(String(L"re"), kWriterId, LogWriter::WT_SINGLE_THREADED, nullptr));
+    logger().addLocalWriter(hWriter.get());
+    logger().logMessage(kSevError, GDString(L"outer"));
+    const auto& records = static_cast<RecordingWriter&>(*hWriter).records();
+    ASSERT_EQ(records.size(), 1u);  // the inner messages never reach our writers
+    ASSERT_EQ(previous.m_vecEntries.size(), 2u);
+    EXPECT_TRUE(
+        previous.m_vecEntries[0].strText.equals(L"Failed to log the following message. inner "));
+    EXPECT_EQ(previous.m_vecEntries[0].nType, KeelLogger::kError);
+    EXPECT_EQ(previous.m_vecEntries[0].nSeverity, KeelLogger::kSeverityNormal);
+    EXPECT_TRUE(previous.m_vecEntries[0].strFile.equals(L"./project/weblogger/tmlogger"));
+    EXPECT_EQ(previous.m_vecEntries[0].nLine, 79u);
+    EXPECT_EQ(previous.m_vecEntries[1].nLine, 121u);
+    EXPECT_FALSE(logger().isInLogCall());
+
+    // With no previous logger the inner message is dropped.
+    KeelLogger::setKeelLogger(nullptr);
+    KeelLoggerLogImpl::plugMeIn();
+    logger().logMessage(kSevError, GDString(L"outer again"));
+    EXPECT_EQ(previous.m_vecEntries.size(), 2u);
+    EXPECT_EQ(static_cast<RecordingWriter&>(*hWriter).records().size(), 2u);
+    KeelLogger::setKeelLogger(nullptr);
+}
+
+class ThrowingWriter : public RecordingWriter {
+public:
+    using RecordingWriter::RecordingWriter;
+    void logMessage(const LogSeverity&, const GDValue&, const TmLogger::LoggerState&,
+                    const TmLogger::FileLocation*) override {
+        if (m_bStandard) {
+            throw std::runtime_error("not ours");
+        }
+        ZQ_THROW(Exception(GDString(L"writer failed")));
+    }
+    bool m_bStandard = false;
+};
+
+TEST_F(TmLoggerTest, InHouseExceptionStopsTheDispatchAndNeverReachesTheCaller) {
+    Handle<ThrowingWriter> hThrowing(
+        new ThrowingWriter(String(L"t"), kWriterId, LogWriter::WT_SINGLE_THREADED, nullptr));
+    auto hAfter = makeWriter(L"after");
+    logger().addLocalWriter(hThrowing.get());
+    logger().addLocalWriter(hAfter.get());
+    EXPECT_NO_THROW(logger().logMessage(kSevError, GDString(L"m")));
+    EXPECT_TRUE(hAfter->records().empty());
+    ASSERT_TRUE(logger().calcEnabledWriters(kSevError));
+    EXPECT_NO_THROW(logger().logToEnabledWriters(kSevError, GDString(L"m"), nullptr));
+    EXPECT_TRUE(hAfter->records().empty());
+    // The list was not emptied; the next calculation starts afresh.
+    EXPECT_EQ(logger().getLogWriters()->getEnabledWriters().size(), 2u);
+    EXPECT_FALSE(logger().isInLogCall());
+    EXPECT_EQ(logger().getLoggerState().getCurSource(), nullptr);
+}
+
+TEST_F(TmLoggerTest, OtherExceptionsPassOnAfterTheCleanUp) {
+    Handle<ThrowingWriter> hThrowing(
+        new ThrowingWriter(String(L"t"), kWriterId, LogWriter::WT_SINGLE_THREADED, nullptr));
+    hThrowing->m_bStandard = true;
+    logger().addLocalWriter(hThrowing.get());
+    EXPECT_THROW(logger().logMessage(kSevError, GDString(L"m"), m_source.get()),
+                 std::runtime_error);
+    EXPECT_FALSE(logger().isInLogCall());
+    EXPECT_EQ(logger().getLoggerState().getCurSource(), nullptr);
+}
+
+TEST_F(TmLoggerTest, WithoutSourceTheMessageIsLoggedUnderKivUnknown) {
+    auto hWriter = makeWriter(L"w");
+    logger().addLocalWriter(hWriter.get());
+    logger().logMessage(kSevError, GDString(L"one-step"));
+    ASSERT_TRUE(logger().calcEnabledWriters(kSevError));
+    logger().logToEnabledWriters(kSevError, GDString(L"two-step"), nullptr);
+    const auto records = hWriter->records();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_TRUE(records[0].source.equals(L"kiv.unknown"));
+    EXPECT_TRUE(records[1].source.equals(L"kiv.unknown"));
+    EXPECT_EQ(logger().getLoggerState().getCurSource(), nullptr);
+}
+
+TEST_F(TmLoggerTest, GivenSourceIsUsedForTheCallOnly) {
+    auto hWriter = makeWriter(L"w");
+    logger().addLocalWriter(hWriter.get());
+    logger().pushSource(*lsUnspecified);
+    logger().logMessage(kSevError, GDString(L"x"), m_source.get());
+    EXPECT_TRUE(hWriter->records()[0].source.equals(L"tmtest.request"));
+    EXPECT_EQ(logger().getLoggerState().getCurSource(), lsUnspecified.get());
+}
+
+TEST_F(TmLoggerTest, SourceFilterDecides) {
+    const LogSourceHandle closed(String(L"tmtest.closed"));
+    auto hWriter = makeWriter(L"w");
+    logger().addLocalWriter(hWriter.get());
+    logger().logMessage(kSevError, GDString(L"x"), closed.get());
+    EXPECT_TRUE(hWriter->records().empty());
+    logger().pushSource(*closed);
+    EXPECT_FALSE(logger().calcEnabledWriters(kSevError));
+}
+
+TEST_F(TmLoggerTest, ExceptionWithLinkedExceptionsIsOneMessage) {
+    auto hWriter = makeWriter(L"w");
+    logger().addLocalWriter(hWriter.get());
+    Exception exception(GDString(L"top"));
+    exception.linkException(Exception(GDString(L"first")));
+    exception.linkException(Exception(GDString(L"second")));
+    logger().logException(exception);
+    const auto records = hWriter->records();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_TRUE(records[0].text.equals(L"top\nfirst\nsecond"));
+    EXPECT_EQ(records[0].severity.m_dwImportance, kSevError.m_dwImportance);
+    logger().logException(Exception(GDString(L"alone")), &kSevWarning);
+    EXPECT_TRUE(hWriter->records()[1].text.equals(L"alone"));
+    EXPECT_EQ(hWriter->records()[1].severity.m_nType, LogSeverity::SV_WARNING);
+}
+
+class LocationWriter : public RecordingWriter {
+public:
+    using RecordingWriter::RecordingWriter;
+    void logMessage(const LogSeverity& s, const GDValue& m, const TmLogger::LoggerState& st,
+                    const TmLogger::FileLocation* l) override {
+        m_strBacktrace =
+            l != nullptr && l->getBacktrace() != nullptr ? String(l->getBacktrace()) : String();
+        m_nLine = l != nullptr ? l->getLineNumber() : 0;
+        RecordingWriter::logMessage(s, m, st, l);
+    }
+    String m_strBacktrace;
+    unsigned m_nLine = 0;
+};
+
+TEST_F(TmLoggerTest, ExceptionStackTraceBecomesTheBacktrace) {
+    Handle<LocationWriter> hWriter(
+        new LocationWriter(String(L"l"), kWriterId, LogWriter::WT_SINGLE_THREADED, nullptr));
+    logger().addLocalWriter(hWriter.get());
+    try {
+        ZQ_THROW(Exception(GDString(L"thrown")));
+    } catch (const Exception& e) {
+        const TmLogger::FileLocation location(L"caller.cpp", 12);
+        logger().logException(e, nullptr, &location);
+    }
+    EXPECT_FALSE(hWriter->m_strBacktrace.empty());
+    EXPECT_EQ(hWriter->m_nLine, 12u);
+}
+
+TEST_F(TmLoggerTest, NumberedFormsReferToTheirInserts) {
+    auto hWriter = makeWriter(L"w");
+    logger().addLocalWriter(hWriter.get());
+    const GDString tmpl(L"%1|%2|%3|%4|%5|%6|%7|%8");
+    const GDUInteger64 a(1), b(2), c(3), d(4), e(5), f(6), g(7), h(8);
+    const TmLogger::FileLocation location(L"f.cpp", 1);
+    const auto logAll = [&] {
+        logger().calcEnabledWriters(kSevInfo);
+        logger().logToEnabledWriters1(kSevInfo, tmpl, a, &location);
+        logger().calcEnabledWriters(kSevInfo);
+        logger().logToEnabledWriters2(kSevInfo, tmpl, a, b, &location);
+        logger().calcEnabledWriters(kSevInfo);
+        logger().logToEnabledWriters3(kSevInfo, tmpl, a, b, c, &location);
+        logger().calcEnabledWriters(kSevInfo);
+        logger().logToEnabledWriters4(kSevInfo, tmpl, a, b, c, d, &location);
+        logger().calcEnabledWriters(kSevInfo);
+        logger().logToEnabledWriters5(kSevInfo, tmpl, a, b, c, d, e, &location);
+        logger().calcEnabledWriters(kSevInfo);
+        logger().logToEnabledWriters6(kSevInfo, tmpl, a, b, c, d, e, f, &location);
+        logger().calcEnabledWriters(kSevInfo);
+        logger().logToEnabledWriters7(kSevInfo, tmpl, a, b, c, d, e, f, g, &location);
+        logger().calcEnabledWriters(kSevInfo);
+        logger().logToEnabledWriters8(kSevInfo, tmpl, a, b, c, d, e, f, g, h, &location);
+    };
+    logAll();
+    const auto vecTexts = texts(*hWriter);
+    ASSERT_EQ(vecTexts.size(), 8u);
+    EXPECT_TRUE(vecTexts[0].equals(L"1|%2|%3|%4|%5|%6|%7|%8"));
+    EXPECT_TRUE(vecTexts[3].equals(L"1|2|3|4|%5|%6|%7|%8"));
+    EXPECT_TRUE(vecTexts[7].equals(L"1|2|3|4|5|6|7|8"));
+}
+
+TEST_F(TmLoggerTest, CalcFromInsideALogCallClearsTheFlagAtItsEnd) {
+    struct CalcWriter : RecordingWriter {
+        using RecordingWriter::RecordingWriter;
+        void logMessage(const LogSeverity& s, const GDValue& m, const TmLogger::LoggerState& st,
+                        const TmLogger::FileLocation* l) override {
+            RecordingWriter::logMessage(s, m, st, l);
+            TmLogger::getLogger().calcEnabledWriters(kSevError);
+            m_bFlagAfterCalc = TmLogger::getLogger().isInLogCall();
+        }
+        bool m_bFlagAfterCalc = true;
+    };
+    Handle<CalcWriter> hWriter(
+        new CalcWriter(String(L"c"), kWriterId, LogWriter::WT_SINGLE_THREADED, nullptr));
+    logger().addLocalWriter(hWriter.get());
+    logger().logMessage(kSevError, GDString(L"x"));
+    EXPECT_FALSE(hWriter->m_bFlagAfterCalc);
+}
+
+TEST_F(TmLoggerTest, LocalWritersCanBeSavedRestoredAndAppended) {
+    auto hFirst = makeWriter(L"first");
+    auto hSecond = makeWriter(L"second");
+    logger().addLocalWriter(hFirst.get());
+    LogWritersState saved;
+    logger().getLocalWriters(saved);
+    ASSERT_EQ(saved.m_list.size(), 1u);
+    LogWritersState other;
+    other.m_list.emplace_back(hSecond.get());
+    logger().appendLocalWriters(other);
+    logger().logMessage(kSevError, GDString(L"both"));
+    EXPECT_EQ(hFirst->records().size(), 1u);
+    EXPECT_EQ(hSecond->records().size(), 1u);
+    logger().setLocalWriters(other);
+    logger().logMessage(kSevError, GDString(L"second only"));
+    EXPECT_EQ(hFirst->records().size(), 1u);
+    EXPECT_EQ(hSecond->records().size(), 2u);
+    LogWritersState combined(saved);
+    combined.append(other);
+    EXPECT_EQ(combined.m_list.size(), 2u);
+    combined.swap(saved);
+    EXPECT_EQ(saved.m_list.size(), 2u);
+    combined.clear();
+    EXPECT_TRUE(combined.m_list.empty());
+}
+
+// ---------------------------------------------------------------- cost
+
+class NullWriter : public LogWriter {
+public:
+    using LogWriter::LogWriter;
+    bool initialize(const XmlElement*, const XmlElement*) override { return true; }
+    void logMessage(const LogSeverity&, const GDValue& msg, const TmLogger::LoggerState&,
+                    const TmLogger::FileLocation*) override {
+        m_buffer.clear();
+        msg.appendText(m_buffer);
+    }
+    StringBufferTemplate<256, wchar_t> m_buffer;
+};
+
+TEST_F(TmLoggerTest, SteadyStateLoggingAllocatesNothing) {
+    Handle<LogWriter> hWriter(
+        new NullWriter(String(L"n"), kWriterId, LogWriter::WT_SINGLE_THREADED, nullptr));
+    logger().addLocalWriter(hWriter.get());
+    const GDString tmpl(L"user %1 got %2");
+    const GDString user(L"ann");
+    const GDUInteger64 count(3);
+    logger().logMessage(kSevError, tmpl);
+    logger().calcEnabledWriters(kSevError);
+    logger().logToEnabledWriters2(kSevError, tmpl, user, count, nullptr);
+    test::AllocationScope scope;
+    for (int i = 0; i < 100; ++i) {
+        logger().logMessage(kSevError, tmpl, m_source.get());
+        if (logger().calcEnabledWriters(kSevError)) {
+            logger().logToEnabledWriters2(kSevError, tmpl, user, count, nullptr);
+        }
+        logger().calcEnabledWriters(kSevTraceFinest);  // filtered out
+    }
+    EXPECT_EQ(scope.count(), 0u);
+}
+
+std::size_t heapInUse() {
+    return test::liveHeapBytes() + MemAllocNewdel::stats().nLiveBytes;
+}
+
+TEST(TmLoggerMemoryTest, OneThreadsLoggerIsSmallAndThreadsLeaveNothingBehind) {
+    openSource(*lsUnspecified);
+    // Warm up everything process-wide (catalogue, registry, slot) on a first thread.
+    std::thread([] { TmLogger::getLogger().logMessage(kSevError, GDString(L"warm")); }).join();
+
+    std::size_t nLoggerBytes = 0;
+    std::thread([&] {
+        const std::size_t nBefore = heapInUse();
+        TmLogger::getLogger().logMessage(kSevError, GDString(L"first"));
+        nLoggerBytes = heapInUse() - nBefore;
+    }).join();
+    std::printf("heap held by one thread's logger after its first message: %zu bytes\n",
+                nLoggerBytes);
+    EXPECT_LT(nLoggerBytes, 4096u);
+
+    const std::size_t nBefore = heapInUse();
+    for (int i = 0; i < 1000; ++i) {
+        std::thread([] { TmLogger::getLogger().logMessage(kSevError, GDString(L"once")); }).join();
+    }
+    const std::size_t nAfter = heapInUse();
+    std::printf("heap in use before 1000 threads: %zu, after: %zu\n", nBefore, nAfter);
+    EXPECT_EQ(nAfter, nBefore);
+}
+
+}  // namespace
+}  // namespace kiv
