@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <typeinfo>
 
 #include "weblogger/keelloggerlogimpl.h"
 #include "weblogger/loggermessages.h"
@@ -12,6 +13,7 @@
 #include "zq/webkeel/keellogger.h"
 #include "zq/webthreadstorage/threadspecificstatic.h"
 #include "zq/webutil/message.h"
+#include "zq/webutil/timezone.h"
 
 namespace kiv {
 
@@ -27,6 +29,22 @@ constexpr unsigned kDivertLineLogMessage = 79;
 constexpr unsigned kDivertLineLogToEnabledWriters = 121;
 
 std::atomic<int> g_nLiveLoggers{0};
+
+// The logging time zone. It is set at start-up or by a reconfiguration while other threads
+// may be rendering, so it is read and written under its own lock; renderers take it only when
+// their cached time-stamp text is stale (once a second).
+struct LoggingTimeZone {
+    CriticalSection m_tCs{0, "LoggingTimeZone"};
+    TimeZone g_tTimeZone{TimeZone::kServerOS};
+    String g_sTimeZoneShortName;
+    String g_sTimeZoneDSTShortName;
+    std::atomic<std::uint64_t> m_nGeneration{1};
+};
+
+LoggingTimeZone& loggingTimeZone() {
+    static LoggingTimeZone* s_pZone = new LoggingTimeZone;
+    return *s_pZone;
+}
 
 // How often one message waits for a replacement of the global writers before it gives up:
 // each wait lasts one whole reconfiguration, so more than a few means the configuration is
@@ -538,6 +556,57 @@ void TmLogger::logException(const Exception& exception, const LogSeverity* pSeve
     } catch (const Exception&) {
     } catch (const std::bad_alloc&) {
     }
+}
+
+void TmLogger::setTimeZone(const TimeZone& zone) {
+    LoggingTimeZone& logging = loggingTimeZone();
+    LockGuard<CriticalSection> lock(logging.m_tCs);
+    logging.g_tTimeZone = zone;
+    logging.m_nGeneration.fetch_add(1, std::memory_order_acq_rel);
+    const String strLanguage(L"en");
+    const GDVariant standardName = zone.getShortName(strLanguage, false);
+    if (standardName.empty() || !standardName->isString()) {
+        throw std::bad_cast();
+    }
+    logging.g_sTimeZoneShortName = standardName->toString();
+    const GDVariant daylightName = zone.getShortName(strLanguage, true);
+    if (daylightName.empty() || !daylightName->isString()) {
+        throw std::bad_cast();
+    }
+    logging.g_sTimeZoneDSTShortName = daylightName->toString();
+}
+
+const TimeZone& TmLogger::getTimeZone() {
+    return loggingTimeZone().g_tTimeZone;
+}
+
+const String& TmLogger::getTimeZoneShortName(bool bDst) {
+    const LoggingTimeZone& logging = loggingTimeZone();
+    return bDst ? logging.g_sTimeZoneDSTShortName : logging.g_sTimeZoneShortName;
+}
+
+std::uint64_t TmLogger::getTimeZoneGeneration() noexcept {
+    return loggingTimeZone().m_nGeneration.load(std::memory_order_acquire);
+}
+
+std::size_t TmLogger::formatTimeStamp(std::time_t t, bool bIso8601, wchar_t* pBuffer,
+                                      std::size_t nCapacity) {
+    LoggingTimeZone& logging = loggingTimeZone();
+    LockGuard<CriticalSection> lock(logging.m_tCs);
+    if (bIso8601) {
+        return DateUtils::crtToISO8601WCharBuf(t, logging.g_tTimeZone, pBuffer, nCapacity);
+    }
+    std::size_t nLength = DateUtils::crtToWCharBuf(t, logging.g_tTimeZone, pBuffer, nCapacity);
+    const String& strZone = logging.g_tTimeZone.isDst(t) ? logging.g_sTimeZoneDSTShortName
+                                                         : logging.g_sTimeZoneShortName;
+    if (nLength + 1 + strZone.size() < nCapacity) {
+        pBuffer[nLength++] = L' ';
+        for (wchar_t c : strZone) {
+            pBuffer[nLength++] = c;
+        }
+        pBuffer[nLength] = 0;
+    }
+    return nLength;
 }
 
 void TmLogger::divert(const GDValue& msg, unsigned nLine) {

@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <ctime>
 #include <utility>
 #include <vector>
 
@@ -37,6 +38,7 @@ class LogSource;
 class LogSourceHandle;
 class LogWriter;
 class LogWritersState;
+class TimeZone;
 namespace logger_details {
 class LogWritersMan;
 }
@@ -230,6 +232,25 @@ public:
                       const FileLocation* pLocation = nullptr, const LogSource* pSource = nullptr);
 
     const Handle<LogWriters>& getLogWriters() const noexcept { return m_hLogWriters; }
+
+    // ------------------------------------------------------------------ the logging time zone
+    // Makes zone the process-wide zone of message time stamps and caches its short names
+    // (language "en", without and with daylight saving). Throws std::bad_cast when the zone
+    // does not give its names as strings (the zone is replaced by then).
+    static void setTimeZone(const TimeZone& zone);
+    // The zone itself, for start-up code; renderers use formatTimeStamp, which is safe while
+    // another thread sets the zone.
+    static const TimeZone& getTimeZone();
+    // The cached short name; empty until setTimeZone is first called.
+    static const String& getTimeZoneShortName(bool bDst);
+    // Changes whenever the zone is set, so renderers know when their cached text is stale.
+    static std::uint64_t getTimeZoneGeneration() noexcept;
+    // Writes the stamp of second t in the logging zone into pBuffer (zero-terminated, at most
+    // nCapacity characters with the terminator) and returns its length: with bIso8601 the
+    // ISO 8601 text with the zone offset, otherwise the local date and time, a blank and the
+    // zone's short name.
+    static std::size_t formatTimeStamp(std::time_t t, bool bIso8601, wchar_t* pBuffer,
+                                       std::size_t nCapacity);
 
 private:
     TmLogger();
