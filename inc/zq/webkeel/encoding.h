@@ -1,0 +1,130 @@
+// The in-house transcoding converters that the output adaptors stack on top of one another.
+//
+// A converter turns a run of wide text into output units (bytes for UTF-8, wide characters for
+// markup escaping) in a buffer the caller owns. Converters hold no state between calls, so a
+// caller may cut its text anywhere between two characters and encode the pieces separately: the
+// concatenated results equal the result for the whole text.
+//
+// Every converter offers a resumable encode that converts as many whole characters as fit and
+// reports how much input it consumed, so that a caller with a fixed buffer can flush it and go
+// on. Nothing is ever half-written: a character whose output does not fit is left for the next
+// call.
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+
+#include "zq/webkeel/transcode.h"
+
+namespace kiv {
+
+// Wide text to UTF-8. The text is UTF-32; code units that are not Unicode scalar values
+// (surrogates, values above U+10FFFF) are written as U+FFFD, exactly as encodeUtf8 does.
+template <class CharT>
+class T2NEncodingUTF8 {
+    // The code units are taken as whole code points: a 16-bit instantiation would have to join
+    // surrogate pairs, which none of the library's text ever needs.
+    static_assert(sizeof(CharT) == 4, "T2NEncodingUTF8 converts UTF-32 text");
+
+public:
+    using OutputUnit = char;
+
+    enum Utf8ByteType { kAsciiCharacter = 0, kInitialByte = 1, kSecondaryByte = 2 };
+
+    // The role of one byte in UTF-8 text, judged by its bit pattern alone: 0xxxxxxx is a
+    // character by itself, 10xxxxxx continues a sequence, and every other byte stands where a
+    // sequence starts (including bytes that no valid sequence starts with, which this does not
+    // check).
+    static Utf8ByteType byteType(unsigned char b) noexcept {
+        if (b < 0x80) {
+            return kAsciiCharacter;
+        }
+        return (b & 0xC0) == 0x80 ? kSecondaryByte : kInitialByte;
+    }
+
+    // Converts the whole input or nothing: false when nOutCapacity bytes cannot hold it, in
+    // which case nOutWritten is 0 and pOut holds nothing meaningful. Four bytes per input
+    // character always suffice.
+    static bool encode(const CharT* pIn, std::size_t nIn, char* pOut, std::size_t nOutCapacity,
+                       std::size_t& nOutWritten) noexcept {
+        std::size_t nInConsumed = 0;
+        if (!encode(pIn, nIn, pOut, nOutCapacity, nOutWritten, nInConsumed)) {
+            nOutWritten = 0;
+            return false;
+        }
+        return true;
+    }
+
+    // Resumable form: converts the leading characters whose sequences fit. True when the whole
+    // input was consumed.
+    static bool encode(const CharT* pIn, std::size_t nIn, char* pOut, std::size_t nOutCapacity,
+                       std::size_t& nOutWritten, std::size_t& nInConsumed) noexcept {
+        std::size_t nOut = 0;
+        std::size_t i = 0;
+        for (; i < nIn; ++i) {
+            const wchar_t c = static_cast<wchar_t>(pIn[i]);
+            if (nOutCapacity - nOut >= kMaxSequenceBytes) {
+                nOut += encodeUtf8(c, pOut + nOut);
+                continue;
+            }
+            // Near the end of the buffer the sequence length decides whether it fits, so it is
+            // built aside first rather than written past the capacity.
+            char arrSequence[kMaxSequenceBytes];
+            const std::size_t nSequence = encodeUtf8(c, arrSequence);
+            if (nSequence > nOutCapacity - nOut) {
+                break;
+            }
+            std::memcpy(pOut + nOut, arrSequence, nSequence);
+            nOut += nSequence;
+        }
+        nOutWritten = nOut;
+        nInConsumed = i;
+        return i == nIn;
+    }
+
+private:
+    static constexpr std::size_t kMaxSequenceBytes = 4;
+};
+
+// Wide text to wide text escaped for SGML-family markup (XML and HTML), as character data or
+// attribute values.
+//
+//   type                 &      <     >     "       '       U+00A0
+//   kXML                 &amp;  &lt;  &gt;  &quot;  &apos;  as is
+//   kXMLNoQuotes         &amp;  &lt;  &gt;  as is   as is   as is
+//   kHTML                &amp;  &lt;  &gt;  &quot;  &#39;   as is
+//   kHTMLNoBreakSpaces   &amp;  &lt;  &gt;  &quot;  &#39;   &nbsp;
+//
+// HTML gets &#39; because &apos; is not an HTML 4 entity. With every type, a character that XML
+// 1.0 does not allow anywhere in its text (C0 controls other than tab, line feed and carriage
+// return; U+FFFE and U+FFFF; surrogate code units, which never form pairs in UTF-32 text; values
+// above U+10FFFF) is written as U+FFFD. A log line carries whatever text the server was handed, and
+// one stray control character must not make a whole XML log unreadable.
+class W2WEncodingSGML {
+public:
+    using OutputUnit = wchar_t;
+
+    enum SGMLType { kXML = 0, kHTML = 1, kHTMLNoBreakSpaces = 2, kXMLNoQuotes = 3 };
+
+    explicit W2WEncodingSGML(SGMLType nType) noexcept : m_nType(nType) {}
+
+    SGMLType type() const noexcept { return m_nType; }
+
+    // Escapes the leading characters whose output fits into nOutCapacity units and stops before
+    // the first one that does not. True when the whole input was consumed; six units per input
+    // character always suffice.
+    bool encode(const wchar_t* pIn, std::size_t nIn, wchar_t* pOut, std::size_t nOutCapacity,
+                std::size_t& nOutWritten, std::size_t& nInConsumed) const noexcept;
+
+private:
+    SGMLType m_nType;
+};
+
+// The escaping the log formats use: XML with quotes escaped, so that the text is safe in
+// character data and in attribute values alike.
+class W2WXmlEncoding : public W2WEncodingSGML {
+public:
+    W2WXmlEncoding() noexcept : W2WEncodingSGML(kXML) {}
+};
+
+}  // namespace kiv

@@ -1,0 +1,205 @@
+#include "zq/webkeel/encoding.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace kiv {
+namespace {
+
+using Utf8 = T2NEncodingUTF8<wchar_t>;
+
+std::string encodeUtf8Whole(std::wstring_view text) {
+    std::vector<char> vecOut(text.size() * 4);
+    std::size_t nWritten = 0;
+    EXPECT_TRUE(Utf8::encode(text.data(), text.size(), vecOut.data(), vecOut.size(), nWritten));
+    return std::string(vecOut.data(), nWritten);
+}
+
+std::wstring escapeWhole(std::wstring_view text, W2WEncodingSGML::SGMLType nType) {
+    const W2WEncodingSGML encoding(nType);
+    std::vector<wchar_t> vecOut(text.size() * 6);
+    std::size_t nWritten = 0;
+    std::size_t nConsumed = 0;
+    EXPECT_TRUE(encoding.encode(text.data(), text.size(), vecOut.data(), vecOut.size(), nWritten,
+                                nConsumed));
+    EXPECT_EQ(nConsumed, text.size());
+    return std::wstring(vecOut.data(), nWritten);
+}
+
+TEST(T2NEncodingUTF8Test, EncodesEveryPlane) {
+    EXPECT_EQ(encodeUtf8Whole(L"a"), "a");
+    EXPECT_EQ(encodeUtf8Whole(L"\u00E9"), "\xC3\xA9");
+    EXPECT_EQ(encodeUtf8Whole(L"\u20AC"), "\xE2\x82\xAC");
+    EXPECT_EQ(encodeUtf8Whole(L"\U0001F600"), "\xF0\x9F\x98\x80");
+    EXPECT_EQ(encodeUtf8Whole(L"\U0010FFFF"), "\xF4\x8F\xBF\xBF");
+    const std::wstring mixed = L"x\u00E9\u20AC\U0001F600\U00010000y";
+    EXPECT_EQ(encodeUtf8Whole(mixed), toUtf8(mixed).std());
+}
+
+TEST(T2NEncodingUTF8Test, InvalidCodePointsBecomeReplacementCharacter) {
+    const wchar_t arrText[] = {static_cast<wchar_t>(0xD800), static_cast<wchar_t>(0xDFFF),
+                               static_cast<wchar_t>(0x110000), static_cast<wchar_t>(-1)};
+    EXPECT_EQ(encodeUtf8Whole(std::wstring_view(arrText, 4)),
+              "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");
+}
+
+TEST(T2NEncodingUTF8Test, EmptyInputSucceedsWithNothingWritten) {
+    std::size_t nWritten = 99;
+    EXPECT_TRUE(Utf8::encode(L"", 0, nullptr, 0, nWritten));
+    EXPECT_EQ(nWritten, 0u);
+}
+
+TEST(T2NEncodingUTF8Test, CapacityTooSmallFails) {
+    char arrOut[9];
+    std::size_t nWritten = 99;
+    // Nine bytes are needed: the four-byte sequence does not fit in the last three of eight.
+    EXPECT_FALSE(Utf8::encode(L"ab\u20AC\U0001F600", 4, arrOut, 8, nWritten));
+    EXPECT_EQ(nWritten, 0u);
+    EXPECT_FALSE(Utf8::encode(L"ab\u20AC\U0001F600", 4, arrOut, 0, nWritten));
+    EXPECT_TRUE(Utf8::encode(L"ab\u20AC\U0001F600", 4, arrOut, 9, nWritten));
+    EXPECT_EQ(std::string(arrOut, nWritten), "ab\xE2\x82\xAC\xF0\x9F\x98\x80");
+    // Exactly enough is enough.
+    EXPECT_TRUE(Utf8::encode(L"\u20AC\u20AC", 2, arrOut, 6, nWritten));
+    EXPECT_EQ(nWritten, 6u);
+    EXPECT_FALSE(Utf8::encode(L"\u20AC\u20AC", 2, arrOut, 5, nWritten));
+}
+
+TEST(T2NEncodingUTF8Test, ResumableFormStopsAtAWholeSequence) {
+    char arrOut[5];
+    std::size_t nWritten = 0;
+    std::size_t nConsumed = 0;
+    EXPECT_FALSE(Utf8::encode(L"a\u20AC\u20AC", 3, arrOut, 5, nWritten, nConsumed));
+    EXPECT_EQ(nConsumed, 2u);
+    EXPECT_EQ(std::string(arrOut, nWritten), "a\xE2\x82\xAC");
+    EXPECT_TRUE(Utf8::encode(L"\u20AC", 1, arrOut, 5, nWritten, nConsumed));
+    EXPECT_EQ(nConsumed, 1u);
+    EXPECT_EQ(nWritten, 3u);
+}
+
+TEST(T2NEncodingUTF8Test, ClassifiesBytesByTheirBitPattern) {
+    EXPECT_EQ(Utf8::byteType(0x00), Utf8::kAsciiCharacter);
+    EXPECT_EQ(Utf8::byteType('A'), Utf8::kAsciiCharacter);
+    EXPECT_EQ(Utf8::byteType(0x7F), Utf8::kAsciiCharacter);
+    EXPECT_EQ(Utf8::byteType(0x80), Utf8::kSecondaryByte);
+    EXPECT_EQ(Utf8::byteType(0xBF), Utf8::kSecondaryByte);
+    EXPECT_EQ(Utf8::byteType(0xC2), Utf8::kInitialByte);
+    EXPECT_EQ(Utf8::byteType(0xE2), Utf8::kInitialByte);
+    EXPECT_EQ(Utf8::byteType(0xF0), Utf8::kInitialByte);
+    EXPECT_EQ(Utf8::byteType(0xFF), Utf8::kInitialByte);
+    EXPECT_EQ(static_cast<int>(Utf8::kAsciiCharacter), 0);
+    EXPECT_EQ(static_cast<int>(Utf8::kInitialByte), 1);
+    EXPECT_EQ(static_cast<int>(Utf8::kSecondaryByte), 2);
+    // Every byte of an encoded text is classified as the position it holds.
+    const std::string bytes = encodeUtf8Whole(L"a\U0001F600");
+    EXPECT_EQ(Utf8::byteType(static_cast<unsigned char>(bytes[0])), Utf8::kAsciiCharacter);
+    EXPECT_EQ(Utf8::byteType(static_cast<unsigned char>(bytes[1])), Utf8::kInitialByte);
+    for (std::size_t i = 2; i < bytes.size(); ++i) {
+        EXPECT_EQ(Utf8::byteType(static_cast<unsigned char>(bytes[i])), Utf8::kSecondaryByte);
+    }
+}
+
+TEST(W2WEncodingSGMLTest, XmlEscapesEachMarkupCharacter) {
+    EXPECT_EQ(escapeWhole(L"&", W2WEncodingSGML::kXML), L"&amp;");
+    EXPECT_EQ(escapeWhole(L"<", W2WEncodingSGML::kXML), L"&lt;");
+    EXPECT_EQ(escapeWhole(L">", W2WEncodingSGML::kXML), L"&gt;");
+    EXPECT_EQ(escapeWhole(L"\"", W2WEncodingSGML::kXML), L"&quot;");
+    EXPECT_EQ(escapeWhole(L"'", W2WEncodingSGML::kXML), L"&apos;");
+    EXPECT_EQ(escapeWhole(L"a<b>&c\u00A0\U0001F600", W2WEncodingSGML::kXML),
+              L"a&lt;b&gt;&amp;c\u00A0\U0001F600");
+    EXPECT_EQ(escapeWhole(L"", W2WEncodingSGML::kXML), L"");
+}
+
+TEST(W2WEncodingSGMLTest, QuotesAndNoBreakSpacesPerType) {
+    const std::wstring text = L"\"'\u00A0&";
+    EXPECT_EQ(escapeWhole(text, W2WEncodingSGML::kXML), L"&quot;&apos;\u00A0&amp;");
+    EXPECT_EQ(escapeWhole(text, W2WEncodingSGML::kXMLNoQuotes), L"\"'\u00A0&amp;");
+    EXPECT_EQ(escapeWhole(text, W2WEncodingSGML::kHTML), L"&quot;&#39;\u00A0&amp;");
+    EXPECT_EQ(escapeWhole(text, W2WEncodingSGML::kHTMLNoBreakSpaces), L"&quot;&#39;&nbsp;&amp;");
+    EXPECT_EQ(static_cast<int>(W2WEncodingSGML::kXML), 0);
+    EXPECT_EQ(static_cast<int>(W2WEncodingSGML::kHTML), 1);
+    EXPECT_EQ(static_cast<int>(W2WEncodingSGML::kHTMLNoBreakSpaces), 2);
+    EXPECT_EQ(static_cast<int>(W2WEncodingSGML::kXMLNoQuotes), 3);
+}
+
+TEST(W2WEncodingSGMLTest, CharactersXmlForbidsBecomeReplacementCharacter) {
+    const wchar_t arrText[] = {0x00,
+                               0x01,
+                               0x08,
+                               0x0B,
+                               0x0C,
+                               0x1F,
+                               static_cast<wchar_t>(0xD800),
+                               static_cast<wchar_t>(0xDFFF),
+                               static_cast<wchar_t>(0xFFFE),
+                               static_cast<wchar_t>(0xFFFF),
+                               static_cast<wchar_t>(0x110000),
+                               static_cast<wchar_t>(-1)};
+    const std::size_t nText = sizeof(arrText) / sizeof(arrText[0]);
+    for (const auto nType : {W2WEncodingSGML::kXML, W2WEncodingSGML::kXMLNoQuotes,
+                             W2WEncodingSGML::kHTML, W2WEncodingSGML::kHTMLNoBreakSpaces}) {
+        EXPECT_EQ(escapeWhole(std::wstring_view(arrText, nText), nType),
+                  std::wstring(nText, kReplacementChar));
+    }
+}
+
+TEST(W2WEncodingSGMLTest, AllowedCharactersPassUnchanged) {
+    const std::wstring text =
+        L"\t\n\r !#%;=?@Z~\u007F\u0085\u00FF\uD7FF\uE000\uFFFD\U00010000\U0010FFFF";
+    EXPECT_EQ(escapeWhole(text, W2WEncodingSGML::kXML), text);
+}
+
+TEST(W2WEncodingSGMLTest, StopsBeforeAnEscapeThatDoesNotFit) {
+    const W2WXmlEncoding encoding;
+    const std::wstring text = L"ab&c";
+    wchar_t arrOut[6];
+    std::size_t nWritten = 0;
+    std::size_t nConsumed = 0;
+    EXPECT_FALSE(encoding.encode(text.data(), text.size(), arrOut, 6, nWritten, nConsumed));
+    EXPECT_EQ(nConsumed, 2u);
+    EXPECT_EQ(std::wstring(arrOut, nWritten), L"ab");
+
+    // The caller flushes and goes on from where the converter stopped.
+    EXPECT_TRUE(encoding.encode(text.data() + nConsumed, text.size() - nConsumed, arrOut, 6,
+                                nWritten, nConsumed));
+    EXPECT_EQ(nConsumed, 2u);
+    EXPECT_EQ(std::wstring(arrOut, nWritten), L"&amp;c");
+
+    // A full buffer stops before a plain character too.
+    EXPECT_FALSE(encoding.encode(L"xyz", 3, arrOut, 2, nWritten, nConsumed));
+    EXPECT_EQ(nConsumed, 2u);
+    EXPECT_EQ(nWritten, 2u);
+    EXPECT_FALSE(encoding.encode(L"\"", 1, arrOut, 5, nWritten, nConsumed));
+    EXPECT_EQ(nConsumed, 0u);
+    EXPECT_EQ(nWritten, 0u);
+}
+
+TEST(W2WEncodingSGMLTest, PiecewiseEncodingEqualsWholeEncoding) {
+    const W2WXmlEncoding encoding;
+    std::wstring text;
+    for (int i = 0; i < 50; ++i) {
+        text += L"<a href=\"x\">&'\u0001</a>";
+    }
+    const std::wstring whole = escapeWhole(text, W2WEncodingSGML::kXML);
+    std::wstring pieces;
+    std::size_t nPos = 0;
+    wchar_t arrOut[7];
+    while (nPos < text.size()) {
+        std::size_t nWritten = 0;
+        std::size_t nConsumed = 0;
+        encoding.encode(text.data() + nPos, text.size() - nPos, arrOut, 7, nWritten, nConsumed);
+        ASSERT_NE(nConsumed, 0u);
+        pieces.append(arrOut, nWritten);
+        nPos += nConsumed;
+    }
+    EXPECT_EQ(pieces, whole);
+}
+
+TEST(W2WXmlEncodingTest, IsTheXmlType) {
+    EXPECT_EQ(W2WXmlEncoding().type(), W2WEncodingSGML::kXML);
+    EXPECT_EQ(W2WEncodingSGML(W2WEncodingSGML::kHTML).type(), W2WEncodingSGML::kHTML);
+}
+
+}  // namespace
+}  // namespace kiv
