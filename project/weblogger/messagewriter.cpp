@@ -1,0 +1,64 @@
+#include "weblogger/messagewriter.h"
+
+#include "zq/webkeel/prettyfilename.h"
+
+namespace kiv::logger_details {
+namespace {
+
+const String kReservedPropertyNames[] = {String(L"ecid"),    String(L"ThreadID"),
+                                         String(L"SIName"),  String(L"IDDName"),
+                                         String(L"IDDGUID"), String(L"userId")};
+
+}  // namespace
+
+std::wstring_view TimeStampCache::ordinary(std::time_t now) {
+    return refresh(m_ordinary, now, false);
+}
+
+std::wstring_view TimeStampCache::klf(std::time_t now) {
+    return refresh(m_klf, now, true);
+}
+
+std::wstring_view TimeStampCache::refresh(Entry& entry, std::time_t now, bool bIso8601) {
+    const std::uint64_t nGeneration = TmLogger::getTimeZoneGeneration();
+    if (entry.tSecond != now || entry.nZoneGeneration != nGeneration) {
+        // The ISO stamp fits in 50 characters.
+        entry.nLength = TmLogger::formatTimeStamp(now, bIso8601, entry.arrText,
+                                                  bIso8601 ? 50 : std::size(entry.arrText));
+        entry.tSecond = now;
+        entry.nZoneGeneration = nGeneration;
+    }
+    return std::wstring_view(entry.arrText, entry.nLength);
+}
+
+bool RenderingHelpers::isReservedPropertyName(const String& name) noexcept {
+    for (const String& reserved : kReservedPropertyNames) {
+        if (reserved.equals(name)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::size_t RenderingHelpers::toDecimal(std::uint64_t n, wchar_t (&arrDigits)[24]) noexcept {
+    wchar_t arrReversed[24];
+    std::size_t nCount = 0;
+    do {
+        arrReversed[nCount++] = static_cast<wchar_t>(L'0' + n % 10);
+        n /= 10;
+    } while (n != 0);
+    for (std::size_t i = 0; i < nCount; ++i) {
+        arrDigits[i] = arrReversed[nCount - 1 - i];
+    }
+    return nCount;
+}
+
+std::wstring_view RenderingHelpers::prettyPath(const wchar_t* pwszFile) noexcept {
+    return asPrettyFilenameRefString(pwszFile);
+}
+
+std::wstring_view RenderingHelpers::fileNameOnly(const wchar_t* pwszFile) noexcept {
+    return asPrettyFilename(pwszFile, kJustFileName);
+}
+
+}  // namespace kiv::logger_details

@@ -1,0 +1,140 @@
+// Rendering one message through a compiled format.
+//
+// A message writer walks the records of a CompiledMsgFormat in order and writes each record's
+// piece through two adaptors: one for the format's own text and one for values. The choice of
+// adaptors makes a format "Xml" (values escaped) or "Plain"; the stream (a wide buffer, a log
+// file, the console) is whatever the adaptors write to. Writers own one message writer each,
+// made by MessageWriterFactory<Stream, Writer>::createMessageWriter.
+//
+// Which pieces are values (escaped in Xml formats): the time stamps and the zone name, each
+// source name of the sources list, the file path or name, the line, the message text, the
+// severity number, the properties list's separator, the property name and the backtrace.
+// Format text, list separators, prefixes and suffixes, the current source's name, the message
+// type text and property values go through the format-text adaptor unescaped; the current
+// source and property values are deliberately not escaped.
+//
+// Threads: msg_log is logically const but uses the writer's scratch buffer and its time-stamp
+// cache, so one message writer renders one message at a time: its owning writer serialises the
+// calls under its own lock.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+
+#include "weblogger/commonseverities.h"
+#include "weblogger/messageformatloader.h"
+#include "weblogger/tmlogger.h"
+#include "zq/webkeel/handle.h"
+#include "zq/webkeel/stringbuffer.h"
+#include "zq/webutil/message.h"
+
+namespace kiv {
+
+template <class Stream>
+class MessageWriter : public RefCountedBaseTemplate<MemAllocNewdel> {
+public:
+    ~MessageWriter() override = default;
+    // Renders the message into out.
+    virtual void msg_log(const LogSeverity& severity, const GDValue& message,
+                         const TmLogger::LoggerState& state,
+                         const TmLogger::FileLocation* pFileLocation, Stream* out) const = 0;
+};
+
+template <class Stream>
+using MessageWriterHandle = Handle<const MessageWriter<Stream>>;
+
+namespace logger_details {
+
+// The text of a time stamp, rebuilt only when the second or the logging time zone changes:
+// a full date conversion per message would cost more than the rest of the rendering.
+class TimeStampCache {
+public:
+    // "<local date and time> <zone short name>" for the second now.
+    std::wstring_view ordinary(std::time_t now);
+    // ISO 8601 with the zone offset for the second now.
+    std::wstring_view klf(std::time_t now);
+
+private:
+    struct Entry {
+        std::time_t tSecond = -1;
+        std::uint64_t nZoneGeneration = 0;
+        std::size_t nLength = 0;
+        wchar_t arrText[96] = {};
+    };
+    static std::wstring_view refresh(Entry& entry, std::time_t now, bool bIso8601);
+
+    Entry m_ordinary;
+    Entry m_klf;
+};
+
+// Shared pieces of rendering that do not depend on the adaptors.
+struct RenderingHelpers {
+    static bool isReservedPropertyName(const String& name) noexcept;
+    // The decimal digits of n into arrDigits (no terminator); returns the count.
+    static std::size_t toDecimal(std::uint64_t n, wchar_t (&arrDigits)[24]) noexcept;
+    static std::wstring_view prettyPath(const wchar_t* pwszFile) noexcept;
+    static std::wstring_view fileNameOnly(const wchar_t* pwszFile) noexcept;
+};
+
+}  // namespace logger_details
+
+template <class Stream, class TextWriter, class ValueWriter>
+class MessageWriterImpl : public MessageWriter<Stream> {
+public:
+    MessageWriterImpl(const CompiledMsgFormat* pFormat, bool bDeleteFormat)
+        : m_pformat(pFormat),
+          m_bDeleteFmt(bDeleteFormat),
+          m_pMsgTable(&MessageTable::getDefault()) {}
+    ~MessageWriterImpl() override {
+        if (m_bDeleteFmt) {
+            delete m_pformat;
+        }
+    }
+    MessageWriterImpl(const MessageWriterImpl&) = delete;
+    MessageWriterImpl& operator=(const MessageWriterImpl&) = delete;
+
+    void msg_log(const LogSeverity& severity, const GDValue& message,
+                 const TmLogger::LoggerState& state, const TmLogger::FileLocation* pFileLocation,
+                 Stream* out) const override;
+
+    // Renders one property (its name and its values) with a nested format.
+    void writeProperty(const CompiledMsgFormat& itemFormat, const LogSeverity& severity,
+                       const TmLogger::LoggerState::PropsMap::value_type& entry, Stream* out) const;
+
+    const CompiledMsgFormat* getFormat() const noexcept { return m_pformat; }
+
+private:
+    using Record = CompiledMsgFormat::Record;
+
+    // Renders a value into the scratch buffer and returns its text.
+    std::wstring_view renderValue(const GDValue& value) const;
+    void writeNumber(std::uint64_t n, Stream* out) const;
+    void writeSourcesList(const CompiledMsgFormat::SimpleListRecord& record,
+                          const TmLogger::LoggerState& state, Stream* out) const;
+    void writePropertiesList(const CompiledMsgFormat::ComplexListRecord& record,
+                             const LogSeverity& severity, const TmLogger::LoggerState& state,
+                             Stream* out) const;
+
+    const CompiledMsgFormat* m_pformat;
+    bool m_bDeleteFmt;
+    // The default table lives as long as the process; the formatter renders through it.
+    MessageTable* m_pMsgTable;
+    WebTextMessageFormatter m_tMsgFormatter;
+    mutable StringBufferTemplate<511, wchar_t> m_tBuffer;
+    mutable logger_details::TimeStampCache m_timeStamps;
+};
+
+// Makes the message writer for a format: escaped values when the format's encoding is Xml,
+// plain ones for Plain. Writer is the adaptor that writes wide text to Stream.
+template <class Stream, class Writer>
+class MessageWriterFactory {
+public:
+    // An encoding other than Xml or Plain fails the assertion "false" and gives an empty
+    // handle. With bDeleteFormat the message writer deletes the format when it goes.
+    static MessageWriterHandle<Stream> createMessageWriter(const CompiledMsgFormat* pFormat,
+                                                           bool bDeleteFormat);
+};
+
+}  // namespace kiv
+
+#include "weblogger/messagewriter_impl.h"

@@ -1,0 +1,237 @@
+// Template definitions of the message writer; included by messagewriter.h only.
+#pragma once
+
+#include <cwchar>
+
+#include "weblogger/logsource.h"
+#include "weblogger/writeradapters.h"
+#include "zq/webkeel/assert.h"
+#include "zq/webkeel/clock.h"
+#include "zq/webkeel/encoding.h"
+
+namespace kiv {
+
+template <class Stream, class TextWriter, class ValueWriter>
+std::wstring_view MessageWriterImpl<Stream, TextWriter, ValueWriter>::renderValue(
+    const GDValue& value) const {
+    m_tBuffer.clear();
+    m_tMsgFormatter.FormatBuffer(m_tBuffer, value);
+    return m_tBuffer.view();
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeNumber(std::uint64_t n,
+                                                                     Stream* out) const {
+    wchar_t arrDigits[24];
+    const std::size_t nDigits = logger_details::RenderingHelpers::toDecimal(n, arrDigits);
+    ValueWriter::write(out, arrDigits, nDigits);
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(
+    const LogSeverity& severity, const GDValue& message, const TmLogger::LoggerState& state,
+    const TmLogger::FileLocation* pFileLocation, Stream* out) const {
+    for (const Record* pRecord : m_pformat->m_records) {
+        switch (pRecord->m_nType) {
+            case CompiledMsgFormat::kText: {
+                const String& strText =
+                    static_cast<const CompiledMsgFormat::TextRecord*>(pRecord)->m_strText;
+                TextWriter::write(out, strText.data(), strText.size());
+                break;
+            }
+            case CompiledMsgFormat::kTimeStamp: {
+                const std::wstring_view text = m_timeStamps.ordinary(clock::wallClockSeconds());
+                ValueWriter::write(out, text.data(), text.size());
+                break;
+            }
+            case CompiledMsgFormat::kTimeStampKLFFormat: {
+                const std::wstring_view text = m_timeStamps.klf(clock::wallClockSeconds());
+                ValueWriter::write(out, text.data(), text.size());
+                break;
+            }
+            case CompiledMsgFormat::kLogSourcesList:
+                writeSourcesList(*static_cast<const CompiledMsgFormat::SimpleListRecord*>(pRecord),
+                                 state, out);
+                break;
+            case CompiledMsgFormat::kCurLogSource:
+                if (const LogSource* pSource = state.getCurSource()) {
+                    TextWriter::write(out, pSource->getPath().data(), pSource->getPath().size());
+                }
+                break;
+            case CompiledMsgFormat::kFile:
+            case CompiledMsgFormat::kFileName: {
+                ZQ_ASSERT(pFileLocation != __null);
+                if (pFileLocation == nullptr) {
+                    break;
+                }
+                const std::wstring_view path =
+                    pRecord->m_nType == CompiledMsgFormat::kFile
+                        ? logger_details::RenderingHelpers::prettyPath(pFileLocation->getWFile())
+                        : logger_details::RenderingHelpers::fileNameOnly(pFileLocation->getWFile());
+                ValueWriter::write(out, path.data(), path.size());
+                break;
+            }
+            case CompiledMsgFormat::kLine:
+                // A format that shows the line needs a location; without one there is no line.
+                if (pFileLocation != nullptr) {
+                    writeNumber(pFileLocation->getLineNumber(), out);
+                }
+                break;
+            case CompiledMsgFormat::kPropsList:
+                writePropertiesList(
+                    *static_cast<const CompiledMsgFormat::ComplexListRecord*>(pRecord), severity,
+                    state, out);
+                break;
+            case CompiledMsgFormat::kMsg: {
+                const std::wstring_view text = renderValue(message);
+                ValueWriter::write(out, text.data(), text.size());
+                break;
+            }
+            case CompiledMsgFormat::kMsgType: {
+                const auto& values =
+                    static_cast<const CompiledMsgFormat::EnumRecord*>(pRecord)->m_vecValues;
+                const std::size_t nType = static_cast<std::size_t>(severity.m_nType);
+                if (nType < values.size()) {
+                    TextWriter::write(out, values[nType].data(), values[nType].size());
+                } else {
+                    wchar_t arrDigits[24];
+                    const std::size_t nDigits =
+                        logger_details::RenderingHelpers::toDecimal(nType, arrDigits);
+                    TextWriter::write(out, arrDigits, nDigits);
+                }
+                break;
+            }
+            case CompiledMsgFormat::kSeverity:
+                writeNumber(severity.m_dwImportance, out);
+                break;
+            case CompiledMsgFormat::kSpecificProperty: {
+                const auto* pProperty =
+                    static_cast<const CompiledMsgFormat::SingleValueFromListRecord*>(pRecord);
+                const auto& map = state.propertiesMap();
+                const auto it = map.find(pProperty->m_strValueName);
+                if (it != map.end() && pProperty->m_pFormat != nullptr) {
+                    writeProperty(*pProperty->m_pFormat, severity, *it, out);
+                }
+                break;
+            }
+            case CompiledMsgFormat::kBacktrace:
+                if (pFileLocation != nullptr && pFileLocation->getBacktrace() != nullptr) {
+                    ValueWriter::write(out, L"\tBacktrace:\n");
+                    ValueWriter::write(out, pFileLocation->getBacktrace());
+                    ValueWriter::write(out, L"\n");
+                }
+                break;
+            default:
+                // Property parts outside a property's own format, and the reserved kinds.
+                ZQ_ASSERT(false);
+                break;
+        }
+    }
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeSourcesList(
+    const CompiledMsgFormat::SimpleListRecord& record, const TmLogger::LoggerState& state,
+    Stream* out) const {
+    const TmLogger::LoggerState::LogSourcesStack& stack = state.logSourcesStack();
+    const LogSource* pPrevious = nullptr;
+    bool bFirst = true;
+    for (auto it = stack.rbegin(); it != stack.rend(); ++it) {
+        const LogSource* pSource = *it;
+        if (pSource == nullptr || pSource == pPrevious) {
+            continue;
+        }
+        pPrevious = pSource;
+        if (!bFirst) {
+            TextWriter::write(out, record.m_strSeparator);
+        }
+        bFirst = false;
+        TextWriter::write(out, record.m_strPrefix);
+        ValueWriter::write(out, pSource->getPath());
+        TextWriter::write(out, record.m_strSuffix);
+    }
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writePropertiesList(
+    const CompiledMsgFormat::ComplexListRecord& record, const LogSeverity& severity,
+    const TmLogger::LoggerState& state, Stream* out) const {
+    bool bFirstTookPart = true;
+    for (const auto& entry : state.propertiesMap()) {
+        const auto& values = entry.second;
+        if (values.empty() || values.front().second < severity.m_dwImportance) {
+            continue;
+        }
+        // A reserved property takes part (so a separator still precedes the next one) but is
+        // shown only through its own Property record.
+        const bool bWasFirst = bFirstTookPart;
+        bFirstTookPart = false;
+        if (logger_details::RenderingHelpers::isReservedPropertyName(entry.first)) {
+            continue;
+        }
+        if (!bWasFirst) {
+            ValueWriter::write(out, record.m_strSeparator);
+        }
+        if (record.m_pFormat != nullptr) {
+            writeProperty(*record.m_pFormat, severity, entry, out);
+        }
+    }
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeProperty(
+    const CompiledMsgFormat& itemFormat, const LogSeverity&,
+    const TmLogger::LoggerState::PropsMap::value_type& entry, Stream* out) const {
+    for (const Record* pRecord : itemFormat.m_records) {
+        switch (pRecord->m_nType) {
+            case CompiledMsgFormat::kText:
+                TextWriter::write(
+                    out, static_cast<const CompiledMsgFormat::TextRecord*>(pRecord)->m_strText);
+                break;
+            case CompiledMsgFormat::kPropName:
+                ValueWriter::write(out, entry.first);
+                break;
+            case CompiledMsgFormat::kPropValuesList: {
+                const auto& list =
+                    *static_cast<const CompiledMsgFormat::SimpleListRecord*>(pRecord);
+                bool bFirst = true;
+                for (const auto& value : entry.second) {
+                    if (!bFirst) {
+                        TextWriter::write(out, list.m_strSeparator);
+                    }
+                    bFirst = false;
+                    TextWriter::write(out, list.m_strPrefix);
+                    if (const GDValue* pValue = value.first.get()) {
+                        const std::wstring_view text = renderValue(*pValue);
+                        // A property value ends at its first null character.
+                        TextWriter::write(out, text.data(), ::wcsnlen(text.data(), text.size()));
+                    }
+                    TextWriter::write(out, list.m_strSuffix);
+                }
+                break;
+            }
+            default:
+                ZQ_ASSERT(false);
+                break;
+        }
+    }
+}
+
+template <class Stream, class Writer>
+MessageWriterHandle<Stream> MessageWriterFactory<Stream, Writer>::createMessageWriter(
+    const CompiledMsgFormat* pFormat, bool bDeleteFormat) {
+    switch (pFormat->m_Encoding) {
+        case CompiledMsgFormat::kEncodingXml:
+            return MessageWriterHandle<Stream>(
+                new MessageWriterImpl<Stream, Writer, EncodingAdapter<Writer, W2WXmlEncoding>>(
+                    pFormat, bDeleteFormat));
+        case CompiledMsgFormat::kEncodingPlain:
+            return MessageWriterHandle<Stream>(
+                new MessageWriterImpl<Stream, Writer, Writer>(pFormat, bDeleteFormat));
+        default:
+            ZQ_ASSERT(false);
+            return MessageWriterHandle<Stream>();
+    }
+}
+
+}  // namespace kiv

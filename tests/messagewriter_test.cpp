@@ -1,0 +1,327 @@
+#include "weblogger/messagewriter.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "support/alloc_counter.h"
+#include "weblogger/loggermessages.h"
+#include "weblogger/logsource.h"
+#include "zq/webkeel/clock.h"
+#include "zq/webkeel/transcode.h"
+#include "zq/webutil/timezone.h"
+
+namespace kiv {
+namespace {
+
+using WideBuffer = StringBufferBaseTemplate<wchar_t>;
+using WideFactory = MessageWriterFactory<WideBuffer, WriterAdapter<WideBuffer>>;
+
+// 2026-03-29 00:30:05 UTC: 01:30:05 CET, half an hour before Berlin moves to CEST.
+constexpr std::time_t kFixedTime = 1774744205;
+std::time_t fixedClock() noexcept {
+    return kFixedTime;
+}
+
+class MessageWriterTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        TimeZone berlin = TimeZone::utc();
+        ASSERT_TRUE(TimeZoneRegistry::getInstance().findTimeZone(String(L"Europe/Berlin"), berlin));
+        TmLogger::setTimeZone(berlin);
+    }
+
+    // Compiles a format from its XML text; the writer owns it.
+    MessageWriterHandle<WideBuffer> writerFor(
+        const char* pszFormatXml,
+        CompiledMsgFormat::Encoding nDefault = CompiledMsgFormat::kEncodingPlain) {
+        const XmlDocument document = XmlDocument::parseString(std::string_view(pszFormatXml));
+        auto* pFormat = new CompiledMsgFormat;
+        MessageFormatLoader::loadFormat(*pFormat, *document.getDocumentElement(), nDefault);
+        return WideFactory::createMessageWriter(pFormat, true);
+    }
+    MessageWriterHandle<WideBuffer> writerFor(const XmlElement& formatElement) {
+        auto* pFormat = new CompiledMsgFormat;
+        MessageFormatLoader::loadFormat(*pFormat, formatElement, CompiledMsgFormat::kEncodingPlain);
+        return WideFactory::createMessageWriter(pFormat, true);
+    }
+
+    String render(const MessageWriterHandle<WideBuffer>& hWriter, const LogSeverity& severity,
+                  const GDValue& message, const TmLogger::FileLocation* pLocation = nullptr) {
+        StringBufferTemplate<1024, wchar_t> out;
+        hWriter->msg_log(severity, message, m_state, pLocation, &out);
+        return out.toString();
+    }
+
+    clock::ScopedWallClock m_clock{&fixedClock};
+    TmLogger::LoggerState m_state;
+    LogSourceHandle m_one{String(L"one")};
+    LogSourceHandle m_two{String(L"one.two")};
+    LogSourceHandle m_three{String(L"one.two.three")};
+};
+
+// ------------------------------------------------------------------------- record by record
+
+TEST_F(MessageWriterTest, TraceMessageInShortStyleShowsTrace) {
+    auto hWriter = writerFor("<Format><MsgType style='short'/>|<MsgType/></Format>");
+    EXPECT_TRUE(render(hWriter, kSevTraceFine, GDString(L"")).equals(L"TRACE|TRACE"));
+    EXPECT_TRUE(render(hWriter, kSevInfo, GDString(L"")).equals(L"N|NOTIFICATION"));
+    EXPECT_TRUE(render(hWriter, kSevErrorCorruption, GDString(L"")).equals(L"I_E|INCIDENT_ERROR"));
+}
+
+TEST_F(MessageWriterTest, SourcesListSkipsRepeatsInnermostFirst) {
+    auto hWriter = writerFor(
+        "<Format><LogSources><Separator>,</Separator><Prefix>[</Prefix><Suffix>]</Suffix>"
+        "</LogSources></Format>");
+    m_state.pushSource(*m_one);
+    m_state.pushSource(*m_two);
+    m_state.pushSource(*m_two);
+    m_state.pushSource(*m_three);
+    EXPECT_TRUE(
+        render(hWriter, kSevError, GDString(L"")).equals(L"[one.two.three],[one.two],[one]"));
+}
+
+TEST_F(MessageWriterTest, DefaultFormatPutsEachSourceOnItsOwnIndentedLine) {
+    const XmlElement* pDefault = nullptr;
+    for (const XmlElement* p :
+         MessageFormatLoader::getFallbackLoggerFormats()->selectElements(L"Format")) {
+        if (p->getAttributeValue(L"name").equals(L"Default")) {
+            pDefault = p;
+        }
+    }
+    ASSERT_NE(pDefault, nullptr);
+    m_state.pushSource(*m_one);
+    m_state.pushSource(*m_two);
+    const TmLogger::FileLocation location(L"/src/project/weblogger/a.cpp", 7);
+    const String text = render(writerFor(*pDefault), kSevError, GDString(L"m"), &location);
+    EXPECT_NE(text.find(String(L"Location:\n\tone.two\n\tone\n")), String::npos)
+        << toUtf8(text.view()).c_str();
+}
+
+TEST_F(MessageWriterTest, PropertyShowsOnlyWhereItsLevelReachesTheImportance) {
+    auto hWriter = writerFor(
+        "<Format><Properties><ListElementFormat><PropertyName/>=<PropertyValues/>"
+        "</ListElementFormat></Properties></Format>");
+    m_state.pushProperty(String(L"custom"), GDString(L"v"), 2);
+    EXPECT_TRUE(
+        render(hWriter, LogSeverity(LogSeverity::SV_ERROR, 2), GDString(L"")).equals(L"custom=v"));
+    EXPECT_TRUE(render(hWriter, LogSeverity(LogSeverity::SV_ERROR, 3), GDString(L"")).empty());
+}
+
+TEST_F(MessageWriterTest, ReservedPropertiesShowOnlyThroughTheirOwnRecord) {
+    auto hList = writerFor(
+        "<Format><Properties><ListElementFormat><PropertyName/>=<PropertyValues/>"
+        "</ListElementFormat><Separator>;</Separator></Properties></Format>");
+    auto hEcid =
+        writerFor("<Format><Property name='ecid'>ecid:<PropertyValues/></Property></Format>");
+    m_state.pushProperty(String(L"ecid"), GDString(L"E1,R1"), 0xF0000000u);
+    EXPECT_TRUE(render(hList, kSevError, GDString(L"")).empty());
+    EXPECT_TRUE(render(hEcid, kSevError, GDString(L"")).equals(L"ecid:E1,R1"));
+}
+
+TEST_F(MessageWriterTest, SeparatorStillPrecedesAPropertyAfterAReservedFirstOne) {
+    auto hList = writerFor(
+        "<Format><Properties><ListElementFormat><PropertyName/></ListElementFormat>"
+        "<Separator>;</Separator></Properties></Format>");
+    m_state.pushProperty(String(L"userId"), GDString(L"ann"), 100);
+    m_state.pushProperty(String(L"custom"), GDString(L"x"), 100);
+    const String text = render(hList, kSevError, GDString(L""));
+    // Whichever of the two the map visits first, "custom" is the only one written; it is
+    // preceded by the separator exactly when the reserved one was visited before it.
+    EXPECT_TRUE(text.equals(L"custom") || text.equals(L";custom")) << toUtf8(text.view()).c_str();
+}
+
+TEST_F(MessageWriterTest, PropertyThatIsNotSetRendersNothingAtAll) {
+    auto hWriter =
+        writerFor("<Format>a<Property name='nothere'>[<PropertyValues/>]</Property>b</Format>");
+    EXPECT_TRUE(render(hWriter, kSevError, GDString(L"")).equals(L"ab"));
+}
+
+TEST_F(MessageWriterTest, BacktraceOnlyWhenTheLocationHasOne) {
+    auto hWriter = writerFor("<Format>[<Backtrace/>]</Format>");
+    const TmLogger::FileLocation plain(L"f.cpp", 1);
+    const TmLogger::FileLocation traced(L"f.cpp", 1, L"frame1\nframe2");
+    EXPECT_TRUE(render(hWriter, kSevError, GDString(L""), &plain).equals(L"[]"));
+    EXPECT_TRUE(render(hWriter, kSevError, GDString(L""), &traced)
+                    .equals(L"[\tBacktrace:\nframe1\nframe2\n]"));
+}
+
+TEST_F(MessageWriterTest, XmlFormatEscapesTheMessageButNotPropertyValues) {
+    auto hWriter = writerFor(
+        "<Format Encoding='Xml'>&lt;m&gt;<MessageText/>|<Property name='p'><PropertyValues/>"
+        "</Property>|<CurrentLogSource/>|<MsgSeverity/></Format>");
+    m_state.pushProperty(String(L"p"), GDString(L"a&b"), 100);
+    const LogSourceHandle odd(String(L"xmlsrc.a&b"));
+    m_state.pushSource(*odd);
+    EXPECT_TRUE(render(hWriter, kSevError, GDString(L"x & y <z>"))
+                    .equals(L"<m>x &amp; y &lt;z&gt;|a&b|xmlsrc.a&b|16"));
+}
+
+TEST_F(MessageWriterTest, FileLineAndSeverityPieces) {
+    auto hWriter =
+        writerFor("<Format><File/>|<File style='Short'/>|<Line/>|<MsgSeverity/></Format>");
+    const TmLogger::FileLocation location(L"/build/x/project/weblogger/logfile.cpp", 42);
+    EXPECT_TRUE(render(hWriter, kSevErrorCritical, GDString(L""), &location)
+                    .equals(L"weblogger/logfile.cpp|logfile.cpp|42|10"));
+}
+
+TEST_F(MessageWriterTest, FileWithoutLocationIsReported) {
+    AssertionCapture capture;
+    auto hWriter = writerFor("<Format>[<File/>]</Format>");
+    EXPECT_TRUE(render(hWriter, kSevError, GDString(L"")).equals(L"[]"));
+    EXPECT_TRUE(capture.contains("pFileLocation != __null"));
+}
+
+TEST_F(MessageWriterTest, PropertyPartsAtTopLevelAreReportedAndSkipped) {
+    AssertionCapture capture;
+    auto hWriter = writerFor("<Format>a<PropertyName/>b<PropertyValues/>c</Format>");
+    EXPECT_TRUE(render(hWriter, kSevError, GDString(L"")).equals(L"abc"));
+    EXPECT_EQ(capture.expressions(), (std::vector<std::string>{"false", "false"}));
+}
+
+TEST_F(MessageWriterTest, MessageTypeBeyondTheTableIsWrittenAsANumber) {
+    auto hWriter = writerFor("<Format><MsgType/></Format>");
+    EXPECT_TRUE(render(hWriter, LogSeverity(static_cast<LogSeverity::MsgType>(7), 1), GDString(L""))
+                    .equals(L"7"));
+}
+
+TEST_F(MessageWriterTest, UnknownEncodingGivesNoWriter) {
+    AssertionCapture capture;
+    CompiledMsgFormat format;
+    format.m_Encoding = static_cast<CompiledMsgFormat::Encoding>(5);
+    EXPECT_TRUE(WideFactory::createMessageWriter(&format, false).isNull());
+    EXPECT_TRUE(capture.contains("false"));
+}
+
+TEST_F(MessageWriterTest, PropertyValueIsCutAtItsFirstNullCharacter) {
+    auto hWriter = writerFor("<Format><Property name='p'><PropertyValues/></Property></Format>");
+    const wchar_t arrText[] = {L'a', L'b', 0, L'c'};
+    m_state.pushProperty(String(L"p"), GDString(String(arrText, 4)), 100);
+    EXPECT_TRUE(render(hWriter, kSevError, GDString(L"")).equals(L"ab"));
+}
+
+TEST_F(MessageWriterTest, TimeStampsUseTheLoggingZoneAndTheInjectedClock) {
+    auto hWriter = writerFor("<Format><Time/>|<Time style='KLFTimeFormat'/></Format>");
+    EXPECT_TRUE(render(hWriter, kSevError, GDString(L""))
+                    .equals(L"2026-03-29 01:30:05 CET|2026-03-29T01:30:05+01:00"));
+}
+
+TEST_F(MessageWriterTest, RenderingAllocatesNothingInSteadyState) {
+    auto hWriter = writerFor(
+        "<Format><Time/> <MsgType style='short'/><MsgSeverity/>\t<CurrentLogSource/>\t"
+        "<MessageText/> <Properties><ListElementFormat><PropertyName/>=<PropertyValues/>"
+        "</ListElementFormat></Properties></Format>");
+    m_state.pushSource(*m_two);
+    m_state.pushProperty(String(L"custom"), GDString(L"v"), 100);
+    const GDString tmpl(L"user %1 got %2");
+    const GDString user(L"ann");
+    const GDUInteger64 count(3);
+    StringBufferTemplate<1024, wchar_t> out;
+    hWriter->msg_log(kSevError, ReferentialParameterizedMessage(tmpl, user, count), m_state,
+                     nullptr, &out);
+    test::AllocationScope scope;
+    for (int i = 0; i < 100; ++i) {
+        out.clear();
+        hWriter->msg_log(kSevError, ReferentialParameterizedMessage(tmpl, user, count), m_state,
+                         nullptr, &out);
+    }
+    EXPECT_EQ(scope.count(), 0u);
+}
+
+// ------------------------------------------------------------------------- golden texts
+
+// The fixed message every golden text renders: sources one, two, three; properties userId,
+// ThreadID, ecid and a custom one; a file location with or without a backtrace.
+class GoldenTest : public MessageWriterTest {
+protected:
+    void SetUp() override {
+        m_state.pushSource(*m_one);
+        m_state.pushSource(*m_two);
+        m_state.pushSource(*m_three);
+        m_state.pushProperty(String(L"userId"), GDString(L"ann"), 100);
+        m_state.pushProperty(String(L"ThreadID"), GDUInteger64(4242), 100);
+        m_state.pushProperty(String(L"ecid"), GDString(L"0af3,1"), 0xF0000000u);
+        m_state.pushProperty(String(L"custom"), GDString(L"first"), 100);
+        m_state.pushProperty(String(L"custom"), GDString(L"second"), 100);
+    }
+
+    static const XmlElement* findFormat(const XmlElement* pRoot, const String& name) {
+        for (const XmlElement* p : pRoot->selectElements(L"Format")) {
+            if (p->getAttributeValue(L"name").equals(name)) {
+                return p;
+            }
+        }
+        return nullptr;
+    }
+
+    // Renders with and without a backtrace, as UTF-8.
+    std::string renderBoth(const XmlElement& formatElement) {
+        auto* pFormat = new CompiledMsgFormat;
+        MessageFormatLoader::loadFormat(*pFormat, formatElement, CompiledMsgFormat::kEncodingPlain);
+        auto hWriter = WideFactory::createMessageWriter(pFormat, true);
+        const ReferentialParameterizedMessage message(m_template, m_user, m_items);
+        const TmLogger::FileLocation plain(L"/build/main/project/weblogger/server.cpp", 120);
+        const TmLogger::FileLocation traced(L"/build/main/project/weblogger/server.cpp", 120,
+                                            L"#0 handle()\n#1 main()");
+        StringBufferTemplate<4096, wchar_t> out;
+        hWriter->msg_log(kSevWarning, message, m_state, &plain, &out);
+        hWriter->msg_log(kSevError, message, m_state, &traced, &out);
+        return toUtf8(out.view()).std();
+    }
+
+    static std::string goldenPath(const std::string& name) {
+        return std::string(WEBLOGGER_TEST_DATA_DIR) + "/golden/" + name + ".txt";
+    }
+
+    void compareWithGolden(const std::string& name, const std::string& actual) {
+        const std::string strPath = goldenPath(name);
+        if (std::getenv("WEBLOGGER_UPDATE_GOLDEN") != nullptr) {
+            std::ofstream(strPath, std::ios::binary) << actual;
+        }
+        std::ifstream in(strPath, std::ios::binary);
+        ASSERT_TRUE(in.good()) << "missing " << strPath;
+        std::stringstream expected;
+        expected << in.rdbuf();
+        EXPECT_EQ(actual, expected.str()) << name;
+    }
+
+    const GDString m_template{L"user %1 asked for %2 & more"};
+    const GDString m_user{L"ann"};
+    const GDUInteger64 m_items{3};
+};
+
+TEST_F(GoldenTest, BuiltInFormatsRenderTheirGoldenText) {
+    for (const char* pszName : {"Default", "Short", "xml", "KLF-XML", "KLF-Text"}) {
+        const XmlElement* pFormat =
+            findFormat(MessageFormatLoader::getFallbackLoggerFormats(), fromUtf8(pszName));
+        ASSERT_NE(pFormat, nullptr) << pszName;
+        compareWithGolden(std::string("builtin-") + pszName, renderBoth(*pFormat));
+    }
+}
+
+TEST_F(GoldenTest, CatalogueFormatsRenderTheirGoldenText) {
+    for (const char* pszName : {"Default", "Short", "xml"}) {
+        const XmlElement* pFormat =
+            findFormat(kmsgLogFormats.getStructuredContent(), fromUtf8(pszName));
+        ASSERT_NE(pFormat, nullptr) << pszName;
+        compareWithGolden(std::string("catalogue-") + pszName, renderBoth(*pFormat));
+    }
+}
+
+TEST_F(GoldenTest, XmlFormatsProduceWellFormedXml) {
+    for (const char* pszName : {"xml", "KLF-XML"}) {
+        const std::string text = renderBoth(
+            *findFormat(MessageFormatLoader::getFallbackLoggerFormats(), fromUtf8(pszName)));
+        // Two messages one after the other: wrap them so they form one document.
+        const std::string document = "<messages>" + text + "</messages>";
+        EXPECT_NO_THROW(XmlDocument::parseString(std::string_view(document))) << pszName;
+    }
+    const std::string catalogue =
+        renderBoth(*findFormat(kmsgLogFormats.getStructuredContent(), String(L"xml")));
+    EXPECT_NO_THROW(XmlDocument::parseString(std::string_view("<m>" + catalogue + "</m>")));
+}
+
+}  // namespace
+}  // namespace kiv
