@@ -1,5 +1,9 @@
 #include "weblogger/loggermessages.h"
 
+#include <cstdio>
+
+#include "zq/webkeel/transcode.h"
+
 namespace kiv {
 
 const wchar_t* const kLoggerMessagesFile = L"loggermessages.xml";
@@ -89,6 +93,33 @@ const ExternalMessage kmsgLogWarningLong(
 const ExternalMessage kmsgLogWarningShort(
     L"kmsgLogWarningShort", ExternalMessage::kNone,
     "<WebMessage name=\"kmsgLogWarningShort\"><TEXT>W</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigFilesNInvalid(
+    L"kmsgLogConfigFilesNInvalid", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigFilesNInvalid\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "Failed to init log writer <kivm:param insert=\"1\"/>. The attribute filesN of its Writer "
+    "element must be a number of at least 1, not '<kivm:param insert=\"2\"/>'.</TEXT>"
+    "</WebMessage>");
+
+const ExternalMessage kmsgLogWriterFileFailure(
+    L"kmsgLogWriterFileFailure", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogWriterFileFailure\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "Log writer <kivm:param insert=\"1\"/> stopped writing to <kivm:param insert=\"2\"/> and "
+    "is disabled: <kivm:param insert=\"3\"/></TEXT></WebMessage>");
+
+void reportLoggerProblem(const GDValue& message) noexcept {
+    try {
+        StringBufferTemplate<511, wchar_t> text;
+        text.append(L"weblogger: ");
+        message.appendText(text);
+        text.append(L'\n');
+        const NString bytes = toUtf8(text.view());
+        std::fwrite(bytes.data(), 1, bytes.size(), stderr);
+        std::fflush(stderr);
+    } catch (...) {
+        // Reporting a problem must never become one.
+    }
+}
 
 // The catalogue's own set of formats: shorter than the library's built-in set ("Default" shows
 // one backtrace just before the message text, "xml" has no line, there are no KLF formats).

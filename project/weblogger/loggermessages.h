@@ -29,6 +29,12 @@ extern const ExternalMessage kmsgLogFromLogger;
 // Structured content: the catalogue's Format definitions ("Default", "Short", "xml").
 extern const ExternalMessage kmsgLogFormats;
 
+// "Failed to init log writer " insert 1 ". The attribute filesN of its Writer element must be
+// a number of at least 1, not '" insert 2 "'."
+extern const ExternalMessage kmsgLogConfigFilesNInvalid;
+// "Log writer " insert 1 " stopped writing to " insert 2 " and is disabled: " insert 3
+extern const ExternalMessage kmsgLogWriterFileFailure;
+
 // The long and short names of the five message types.
 extern const ExternalMessage kmsgLogIncidentErrorLong;   // "INCIDENT_ERROR"
 extern const ExternalMessage kmsgLogIncidentErrorShort;  // "I_E"
@@ -40,6 +46,11 @@ extern const ExternalMessage kmsgLogInformationLong;     // "NOTIFICATION"
 extern const ExternalMessage kmsgLogInformationShort;    // "N"
 extern const ExternalMessage kmsgLogTraceLong;           // "TRACE"
 extern const ExternalMessage kmsgLogTraceShort;          // "T"
+
+// Writes a problem of the logger itself (a writer that disabled itself, a configuration value
+// refused) as one line on standard error, where an operator sees it even when no writer works.
+// Never throws.
+void reportLoggerProblem(const GDValue& message) noexcept;
 
 class LogConfigurationException : public Exception {
 public:

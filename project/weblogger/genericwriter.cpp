@@ -1,0 +1,45 @@
+#include "weblogger/genericwriter.h"
+
+#include "weblogger/logwritersman.h"
+
+namespace kiv {
+namespace {
+
+// Serialises the output of every console writer of the process. Taken before a writer's own
+// lock, never after it.
+CriticalSection& consoleLock() {
+    static CriticalSection* s_pLock = new CriticalSection(0, "g_tGlobalConsoleLock");
+    return *s_pLock;
+}
+
+CriticalSection& g_tGlobalConsoleLock = consoleLock();
+
+}  // namespace
+
+CoutWriter::CoutWriter(const String& name, short id, WriterType type,
+                       const Handle<const WriterFilter>& filter)
+    : GenericWriter<CoutStream, HoopyAdaptor>(name, id, type, filter),
+      m_CoutStream(CoutStream::getCoutStream()) {}
+
+bool CoutWriter::initialize(const XmlElement*, const XmlElement* pFormat) {
+    m_pwc = &m_CoutStream;
+    compileFormat(pFormat);
+    return true;
+}
+
+void CoutWriter::logMessage(const LogSeverity& severity, const GDValue& message,
+                            const TmLogger::LoggerState& state,
+                            const TmLogger::FileLocation* pLocation) {
+    LockGuard<CriticalSection> consoleGuard(g_tGlobalConsoleLock);
+    renderAndFlush(severity, message, state, pLocation);
+}
+
+// The console writer's factory, registered when the library loads; the flag keeps this unit
+// from being dropped by the linker.
+const bool bXXCoutWriterDummy = [] {
+    logger_details::LogWritersMan::getLogWritersMan().addLogWritersFactory(
+        new logger_details::LogWritersFactoryImpl<CoutWriter>(String(L"CoutWriter")));
+    return true;
+}();
+
+}  // namespace kiv

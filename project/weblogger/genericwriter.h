@@ -1,0 +1,106 @@
+// Writers that render each message into an output stream: GenericWriter pairs any stream with
+// a message writer; CoutWriter, registered as "CoutWriter", writes to the process's standard
+// output.
+//
+// Locking: a console writer takes the process-wide console lock, then its own lock (never the
+// reverse), and holds both across rendering and flushing, so the lines of messages from
+// different console writers and threads never interleave. Every message is flushed: it is
+// visible as soon as logMessage returns.
+#pragma once
+
+#include <memory>
+
+#include "weblogger/logwriter.h"
+#include "weblogger/messagewriter.h"
+#include "weblogger/writeradapters.h"
+#include "zq/webutil/coutstream.h"
+
+namespace kiv {
+
+template <class Stream, class Adaptor>
+class GenericWriter : public LogWriter {
+public:
+    GenericWriter(const String& name, short id, WriterType type,
+                  const Handle<const WriterFilter>& filter)
+        : LogWriter(name, id, type, filter) {}
+
+    // Compiles the format (Plain unless the format says otherwise) and makes the message
+    // writer; the stream is whoever constructed the writer gives with setStream.
+    bool initialize(const XmlElement* pConfig, const XmlElement* pFormat) override;
+    // Renders the message into the stream and flushes it, under the writer's own lock.
+    void logMessage(const LogSeverity& severity, const GDValue& message,
+                    const TmLogger::LoggerState& state,
+                    const TmLogger::FileLocation* pLocation) override;
+
+    void setStream(Stream* pStream) noexcept { m_pwc = pStream; }
+
+protected:
+    void compileFormat(const XmlElement* pFormat);
+    void renderAndFlush(const LogSeverity& severity, const GDValue& message,
+                        const TmLogger::LoggerState& state,
+                        const TmLogger::FileLocation* pLocation);
+
+    Stream* m_pwc = nullptr;
+    Handle<const MessageWriter<Stream>> m_pwr;
+};
+
+class CoutWriter : public GenericWriter<CoutStream, HoopyAdaptor> {
+public:
+    CoutWriter(const String& name, short id, WriterType type,
+               const Handle<const WriterFilter>& filter);
+
+    // Writes to standard output; the console writer has no settings of its own.
+    bool initialize(const XmlElement* pConfig, const XmlElement* pFormat) override;
+    // Takes the console lock, then the writer's own lock, renders, flushes.
+    void logMessage(const LogSeverity& severity, const GDValue& message,
+                    const TmLogger::LoggerState& state,
+                    const TmLogger::FileLocation* pLocation) override;
+
+private:
+    CoutStream& m_CoutStream;
+};
+
+// ---------------------------------------------------------------------------------------------
+
+template <class Stream, class Adaptor>
+void GenericWriter<Stream, Adaptor>::compileFormat(const XmlElement* pFormat) {
+    auto pCompiled = std::make_unique<CompiledMsgFormat>();
+    if (pFormat != nullptr) {
+        MessageFormatLoader::loadFormat(*pCompiled, *pFormat, CompiledMsgFormat::kEncodingPlain);
+    }
+    // The message writer takes the format over.
+    m_pwr = MessageWriterFactory<Stream, Adaptor>::createMessageWriter(pCompiled.get(), true);
+    if (!m_pwr.isNull()) {
+        pCompiled.release();
+    }
+}
+
+template <class Stream, class Adaptor>
+bool GenericWriter<Stream, Adaptor>::initialize(const XmlElement*, const XmlElement* pFormat) {
+    compileFormat(pFormat);
+    return true;
+}
+
+template <class Stream, class Adaptor>
+void GenericWriter<Stream, Adaptor>::renderAndFlush(const LogSeverity& severity,
+                                                    const GDValue& message,
+                                                    const TmLogger::LoggerState& state,
+                                                    const TmLogger::FileLocation* pLocation) {
+    LockGuard<WriterSynchro> guard(getWriterSynchro());
+    if (!acceptWrite()) {
+        return;
+    }
+    m_pwr->msg_log(severity, message, state, pLocation, m_pwc);
+    if (m_pwc != nullptr) {
+        m_pwc->flush();
+    }
+}
+
+template <class Stream, class Adaptor>
+void GenericWriter<Stream, Adaptor>::logMessage(const LogSeverity& severity, const GDValue& message,
+                                                const TmLogger::LoggerState& state,
+                                                const TmLogger::FileLocation* pLocation) {
+    renderAndFlush(severity, message, state, pLocation);
+}
+
+}  // namespace kiv
