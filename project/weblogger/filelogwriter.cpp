@@ -144,8 +144,9 @@ bool FileLogWriter::isFileAtRotationPoint() {
         return true;
     }
     if (m_eRotationType == kRotateBySize) {
-        // The size the file handle reports: bytes still in the buffer do not count yet.
-        const long long nSize = m_CurFile.getFile().getSize(BinaryFile::kThrowException);
+        // The size the file handle has written: bytes still in the buffer do not count yet.
+        // The handle keeps it up to date, so the test costs no system call per message.
+        const long long nSize = m_CurFile.getFile().getKnownSize();
         return static_cast<std::uint64_t>(nSize) >= m_lFileSizeMax;
     }
     const std::time_t now = clock::wallClockSeconds();

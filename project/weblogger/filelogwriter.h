@@ -6,6 +6,9 @@
 // writer starts afresh begins with a UTF-8 byte-order mark.
 //
 // Choices of ours:
+// - The size rotation compares the size the writer's file handle has written (known without
+//   a system call) with the limit; bytes still in the buffer do not count, as with the size
+//   the system reports, and nothing but this writer writes its files.
 // - "filesN" of 0 (or a value that does not read as a number) is refused: initialize reports
 //   the configuration error and returns false, and the writer is not used.
 // - A failure of the file layer while writing (disk full, file removed, permissions) is

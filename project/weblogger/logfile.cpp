@@ -1,5 +1,7 @@
 #include "weblogger/logfile.h"
 
+#include "zq/webkeel/encoding.h"
+
 #include <cerrno>
 
 namespace kiv {
@@ -67,6 +69,30 @@ void LogFile::requireOpen(const wchar_t* pszOperation) const {
 void LogFile::write(const void* p, unsigned long n) {
     requireOpen(L"write to file");
     m_pBufferedStream->writeData(p, n);
+}
+
+void LogFile::writeUtf8(const wchar_t* p, std::size_t n) {
+    requireOpen(L"write to file");
+    // A UTF-8 sequence is at most 4 bytes; pieces of 1024 characters fit any buffer we use.
+    constexpr std::size_t kPieceChars = 1024;
+    constexpr std::size_t kMaxBytesPerChar = 4;
+    while (n != 0) {
+        const std::size_t nPiece = n < kPieceChars ? n : kPieceChars;
+        char* pOut = m_pBufferedStream->reserve(nPiece * kMaxBytesPerChar);
+        if (pOut == nullptr) {
+            // A buffer smaller than one piece: convert aside and write through.
+            char arrBytes[kPieceChars * kMaxBytesPerChar];
+            std::size_t nBytes = 0;
+            T2NEncodingUTF8<wchar_t>::encode(p, nPiece, arrBytes, sizeof(arrBytes), nBytes);
+            m_pBufferedStream->writeData(arrBytes, nBytes);
+        } else {
+            std::size_t nBytes = 0;
+            T2NEncodingUTF8<wchar_t>::encode(p, nPiece, pOut, nPiece * kMaxBytesPerChar, nBytes);
+            m_pBufferedStream->commit(nBytes);
+        }
+        p += nPiece;
+        n -= nPiece;
+    }
 }
 
 void LogFile::flush() {

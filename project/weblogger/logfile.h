@@ -42,6 +42,9 @@ public:
     void openAppend(const String& path, unsigned long nOffset);
 
     void write(const void* p, unsigned long n);
+    // Writes wide text as UTF-8, encoding it straight into the buffer: the same bytes as
+    // converting first and writing them, without the copy.
+    void writeUtf8(const wchar_t* p, std::size_t n);
     // Writes the buffered bytes to the file. Nothing to do when the file is closed, since the
     // buffer is empty then.
     void flush();

@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <string>
+#include <type_traits>
 
 #include "zq/webkeel/assert.h"
 #include "zq/webkeel/encoding.h"
@@ -76,6 +77,16 @@ public:
     template <class Stream>
     static void write(Stream* out, const wchar_t* p, std::size_t n) {
         if (n == 0) {
+            return;
+        }
+        // A stream that encodes UTF-8 in place (the log file) gets the text directly: the bytes
+        // are the same, the copy through the chunk buffer is saved. The inner adaptor of a
+        // UTF-8 encoding always writes to that same stream.
+        if constexpr (std::is_same_v<Encoding, T2NEncodingUTF8<wchar_t>> &&
+                      requires(Stream * s, const wchar_t* q, std::size_t m) {
+                          s->writeUtf8(q, m);
+                      }) {
+            out->writeUtf8(p, n);
             return;
         }
         const Encoding encoding{};

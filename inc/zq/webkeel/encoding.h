@@ -63,6 +63,11 @@ public:
         std::size_t i = 0;
         for (; i < nIn; ++i) {
             const wchar_t c = static_cast<wchar_t>(pIn[i]);
+            // Log text is mostly ASCII: one byte, no sequence to build.
+            if (static_cast<std::uint32_t>(c) < 0x80 && nOut < nOutCapacity) {
+                pOut[nOut++] = static_cast<char>(c);
+                continue;
+            }
             if (nOutCapacity - nOut >= kMaxSequenceBytes) {
                 nOut += encodeUtf8(c, pOut + nOut);
                 continue;

@@ -42,33 +42,6 @@ wchar_t decodeOne(const unsigned char* p, std::size_t n, std::size_t& nUsed) noe
 
 }  // namespace
 
-std::size_t encodeUtf8(wchar_t wc, char* pOut) noexcept {
-    std::uint32_t c = static_cast<std::uint32_t>(wc);
-    if (!isScalarValue(c)) {
-        c = kReplacementChar;
-    }
-    if (c < 0x80) {
-        pOut[0] = static_cast<char>(c);
-        return 1;
-    }
-    if (c < 0x800) {
-        pOut[0] = static_cast<char>(0xC0 | (c >> 6));
-        pOut[1] = static_cast<char>(0x80 | (c & 0x3F));
-        return 2;
-    }
-    if (c < 0x10000) {
-        pOut[0] = static_cast<char>(0xE0 | (c >> 12));
-        pOut[1] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        pOut[2] = static_cast<char>(0x80 | (c & 0x3F));
-        return 3;
-    }
-    pOut[0] = static_cast<char>(0xF0 | (c >> 18));
-    pOut[1] = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-    pOut[2] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    pOut[3] = static_cast<char>(0x80 | (c & 0x3F));
-    return 4;
-}
-
 void appendUtf8(std::string& out, std::wstring_view text) {
     char arrBytes[4];
     for (wchar_t c : text) {

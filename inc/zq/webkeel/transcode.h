@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -16,8 +17,34 @@ namespace kiv {
 
 constexpr wchar_t kReplacementChar = 0xFFFD;
 
-// Appends the UTF-8 form of one code point; returns the byte count written (1..4).
-std::size_t encodeUtf8(wchar_t c, char* pOut) noexcept;
+// Appends the UTF-8 form of one code point; returns the byte count written (1..4). Inline:
+// rendering calls it for every character of every message.
+inline std::size_t encodeUtf8(wchar_t wc, char* pOut) noexcept {
+    std::uint32_t c = static_cast<std::uint32_t>(wc);
+    if (c < 0x80) {
+        pOut[0] = static_cast<char>(c);
+        return 1;
+    }
+    if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) {
+        c = 0xFFFD;
+    }
+    if (c < 0x800) {
+        pOut[0] = static_cast<char>(0xC0 | (c >> 6));
+        pOut[1] = static_cast<char>(0x80 | (c & 0x3F));
+        return 2;
+    }
+    if (c < 0x10000) {
+        pOut[0] = static_cast<char>(0xE0 | (c >> 12));
+        pOut[1] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        pOut[2] = static_cast<char>(0x80 | (c & 0x3F));
+        return 3;
+    }
+    pOut[0] = static_cast<char>(0xF0 | (c >> 18));
+    pOut[1] = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+    pOut[2] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    pOut[3] = static_cast<char>(0x80 | (c & 0x3F));
+    return 4;
+}
 
 void appendUtf8(std::string& out, std::wstring_view text);
 void appendUtf8(StringBufferBaseTemplate<char>& out, std::wstring_view text);

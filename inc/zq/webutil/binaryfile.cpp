@@ -117,6 +117,9 @@ bool BinaryFile::open(const String& path, FileAccessFlags nAccess, FileCreation 
         return fail(L"open file", errno, nOnError);
     }
     m_nFd = nFd;
+    struct stat st;
+    m_nKnownSize = ::fstat(nFd, &st) == 0 ? static_cast<long long>(st.st_size) : 0;
+    m_nKnownPosition = 0;
     return true;
 }
 
@@ -135,9 +138,11 @@ bool BinaryFile::seek(Whence nWhence, long nOffset, OnError nOnError) {
         default:
             return fail(L"seek in file", EINVAL, nOnError);
     }
-    if (::lseek(m_nFd, static_cast<off_t>(nOffset), nSystemWhence) < 0) {
+    const off_t nPosition = ::lseek(m_nFd, static_cast<off_t>(nOffset), nSystemWhence);
+    if (nPosition < 0) {
         return fail(L"seek in file", errno, nOnError);
     }
+    m_nKnownPosition = static_cast<long long>(nPosition);
     return true;
 }
 
@@ -174,6 +179,10 @@ bool BinaryFile::writeBytes(const void* p, unsigned long n, unsigned long& nWrit
             return fail(L"write to file", EIO, nOnError);
         }
         nWritten += static_cast<unsigned long>(nDone);
+        m_nKnownPosition += nDone;
+        if (m_nKnownPosition > m_nKnownSize) {
+            m_nKnownSize = m_nKnownPosition;
+        }
     }
     return true;
 }

@@ -89,6 +89,10 @@ public:
 
     // The size the system reports for the open file; -1 on failure.
     long long getSize(OnError nOnError) const;
+    // The size as this handle knows it, without a system call: read from the system at open,
+    // then kept up to date by this handle's own seeks and writes. Another process writing the
+    // same file is not seen; for a file only this handle writes it equals getSize.
+    long long getKnownSize() const noexcept { return m_nKnownSize; }
 
     // Closing a closed file succeeds. The descriptor is released even when close(2) reports an
     // error (on Linux it is gone either way), so the object is closed afterwards in every case.
@@ -103,6 +107,8 @@ private:
     bool fail(const wchar_t* pszOperation, int nErrno, OnError nOnError) const;
 
     int m_nFd = -1;
+    long long m_nKnownSize = 0;
+    long long m_nKnownPosition = 0;
     String m_strPath;
 };
 

@@ -40,6 +40,16 @@ void BufferedOutputStream::writeData(const void* p, unsigned long n) {
     m_nUsed += n;
 }
 
+char* BufferedOutputStream::reserve(unsigned long n) {
+    if (n > m_nCapacity) {
+        return nullptr;
+    }
+    if (n > m_nCapacity - m_nUsed) {
+        writeBuffer();
+    }
+    return m_pBuffer.get() + m_nUsed;
+}
+
 void BufferedOutputStream::flush() {
     writeBuffer();
     m_pInner->flush();

@@ -78,6 +78,11 @@ public:
     BufferedOutputStream& operator=(const BufferedOutputStream&) = delete;
 
     void writeData(const void* p, unsigned long n) override;
+    // Room for n bytes to be written in place: a pointer into the buffer (written out first
+    // when it has less room), or null when n is more than the whole buffer. The caller writes
+    // at most n bytes there and then commits the count it wrote.
+    char* reserve(unsigned long n);
+    void commit(unsigned long n) noexcept { m_nUsed += n; }
     // Writes the buffer to the stream beneath, then flushes that stream.
     void flush() override;
 
