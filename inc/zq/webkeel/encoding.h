@@ -61,6 +61,21 @@ public:
                        std::size_t& nOutWritten, std::size_t& nInConsumed) noexcept {
         std::size_t nOut = 0;
         std::size_t i = 0;
+        // When the whole input fits even at 4 bytes a character, no capacity test is needed per
+        // character: the common case, since callers size their buffers for it.
+        if (nIn <= nOutCapacity / kMaxSequenceBytes) {
+            for (; i < nIn; ++i) {
+                const wchar_t c = static_cast<wchar_t>(pIn[i]);
+                if (static_cast<std::uint32_t>(c) < 0x80) {
+                    pOut[nOut++] = static_cast<char>(c);
+                } else {
+                    nOut += encodeUtf8(c, pOut + nOut);
+                }
+            }
+            nOutWritten = nOut;
+            nInConsumed = nIn;
+            return true;
+        }
         for (; i < nIn; ++i) {
             const wchar_t c = static_cast<wchar_t>(pIn[i]);
             // Log text is mostly ASCII: one byte, no sequence to build.
