@@ -1,14 +1,183 @@
-// The example server: for now it only proves that a host links libweblogger.so and that the
-// library's load-time initialisation has run.
+// The example server: a few worker threads handle simulated requests, each under its own log
+// sources and properties, and log at all five message types through the writers that
+// logconfig.xml declares: a console writer and a ring of rotating log files. The writers are
+// built through the writer registry's factories, as the configuration does; thresholds are set
+// on the sources directly.
+//
+// Usage: example_server [logconfig.xml]
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "weblogger/kivmakelibloaded.h"
+#include "weblogger/logsource.h"
+#include "weblogger/logwritersman.h"
+#include "weblogger/messageformatloader.h"
+#include "weblogger/tmlogger.h"
+#include "zq/webkeel/transcode.h"
+#include "zq/webutil/message.h"
+#include "zq/webutil/timezone.h"
 
-int main() {
-    if (!kiv::isWebloggerLoaded()) {
+namespace {
+
+using namespace kiv;
+
+constexpr int kWorkers = 4;
+constexpr int kRequestsPerWorker = 250;
+
+// Console: errors and warnings, the important notifications; no traces. Files: everything.
+void setThresholds(const LogSource& root) {
+    LogFilter& filter = const_cast<LogSource&>(root).getLogFilter();
+    filter.setLogLevelsForId(1, LogLevels(32, 32, 16, 1, 0));
+    filter.setLogLevelsForId(2, LogLevels(65534, 65534, 65534, 65534, 65534));
+}
+
+// Unset thresholds of a source take its parent's, as the configuration does down the tree.
+void inheritThresholds(const LogSourceHandle& source) {
+    const LogSource* pParent = source->getParent();
+    const_cast<LogSource&>(*source).getLogFilter().setMissingSettings(
+        pParent != nullptr ? &pParent->getLogFilter() : nullptr);
+}
+
+// Builds every writer of the Writers element through its factory; formats are looked up in the
+// logging element first, then among the catalogue's and the library's built-in formats.
+int buildWriters(const XmlElement& logging) {
+    logger_details::LogWritersMan& registry = logger_details::LogWritersMan::getLogWritersMan();
+    LogWritersFactory::ConfigChain chain;
+    for (const XmlElement* pFormats : logging.selectElements(L"Formats")) {
+        chain.push_back(pFormats);
+    }
+    chain.push_back(MessageFormatLoader::getFallbackLoggerFormats());
+    int nWriters = 0;
+    for (const XmlElement* pWriter : logging.selectElements(L"Writers/Writer")) {
+        const Handle<const LogWritersFactory> hFactory =
+            registry.getLogWritersFactory(pWriter->getAttributeValue(L"implementation", true));
+        if (hFactory.isNull()) {
+            std::fprintf(stderr, "unknown writer implementation in %s\n",
+                         toUtf8(pWriter->toXmlString().view()).c_str());
+            continue;
+        }
+        if (!hFactory->create(pWriter, chain, LogWriter::WT_GLOBAL, nullptr).isNull()) {
+            ++nWriters;
+        }
+    }
+    registry.versionIncrement();
+    return nWriters;
+}
+
+void handleRequests(int nWorker, const LogSourceHandle& http) {
+    TmLogger& logger = TmLogger::getLogger();
+    const LogSourceHandle request(http, String(L"request"));
+    const LogSourceHandle database(http, String(L"db"));
+    logger.pushProperty(String(L"ThreadID"), GDUInteger64(static_cast<std::uint64_t>(nWorker)),
+                        0xFFFFFFFF);
+    std::mt19937 random(static_cast<unsigned>(nWorker));
+    const GDString served(L"request %1 for %2 served in %3 ms");
+    const GDString slow(L"request %1 took %2 ms, more than the 200 ms budget");
+    const GDString parsed(L"parsed %1 headers");
+    const GDString failed(L"request %1 failed: the database did not answer");
+    for (int i = 0; i < kRequestsPerWorker; ++i) {
+        const String user = widen("user" + std::to_string(random() % 20));
+        logger.pushProperty(String(L"userId"), GDString(user), 0xFFFFFFFF);
+        logger.pushSource(*request);
+        const GDUInteger64 id(static_cast<std::uint64_t>(nWorker * 10000 + i));
+        const GDUInteger64 millis(random() % 250);
+        const TmLogger::FileLocation here(L"examples/example_server.cpp", __LINE__);
+
+        if (logger.calcEnabledWriters(kSevTraceFine)) {
+            logger.logToEnabledWriters1(kSevTraceFine, parsed, GDUInteger64(12 + i % 5), &here);
+        }
+        if (millis.getValue() > 200) {
+            logger.logMessage(kSevWarning, ReferentialParameterizedMessage(slow, id, millis),
+                              nullptr, &here);
+        }
+        if (random() % 97 == 0) {
+            logger.pushSource(*database);
+            Exception failure(ReferentialParameterizedMessage(failed, id));
+            failure.linkException(Exception(GDString(L"connection reset by peer")));
+            logger.logException(failure, &kSevError, &here);
+            logger.popSource();
+        } else if (random() % 499 == 0) {
+            logger.logMessage(kSevErrorCorruption, GDString(L"session table inconsistent"), nullptr,
+                              &here);
+        } else {
+            logger.logMessage(kSevInfo,
+                              ReferentialParameterizedMessage(served, id, GDString(user), millis),
+                              nullptr, &here);
+        }
+        logger.popSource();
+        logger.popProperty(String(L"userId"));
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using namespace kiv;
+    if (!isWebloggerLoaded()) {
         std::fprintf(stderr, "libweblogger did not initialise\n");
         return 1;
     }
-    std::printf("example_server: libweblogger %s loaded\n", kiv::webloggerVersion());
+    const std::string strConfig = argc > 1 ? argv[1] : WEBLOGGER_EXAMPLE_CONFIG;
+    XmlDocument config;
+    try {
+        config = XmlDocument::loadFromFile(NString(strConfig.c_str()));
+    } catch (const Exception& e) {
+        std::fprintf(stderr, "example_server: %s\n", e.what());
+        return 1;
+    }
+    TmLogger::setTimeZone(TimeZone(TimeZone::kServerOS));
+
+    const LogSourceHandle root(String(L"example"));
+    setThresholds(*root);
+    const LogSourceHandle http(root, String(L"http"));
+    const LogSourceHandle request(http, String(L"request"));
+    const LogSourceHandle database(http, String(L"db"));
+    for (const LogSourceHandle* pSource : {&http, &request, &database}) {
+        inheritThresholds(*pSource);
+    }
+    int nWriters = 0;
+    try {
+        nWriters = buildWriters(*config.getDocumentElement());
+    } catch (const Exception& e) {
+        std::fprintf(stderr, "example_server: %s\n", e.what());
+        return 1;
+    }
+    std::printf("example_server: libweblogger %s, %d writers from %s\n", webloggerVersion(),
+                nWriters, strConfig.c_str());
+
+    const auto start = std::chrono::steady_clock::now();
+    std::vector<std::thread> vecWorkers;
+    for (int w = 0; w < kWorkers; ++w) {
+        vecWorkers.emplace_back(handleRequests, w, std::cref(http));
+    }
+    for (std::thread& worker : vecWorkers) {
+        worker.join();
+    }
+    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - start);
+
+    // Retire the writers: their files are flushed and closed.
+    logger_details::LogWritersMan::getLogWritersMan().clearWriters();
+    logger_details::LogWritersMan::getLogWritersMan().versionIncrement();
+
+    const std::filesystem::path logs = std::filesystem::absolute("build/example-logs");
+    std::printf("example_server: %d workers handled %d requests in %lld ms\n", kWorkers,
+                kWorkers * kRequestsPerWorker, static_cast<long long>(elapsed.count()));
+    std::printf("example_server: log files in %s:\n", logs.string().c_str());
+    if (std::filesystem::exists(logs)) {
+        std::vector<std::filesystem::directory_entry> vecFiles{
+            std::filesystem::directory_iterator(logs), std::filesystem::directory_iterator()};
+        std::sort(vecFiles.begin(), vecFiles.end());
+        for (const auto& entry : vecFiles) {
+            std::printf("  %s (%llu bytes)\n", entry.path().filename().string().c_str(),
+                        static_cast<unsigned long long>(entry.file_size()));
+        }
+    }
     return 0;
 }
