@@ -19,8 +19,8 @@
 
 #include "support/alloc_counter.h"
 #include "weblogger/logsource.h"
-#include "weblogger/messageformatloader.h"
 #include "weblogger/logwritersman.h"
+#include "weblogger/messageformatloader.h"
 #include "weblogger/tmlogger.h"
 #include "zq/webutil/message.h"
 
