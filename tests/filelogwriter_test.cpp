@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "support/temp_dir.h"
+#include "support/test_writer.h"
 #include "support/writer_config.h"
 #include "zq/webkeel/clock.h"
 
@@ -290,6 +291,52 @@ TEST_F(FileLogWriterTest, FullDiskDisablesTheWriterAndKeepsWhatWasWritten) {
     EXPECT_EQ(text.substr(0, 3), kBom);
     // Every whole line that reached the disk is intact.
     EXPECT_EQ(text.find(std::string(99, 'z') + "\n", 3), 3u);
+}
+
+}  // namespace
+}  // namespace kiv
+
+namespace kiv {
+namespace {
+
+TEST_F(FileLogWriterTest, FullDiskNeverReachesTheCallerAndOtherWritersKeepWriting) {
+    const std::string strDir = m_dir.file("full-dispatch");
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        ::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{4096, 4096};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        const LogSourceHandle source(String(L"fulldispatch"));
+        for (short nId : {3, 5}) {
+            const_cast<LogSource&>(*source).getLogFilter().setLogLevelsForId(
+                nId, LogLevels(65534, 65534, 65534, 65534, 65534));
+        }
+        WriterConfig config(writerXml(strDir, ""));
+        Handle<LogWriter> hFile = config.create(L"FileLogWriter");
+        Handle<test::RecordingWriter> hOther(
+            new test::RecordingWriter(String(L"other"), 5, LogWriter::WT_SHARED, nullptr));
+        TmLogger& logger = TmLogger::getLogger();
+        logger.addLocalWriter(hFile.get());
+        logger.addLocalWriter(hOther.get());
+        logger.pushSource(*source);
+        bool bEscaped = false;
+        for (int i = 0; i < 200; ++i) {
+            try {
+                logger.logMessage(kSevError, GDString(String(99, L'q')));
+            } catch (...) {
+                bEscaped = true;
+            }
+        }
+        // The message during which the disk filled up stops at the failing writer; every other
+        // message reaches the other writer.
+        const std::size_t nOther = hOther->records().size();
+        _exit(!bEscaped && !hFile->isEnabled() && nOther == 199 ? 0 : 2);
+    }
+    int nStatus = 0;
+    ::waitpid(pid, &nStatus, 0);
+    ASSERT_TRUE(WIFEXITED(nStatus));
+    EXPECT_EQ(WEXITSTATUS(nStatus), 0);
 }
 
 }  // namespace
