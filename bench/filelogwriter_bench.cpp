@@ -169,10 +169,22 @@ BENCHMARK(BM_Spdlog_BasicFileSink_Short)->Threads(1)->Threads(2)->UseRealTime();
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override {
+        // With --benchmark_repetitions the median stands for the benchmark; otherwise the
+        // single run does.
         for (const Run& run : runs) {
             const auto it = run.counters.find("items_per_second");
-            if (it != run.counters.end()) {
-                m_mapRates[run.benchmark_name()] = it->second.value;
+            if (it == run.counters.end()) {
+                continue;
+            }
+            if (run.run_type == Run::RT_Aggregate) {
+                if (run.aggregate_name == "median") {
+                    m_mapRates[run.run_name.str()] = it->second.value;
+                }
+            } else if (m_mapMedians.count(run.run_name.str()) == 0) {
+                m_mapRates[run.run_name.str()] = it->second.value;
+            }
+            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
+                m_mapMedians[run.run_name.str()] = true;
             }
         }
         ConsoleReporter::ReportRuns(runs);
@@ -188,6 +200,7 @@ public:
 
 private:
     std::map<std::string, double> m_mapRates;
+    std::map<std::string, bool> m_mapMedians;
 };
 
 }  // namespace

@@ -71,7 +71,7 @@ void LogFile::write(const void* p, unsigned long n) {
     m_pBufferedStream->writeData(p, n);
 }
 
-void LogFile::writeUtf8(const wchar_t* p, std::size_t n) {
+void LogFile::writeUtf8InPieces(const wchar_t* p, std::size_t n) {
     requireOpen(L"write to file");
     // A UTF-8 sequence is at most 4 bytes; pieces of 1024 characters fit any buffer we use.
     constexpr std::size_t kPieceChars = 1024;

@@ -15,6 +15,7 @@
 
 #include <memory>
 
+#include "zq/webkeel/encoding.h"
 #include "zq/webkeel/memalloc.h"
 #include "zq/webkeel/string.h"
 #include "zq/webutil/binaryfile.h"
@@ -44,7 +45,19 @@ public:
     void write(const void* p, unsigned long n);
     // Writes wide text as UTF-8, encoding it straight into the buffer: the same bytes as
     // converting first and writing them, without the copy.
-    void writeUtf8(const wchar_t* p, std::size_t n);
+    void writeUtf8(const wchar_t* p, std::size_t n) {
+        // A message's pieces are short: encode them straight into the buffer, inline.
+        constexpr std::size_t kMaxBytesPerChar = 4;
+        if (m_file.isOpen() && n <= kInlinePieceChars) {
+            if (char* pOut = m_pBufferedStream->reserve(n * kMaxBytesPerChar)) {
+                std::size_t nBytes = 0;
+                T2NEncodingUTF8<wchar_t>::encode(p, n, pOut, n * kMaxBytesPerChar, nBytes);
+                m_pBufferedStream->commit(nBytes);
+                return;
+            }
+        }
+        writeUtf8InPieces(p, n);
+    }
     // Writes the buffered bytes to the file. Nothing to do when the file is closed, since the
     // buffer is empty then.
     void flush();
@@ -63,6 +76,9 @@ public:
     const BinaryFile& getFile() const noexcept { return m_file; }
 
 private:
+    static constexpr std::size_t kInlinePieceChars = 256;
+    void writeUtf8InPieces(const wchar_t* p, std::size_t n);
+
     void openFile(const String& path, BinaryFile::FileCreation nCreation);
     // Throws when the file is closed, naming the operation.
     void requireOpen(const wchar_t* pszOperation) const;

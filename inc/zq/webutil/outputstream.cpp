@@ -40,13 +40,11 @@ void BufferedOutputStream::writeData(const void* p, unsigned long n) {
     m_nUsed += n;
 }
 
-char* BufferedOutputStream::reserve(unsigned long n) {
+char* BufferedOutputStream::reserveAfterWriting(unsigned long n) {
     if (n > m_nCapacity) {
         return nullptr;
     }
-    if (n > m_nCapacity - m_nUsed) {
-        writeBuffer();
-    }
+    writeBuffer();
     return m_pBuffer.get() + m_nUsed;
 }
 
