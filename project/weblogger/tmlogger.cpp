@@ -11,7 +11,7 @@
 #include "weblogger/logwritersman.h"
 #include "zq/webkeel/assert.h"
 #include "zq/webkeel/keellogger.h"
-#include "zq/webthreadstorage/threadspecificstatic.h"
+#include "zq/webthreadstorage/threadstatic.h"
 #include "zq/webutil/message.h"
 #include "zq/webutil/timezone.h"
 

@@ -1,4 +1,4 @@
-#include "zq/webthreadstorage/threadspecificstatic.h"
+#include "zq/webthreadstorage/threadstatic.h"
 
 #include <gtest/gtest.h>
 
