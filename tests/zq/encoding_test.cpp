@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "zq/webkeel/transcode.h"
+
 namespace kiv {
 namespace {
 
@@ -199,6 +201,38 @@ TEST(W2WEncodingSGMLTest, PiecewiseEncodingEqualsWholeEncoding) {
 TEST(W2WXmlEncodingTest, IsTheXmlType) {
     EXPECT_EQ(W2WXmlEncoding().type(), W2WEncodingSGML::kXML);
     EXPECT_EQ(W2WEncodingSGML(W2WEncodingSGML::kHTML).type(), W2WEncodingSGML::kHTML);
+}
+
+}  // namespace
+}  // namespace kiv
+
+namespace kiv {
+namespace {
+
+TEST(T2NEncodingUTF8Test, AsciiRunsEncodeLikeCharacterByCharacterWhereverTheyBreak) {
+    const wchar_t arrBreakers[] = {static_cast<wchar_t>(0xE9), static_cast<wchar_t>(0x1F600),
+                                   static_cast<wchar_t>(0xD800), static_cast<wchar_t>(-1),
+                                   static_cast<wchar_t>(0x80)};
+    for (wchar_t breaker : arrBreakers) {
+        for (std::size_t nPos = 0; nPos < 24; ++nPos) {
+            std::wstring text(24, L'a');
+            for (std::size_t i = 0; i < text.size(); ++i) {
+                text[i] = static_cast<wchar_t>(L'a' + i % 26);
+            }
+            text[nPos] = breaker;
+            std::string expected;
+            for (wchar_t c : text) {
+                char arrBytes[4];
+                expected.append(arrBytes, encodeUtf8(c, arrBytes));
+            }
+            char arrOut[96];
+            std::size_t nWritten = 0;
+            ASSERT_TRUE(T2NEncodingUTF8<wchar_t>::encode(text.data(), text.size(), arrOut,
+                                                         sizeof(arrOut), nWritten));
+            EXPECT_EQ(std::string(arrOut, nWritten), expected)
+                << "breaker " << static_cast<long>(breaker) << " at " << nPos;
+        }
+    }
 }
 
 }  // namespace

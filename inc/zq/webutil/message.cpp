@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cwchar>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -457,24 +458,28 @@ void WebTextMessageFormatter::expandPlainTemplate(std::wstring_view text,
                                                   const MessageBase& message, Buffer& buffer,
                                                   const MessageVisitorParams& params) const {
     std::size_t nStart = 0;
-    for (std::size_t i = 0; i + 1 < text.size(); ++i) {
-        if (text[i] != L'%') {
-            continue;
+    std::size_t nSearch = 0;
+    // Jump from one '%' to the next: the text between them is copied in one piece.
+    while (nSearch + 1 < text.size()) {
+        const wchar_t* pPercent =
+            std::wmemchr(text.data() + nSearch, L'%', text.size() - nSearch - 1);
+        if (pPercent == nullptr) {
+            break;
         }
+        const std::size_t i = static_cast<std::size_t>(pPercent - text.data());
         const wchar_t next = text[i + 1];
         if (next == L'%') {
             buffer.append(text.data() + nStart, i + 1 - nStart);
             nStart = i + 2;
-            ++i;
         } else if (next >= L'1' && next <= L'9') {
             const unsigned nIndex = static_cast<unsigned>(next - L'0');
-            if (message.getInsert(nIndex) != nullptr) {
+            if (const GDValue* pInsert = message.getInsert(nIndex)) {
                 buffer.append(text.data() + nStart, i - nStart);
-                formatInsert(message, nIndex, buffer, params);
+                pInsert->acceptMessageVisitor(*this, buffer, params);
                 nStart = i + 2;
             }
-            ++i;
         }
+        nSearch = i + 2;
     }
     if (nStart < text.size()) {
         buffer.append(text.data() + nStart, text.size() - nStart);
