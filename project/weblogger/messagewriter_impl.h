@@ -1,5 +1,8 @@
-// Template definitions of the message writer; included by messagewriter.h only.
+// Template definitions of the message writer, included at the end of messagewriter.h (and
+// including it in turn, so that it also compiles on its own).
 #pragma once
+
+#include "weblogger/messagewriter.h"
 
 #include <cwchar>
 
