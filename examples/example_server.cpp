@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "weblogger/kivmakelibloaded.h"
+#include "weblogger/loglifetime.h"
 #include "weblogger/logsource.h"
 #include "weblogger/logwritersman.h"
 #include "weblogger/messageformatloader.h"
@@ -84,7 +85,10 @@ void handleRequests(int nWorker, const LogSourceHandle& http) {
     for (int i = 0; i < kRequestsPerWorker; ++i) {
         const String user = widen("user" + std::to_string(random() % 20));
         logger.pushProperty(String(L"userId"), GDString(user), 0xFFFFFFFF);
-        logger.pushSource(*request);
+        const TmLoggerPushSource pushed(&logger, request.get());
+        // Requests that take 2 ms or more of real time leave a trace in the files.
+        const LogLifeTime timer(L"examples/example_server.cpp", __LINE__, request,
+                                String(L"handleRequest"), 2);
         const GDUInteger64 id(static_cast<std::uint64_t>(nWorker * 10000 + i));
         const GDUInteger64 millis(random() % 250);
         const TmLogger::FileLocation here(L"examples/example_server.cpp", __LINE__);
@@ -97,11 +101,10 @@ void handleRequests(int nWorker, const LogSourceHandle& http) {
                               nullptr, &here);
         }
         if (random() % 97 == 0) {
-            logger.pushSource(*database);
+            const TmLoggerPushSource inDatabase(&logger, database.get());
             Exception failure(ReferentialParameterizedMessage(failed, id));
             failure.linkException(Exception(GDString(L"connection reset by peer")));
             logger.logException(failure, &kSevError, &here);
-            logger.popSource();
         } else if (random() % 499 == 0) {
             logger.logMessage(kSevErrorCorruption, GDString(L"session table inconsistent"), nullptr,
                               &here);
@@ -110,7 +113,6 @@ void handleRequests(int nWorker, const LogSourceHandle& http) {
                               ReferentialParameterizedMessage(served, id, GDString(user), millis),
                               nullptr, &here);
         }
-        logger.popSource();
         logger.popProperty(String(L"userId"));
     }
 }
