@@ -93,6 +93,10 @@ void handleRequests(int nWorker, const LogSourceHandle& http) {
         const GDUInteger64 millis(random() % 250);
         const TmLogger::FileLocation here(L"examples/example_server.cpp", __LINE__);
 
+        if (i % 50 == 0) {
+            // Now and then a request really is slow, and its timer leaves a trace.
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        }
         if (logger.calcEnabledWriters(kSevTraceFine)) {
             logger.logToEnabledWriters1(kSevTraceFine, parsed, GDUInteger64(12 + i % 5), &here);
         }
