@@ -371,6 +371,23 @@ TEST_F(TmLoggerTest, InHouseExceptionStopsTheDispatchAndNeverReachesTheCaller) {
     EXPECT_EQ(logger().getLoggerState().getCurSource(), nullptr);
 }
 
+TEST_F(TmLoggerTest, EmptyWriterHandleNeverReachesTheCaller) {
+    auto hBefore = makeWriter(L"before");
+    logger().addLocalWriter(hBefore.get());
+    logger().addLocalWriter(nullptr);
+    bool bEnabled = true;
+    EXPECT_NO_THROW(bEnabled = logger().calcEnabledWriters(kSevError));
+    EXPECT_FALSE(bEnabled);
+    // The failed calculation left nothing enabled: the two-step write goes nowhere.
+    EXPECT_NO_THROW(logger().logToEnabledWriters(kSevError, GDString(L"m"), nullptr));
+    EXPECT_TRUE(hBefore->records().empty());
+    // The one-step write reaches the writers before the empty handle, then stops there.
+    EXPECT_NO_THROW(logger().logMessage(kSevError, GDString(L"m")));
+    EXPECT_EQ(hBefore->records().size(), 1u);
+    EXPECT_FALSE(logger().isInLogCall());
+    EXPECT_EQ(logger().getLoggerState().getCurSource(), nullptr);
+}
+
 TEST_F(TmLoggerTest, OtherExceptionsPassOnAfterTheCleanUp) {
     Handle<ThrowingWriter> hThrowing(
         new ThrowingWriter(String(L"t"), kWriterId, LogWriter::WT_SINGLE_THREADED, nullptr));

@@ -181,6 +181,10 @@ void TmLogger::LogWriters::removeLocalWriter(LogWriter* pWriter) {
     }
 }
 
+void TmLogger::LogWriters::clearEnabledWriters() noexcept {
+    m_vecEnabledWriters.clear();
+}
+
 void TmLogger::LogWriters::clearLocalWriters() {
     m_LogWritersLocal.clear();
 }
@@ -425,9 +429,16 @@ void TmLogger::appendLocalWriters(const LogWritersState& state) {
 bool TmLogger::calcEnabledWriters(const LogSeverity& severity) {
     // The flag is set without testing it first and cleared at the end, also when this call was
     // made from inside another log call.
-    CallScope scope(*this);
-    scope.pushDefaultSourceIfNone();
-    return m_hLogWriters->calcEnabledWriters(severity, m_logState);
+    try {
+        CallScope scope(*this);
+        scope.pushDefaultSourceIfNone();
+        return m_hLogWriters->calcEnabledWriters(severity, m_logState);
+    } catch (const Exception&) {
+        // Like every entry point: our own failures never reach the caller; nothing is enabled.
+    } catch (const std::bad_alloc&) {
+    }
+    m_hLogWriters.get()->clearEnabledWriters();
+    return false;
 }
 
 void TmLogger::logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,

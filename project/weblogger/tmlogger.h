@@ -135,6 +135,7 @@ public:
 
         const LogWritersList& getGlobalWriters() const noexcept { return m_LogWritersGlobal; }
         const LogWritersList& getEnabledWriters() const noexcept { return m_vecEnabledWriters; }
+        void clearEnabledWriters() noexcept;
         int getGlobalWritersVersion() const noexcept {
             return m_GlobalWritersVersion.load(std::memory_order_relaxed);
         }
