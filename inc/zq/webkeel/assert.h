@@ -70,6 +70,16 @@ private:
     ((cond) ? (void)0   \
             : ::kiv::reportAssertion(::kiv::AssertionType::kAssert, #cond, __FILE__, __LINE__))
 
+// A check whose report text is fixed by the caller rather than stringified: the text operators
+// and tests know stays exact however the condition is spelled or formatted.
+#define ZQ_ASSERT_TEXT(cond, text) \
+    ((cond) ? (void)0              \
+            : ::kiv::reportAssertion(::kiv::AssertionType::kAssert, text, __FILE__, __LINE__))
+
+// The same, reported under a fixed unit name instead of the build path of the file.
+#define ZQ_ASSERT_TEXT_IN(cond, text, unit) \
+    ((cond) ? (void)0 : ::kiv::reportAssertion(::kiv::AssertionType::kAssert, text, unit, __LINE__))
+
 // An unconditional failure report, for branches that must never be reached.
 #define ZQ_ASSERT_FAILURE(text) \
     ::kiv::reportAssertion(::kiv::AssertionType::kFailure, text, __FILE__, __LINE__)
