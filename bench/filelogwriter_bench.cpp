@@ -90,7 +90,7 @@ void logThroughFileWriter(benchmark::State& state, const char* pszFormat, bool b
     const GDString tmpl(L"user %1 requested %2");
     const GDString user(L"ann");
     const GDUInteger64 item(42);
-    const TmLogger::FileLocation location(L"/build/project/examples/example_server.cpp", 120);
+    const FileLocation location(L"/build/project/examples/example_server.cpp", 120);
     logger.logMessage(kSevInfo, ReferentialParameterizedMessage(tmpl, user, item), nullptr,
                       &location);
     const std::size_t nStart = test::threadAllocationCount();

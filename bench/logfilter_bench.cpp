@@ -14,8 +14,8 @@ class BenchWriter : public LogWriter {
 public:
     using LogWriter::LogWriter;
     bool initialize(const XmlElement*, const XmlElement*) override { return true; }
-    void logMessage(const LogSeverity&, const GDValue&, const TmLogger::LoggerState&,
-                    const TmLogger::FileLocation*) override {}
+    void logMessage(const LogSeverity&, const GDValue&, const LoggerState&,
+                    const FileLocation*) override {}
 };
 
 const LogSourceHandle g_hDeep(ZQWString(L"bench.http.request.body"));

@@ -43,14 +43,14 @@ void renderBuiltIn(benchmark::State& state, const wchar_t* pszFormat) {
     const auto hWriter =
         MessageWriterFactory<ByteSink, Utf8Adaptor>::createMessageWriter(pFormat, true);
     const LogSourceHandle source(String(L"bench.http.request"));
-    TmLogger::LoggerState logState;
+    LoggerState logState;
     logState.pushSource(*source);
     logState.pushProperty(String(L"userId"), GDString(L"ann"), 100);
     logState.pushProperty(String(L"ThreadID"), GDUInteger64(4242), 100);
     const GDString tmpl(L"user %1 requested %2");
     const GDString user(L"ann");
     const GDUInteger64 item(42);
-    const TmLogger::FileLocation location(L"/build/project/weblogger/server.cpp", 120);
+    const FileLocation location(L"/build/project/weblogger/server.cpp", 120);
     ByteSink sink;
     hWriter->msg_log(kSevInfo, ReferentialParameterizedMessage(tmpl, user, item), logState,
                      &location, &sink);

@@ -19,8 +19,8 @@ class MemoryWriter : public LogWriter {
 public:
     MemoryWriter() : LogWriter(String(L"memory"), kWriterId, WT_GLOBAL, nullptr) {}
     bool initialize(const XmlElement*, const XmlElement*) override { return true; }
-    void logMessage(const LogSeverity&, const GDValue& msg, const TmLogger::LoggerState&,
-                    const TmLogger::FileLocation*) override {
+    void logMessage(const LogSeverity&, const GDValue& msg, const LoggerState&,
+                    const FileLocation*) override {
         LockGuard<WriterSynchro> guard(getWriterSynchro());
         if (!acceptWrite()) {
             return;

@@ -91,7 +91,7 @@ void handleRequests(int nWorker, const LogSourceHandle& http) {
                                 String(L"handleRequest"), 2);
         const GDUInteger64 id(static_cast<std::uint64_t>(nWorker * 10000 + i));
         const GDUInteger64 millis(random() % 250);
-        const TmLogger::FileLocation here(L"examples/example_server.cpp", __LINE__);
+        const FileLocation here(L"examples/example_server.cpp", __LINE__);
 
         if (i % 50 == 0) {
             // Now and then a request really is slow, and its timer leaves a trace.

@@ -74,7 +74,7 @@ void renderThrough(const kiv::CompiledMsgFormat& format) {
     using namespace kiv;
     static const LogSourceHandle s_one(String(L"fuzz"));
     static const LogSourceHandle s_two(String(L"fuzz.two"));
-    TmLogger::LoggerState state;
+    LoggerState state;
     state.pushSource(*s_one);
     state.pushSource(*s_two);
     state.pushProperty(String(L"userId"), GDString(L"ann & <bob>"), 100);
@@ -84,7 +84,7 @@ void renderThrough(const kiv::CompiledMsgFormat& format) {
     const GDString user(L"ann");
     const GDUInteger64 items(3);
     const ReferentialParameterizedMessage message(tmpl, user, items);
-    const TmLogger::FileLocation location(L"/build/project/weblogger/x.cpp", 12, L"#0 f()");
+    const FileLocation location(L"/build/project/weblogger/x.cpp", 12, L"#0 f()");
     using WideBuffer = StringBufferBaseTemplate<wchar_t>;
     // The caller keeps the format; the message writer must not delete it.
     const auto hWriter =

@@ -5,6 +5,7 @@
 #include <map>
 #include <thread>
 
+#include "weblogger/internal/dispatch.h"
 #include "weblogger/logsource.h"
 #include "weblogger/logwritersman.h"
 #include "weblogger/tmlogger.h"
@@ -22,10 +23,10 @@ public:
     CountingWriter(const String& name, int nGeneration)
         : LogWriter(name, kWriterId, WT_GLOBAL, nullptr), m_nGeneration(nGeneration) {}
     bool initialize(const XmlElement*, const XmlElement*) override { return true; }
-    void logMessage(const LogSeverity&, const GDValue&, const TmLogger::LoggerState&,
-                    const TmLogger::FileLocation*) override {
-        LockGuard<WriterSynchro> guard(getWriterSynchro());
-        if (!acceptWrite()) {
+    void logMessage(const LogSeverity&, const GDValue&, const LoggerState&,
+                    const FileLocation*) override {
+        const WriteGuard guard(*this);
+        if (!guard) {
             return;
         }
         if (m_bRetired) {

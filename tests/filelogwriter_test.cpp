@@ -13,6 +13,7 @@
 #include "support/temp_dir.h"
 #include "support/test_writer.h"
 #include "support/writer_config.h"
+#include "weblogger/tmlogger.h"
 #include "zq/webkeel/clock.h"
 
 namespace kiv {
@@ -44,7 +45,7 @@ protected:
 
     TempDir m_dir;
     std::unique_ptr<WriterConfig> m_pConfig;
-    TmLogger::LoggerState m_state = test::stateWithSource(L"filetest");
+    LoggerState m_state = test::stateWithSource(L"filetest");
 };
 
 TEST_F(FileLogWriterTest, DefaultsAndFileNaming) {
@@ -230,7 +231,7 @@ TEST_F(FileLogWriterTest, KilledProcessLosesNoFlushedMessage) {
     if (pid == 0) {
         WriterConfig config(writerXml(strDir, ""));
         Handle<LogWriter> hWriter = config.create(L"FileLogWriter");
-        const TmLogger::LoggerState state = test::stateWithSource(L"killed");
+        const LoggerState state = test::stateWithSource(L"killed");
         for (int i = 0; i < kMessages; ++i) {
             hWriter->logMessage(kSevError, GDString(L"message"), state, nullptr);
         }
@@ -270,7 +271,7 @@ TEST_F(FileLogWriterTest, FullDiskDisablesTheWriterAndKeepsWhatWasWritten) {
         ::setrlimit(RLIMIT_FSIZE, &limit);
         WriterConfig config(writerXml(strDir, "maxFileSizeKb='100'"));
         Handle<LogWriter> hWriter = config.create(L"FileLogWriter");
-        const TmLogger::LoggerState state = test::stateWithSource(L"full");
+        const LoggerState state = test::stateWithSource(L"full");
         int nThrown = 0;
         for (int i = 0; i < 100; ++i) {
             try {

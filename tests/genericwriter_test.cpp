@@ -45,7 +45,7 @@ TEST(CoutWriterTest, IsRegisteredAndWritesEachMessageAtOnce) {
     const WriterConfig config(kConsoleWriter);
     Handle<LogWriter> hWriter = config.create(L"CoutWriter");
     ASSERT_FALSE(hWriter.isNull());
-    const TmLogger::LoggerState state = test::stateWithSource(L"console");
+    const LoggerState state = test::stateWithSource(L"console");
     CapturedStdout capture(strOut);
     hWriter->logMessage(kSevError, GDString(L"first \u00FC"), state, nullptr);
     // Visible as soon as logMessage returns: nothing waits in a buffer.
@@ -66,7 +66,7 @@ TEST(CoutWriterTest, TwoWritersOnTwoThreadsWriteWholeMessages) {
     {
         CapturedStdout capture(strOut);
         const auto run = [&](LogWriter& writer, wchar_t c) {
-            const TmLogger::LoggerState state = test::stateWithSource(L"console");
+            const LoggerState state = test::stateWithSource(L"console");
             for (int i = 0; i < kMessages; ++i) {
                 writer.logMessage(kSevError, GDString(String(300, c)), state, nullptr);
             }

@@ -182,7 +182,7 @@ TEST_F(WriterFilterTest, DefaultFlagAnswersWhenNothingOnThePathIsSet) {
 
 TEST_F(WriterFilterTest, WriterWithoutFilterAcceptsEverySeverityAndSource) {
     auto hWriter = makeWriter(0);
-    TmLogger::LoggerState state;
+    LoggerState state;
     EXPECT_TRUE(hWriter->isLogEnabled(kSevTraceFinest, state));  // even with no source
     for (const LogSourceHandle* pSource : {&m_root, &m_a, &m_c}) {
         state.pushSource(**pSource);
@@ -195,7 +195,7 @@ TEST_F(WriterFilterTest, WriterWithFilterUsesTheCurrentSource) {
     Handle<WriterFilter> hFilter(new WriterFilter(false));
     hFilter->setLogLevels(*m_a, LogLevels(16, 16, 16, 16, 16));
     auto hWriter = makeWriter(0, hFilter);
-    TmLogger::LoggerState state;
+    LoggerState state;
     state.pushSource(*m_root);
     EXPECT_FALSE(hWriter->isLogEnabled(kSevError, state));
     state.pushSource(*m_c);
@@ -207,7 +207,7 @@ TEST_F(WriterFilterTest, WriterWithFilterAndNoSourceReportsAndUsesDefault) {
     AssertionCapture capture;
     Handle<WriterFilter> hFilter(new WriterFilter(false));
     auto hWriter = makeWriter(0, hFilter);
-    const TmLogger::LoggerState state;
+    const LoggerState state;
     EXPECT_FALSE(hWriter->isLogEnabled(kSevError, state));
     EXPECT_TRUE(capture.contains("rLoggerState.getCurSource() != __null"));
 }
@@ -221,7 +221,7 @@ TEST_F(WriterFilterTest, SourceFilterAndWriterFilterMustBothPass) {
     LogSource& source =
         *LogSourcesMan::getLogSourcesMan().getLogSource(nullptr, String(L"wftest.a.b.c"));
     source.getLogFilter().setLogLevelsForId(6, LogLevels(16, 16, 16, 16, 16));
-    TmLogger::LoggerState state;
+    LoggerState state;
     state.pushSource(source);
     const auto decide = [&](const LogWriter& writer, const LogSeverity& severity) {
         return source.getLogFilter().isLogEnabled(severity, &writer) &&

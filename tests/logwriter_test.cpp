@@ -194,7 +194,7 @@ TEST(LogWriterTest, LockOnlyForSharedAndGlobalWriters) {
     EXPECT_TRUE(hShared->getWriterSynchro().hasLock());
     EXPECT_FALSE(isInGlobalList(hShared.get()));
     // A writer without a lock still writes.
-    const TmLogger::LoggerState state;
+    const LoggerState state;
     hSingle->logMessage(kSevError, GDString(L"no lock"), state, nullptr);
     const auto records = static_cast<RecordingWriter&>(*hSingle).records();
     ASSERT_EQ(records.size(), 1u);
@@ -215,7 +215,7 @@ TEST(LogWriterTest, EnabledFlagStartsTrue) {
     Handle<LogWriter> hWriter(
         new RecordingWriter(String(L"e"), 0, LogWriter::WT_SINGLE_THREADED, nullptr));
     EXPECT_TRUE(hWriter->isEnabled());
-    hWriter->enable(false);
+    hWriter->setIsEnabled(false);
     EXPECT_FALSE(hWriter->isEnabled());
     hWriter->setIsEnabled(true);
     EXPECT_TRUE(hWriter->isEnabled());

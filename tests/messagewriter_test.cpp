@@ -10,6 +10,7 @@
 #include "support/alloc_counter.h"
 #include "weblogger/loggermessages.h"
 #include "weblogger/logsource.h"
+#include "weblogger/tmlogger.h"
 #include "zq/webkeel/clock.h"
 #include "zq/webkeel/transcode.h"
 #include "zq/webutil/timezone.h"
@@ -50,14 +51,14 @@ protected:
     }
 
     String render(const MessageWriterHandle<WideBuffer>& hWriter, const LogSeverity& severity,
-                  const GDValue& message, const TmLogger::FileLocation* pLocation = nullptr) {
+                  const GDValue& message, const FileLocation* pLocation = nullptr) {
         StringBufferTemplate<1024, wchar_t> out;
         hWriter->msg_log(severity, message, m_state, pLocation, &out);
         return out.toString();
     }
 
     clock::ScopedWallClock m_clock{&fixedClock};
-    TmLogger::LoggerState m_state;
+    LoggerState m_state;
     LogSourceHandle m_one{String(L"one")};
     LogSourceHandle m_two{String(L"one.two")};
     LogSourceHandle m_three{String(L"one.two.three")};
@@ -95,7 +96,7 @@ TEST_F(MessageWriterTest, DefaultFormatPutsEachSourceOnItsOwnIndentedLine) {
     ASSERT_NE(pDefault, nullptr);
     m_state.pushSource(*m_one);
     m_state.pushSource(*m_two);
-    const TmLogger::FileLocation location(L"/src/project/weblogger/a.cpp", 7);
+    const FileLocation location(L"/src/project/weblogger/a.cpp", 7);
     const String text = render(writerFor(*pDefault), kSevError, GDString(L"m"), &location);
     EXPECT_NE(text.find(String(L"Location:\n\tone.two\n\tone\n")), String::npos)
         << toUtf8(text.view()).c_str();
@@ -152,8 +153,8 @@ TEST_F(MessageWriterTest, PropertyThatIsNotSetRendersNothingAtAll) {
 
 TEST_F(MessageWriterTest, BacktraceOnlyWhenTheLocationHasOne) {
     auto hWriter = writerFor("<Format>[<Backtrace/>]</Format>");
-    const TmLogger::FileLocation plain(L"f.cpp", 1);
-    const TmLogger::FileLocation traced(L"f.cpp", 1, L"frame1\nframe2");
+    const FileLocation plain(L"f.cpp", 1);
+    const FileLocation traced(L"f.cpp", 1, L"frame1\nframe2");
     EXPECT_TRUE(render(hWriter, kSevError, GDString(L""), &plain).equals(L"[]"));
     EXPECT_TRUE(render(hWriter, kSevError, GDString(L""), &traced)
                     .equals(L"[\tBacktrace:\nframe1\nframe2\n]"));
@@ -173,7 +174,7 @@ TEST_F(MessageWriterTest, XmlFormatEscapesTheMessageButNotPropertyValues) {
 TEST_F(MessageWriterTest, FileLineAndSeverityPieces) {
     auto hWriter =
         writerFor("<Format><File/>|<File style='Short'/>|<Line/>|<MsgSeverity/></Format>");
-    const TmLogger::FileLocation location(L"/build/x/project/weblogger/logfile.cpp", 42);
+    const FileLocation location(L"/build/x/project/weblogger/logfile.cpp", 42);
     EXPECT_TRUE(render(hWriter, kSevErrorCritical, GDString(L""), &location)
                     .equals(L"weblogger/logfile.cpp|logfile.cpp|42|10"));
 }
@@ -273,9 +274,9 @@ protected:
         MessageFormatLoader::loadFormat(*pFormat, formatElement, CompiledMsgFormat::kEncodingPlain);
         auto hWriter = WideFactory::createMessageWriter(pFormat, true);
         const ReferentialParameterizedMessage message(m_template, m_user, m_items);
-        const TmLogger::FileLocation plain(L"/build/main/project/weblogger/server.cpp", 120);
-        const TmLogger::FileLocation traced(L"/build/main/project/weblogger/server.cpp", 120,
-                                            L"#0 handle()\n#1 main()");
+        const FileLocation plain(L"/build/main/project/weblogger/server.cpp", 120);
+        const FileLocation traced(L"/build/main/project/weblogger/server.cpp", 120,
+                                  L"#0 handle()\n#1 main()");
         StringBufferTemplate<4096, wchar_t> out;
         hWriter->msg_log(kSevWarning, message, m_state, &plain, &out);
         hWriter->msg_log(kSevError, message, m_state, &traced, &out);

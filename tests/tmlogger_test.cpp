@@ -10,6 +10,7 @@
 #include "support/alloc_counter.h"
 #include "support/keel_logger_double.h"
 #include "support/test_writer.h"
+#include "weblogger/internal/dispatch.h"
 #include "weblogger/keelloggerlogimpl.h"
 #include "weblogger/loggermessages.h"
 #include "weblogger/logwritersman.h"
@@ -208,7 +209,7 @@ TEST_F(TmLoggerTest, WithNoWritersNothingIsEnabledAndNothingWritten) {
 
 TEST_F(TmLoggerTest, DisabledWriterIsSkipped) {
     auto hWriter = makeWriter(L"off");
-    hWriter->enable(false);
+    hWriter->setIsEnabled(false);
     logger().addLocalWriter(hWriter.get());
     EXPECT_FALSE(logger().calcEnabledWriters(kSevError));
     logger().logMessage(kSevError, GDString(L"x"));
@@ -612,41 +613,6 @@ TEST(TmLoggerMemoryTest, OneThreadsLoggerIsSmallAndThreadsLeaveNothingBehind) {
     const std::size_t nAfter = heapInUse();
     std::printf("heap in use before 1000 threads: %zu, after: %zu\n", nBefore, nAfter);
     EXPECT_EQ(nAfter, nBefore);
-}
-
-}  // namespace
-}  // namespace kiv
-
-namespace kiv {
-namespace {
-
-TEST(TmLoggerTimeZoneTest, NamesAreEmptyUntilAZoneIsSet) {
-    // Each test runs in its own process under ctest; nothing here has set a zone yet.
-    if (TmLogger::getTimeZoneGeneration() != 1) {
-        GTEST_SKIP() << "a zone was set earlier in this process";
-    }
-    EXPECT_TRUE(TmLogger::getTimeZoneShortName(false).empty());
-    EXPECT_TRUE(TmLogger::getTimeZoneShortName(true).empty());
-}
-
-TEST(TmLoggerTimeZoneTest, SettingTheZoneCachesItsShortNames) {
-    TimeZone berlin = TimeZone::utc();
-    ASSERT_TRUE(TimeZoneRegistry::getInstance().findTimeZone(String(L"Europe/Berlin"), berlin));
-    const std::uint64_t nGeneration = TmLogger::getTimeZoneGeneration();
-    TmLogger::setTimeZone(berlin);
-    EXPECT_GT(TmLogger::getTimeZoneGeneration(), nGeneration);
-    EXPECT_TRUE(TmLogger::getTimeZone().getName().equals(L"Europe/Berlin"));
-    EXPECT_TRUE(TmLogger::getTimeZoneShortName(false).equals(L"CET"));
-    EXPECT_TRUE(TmLogger::getTimeZoneShortName(true).equals(L"CEST"));
-    wchar_t arrText[96];
-    // 2026-07-01 12:00:00 UTC is 14:00 summer time in Berlin.
-    EXPECT_EQ(TmLogger::formatTimeStamp(1782907200, false, arrText, 96), 24u);
-    EXPECT_EQ(std::wstring(arrText), L"2026-07-01 14:00:00 CEST");
-    EXPECT_EQ(TmLogger::formatTimeStamp(1782907200, true, arrText, 50), 25u);
-    EXPECT_EQ(std::wstring(arrText), L"2026-07-01T14:00:00+02:00");
-    TmLogger::setTimeZone(TimeZone::utc());
-    EXPECT_TRUE(TmLogger::getTimeZoneShortName(false).equals(L"UTC"));
-    EXPECT_TRUE(TmLogger::getTimeZoneShortName(true).equals(L"UTC"));
 }
 
 }  // namespace

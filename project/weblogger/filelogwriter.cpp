@@ -93,15 +93,7 @@ bool FileLogWriter::initialize(const XmlElement* pElemConfig, const XmlElement* 
         return false;
     }
 
-    auto pCompiled = std::make_unique<CompiledMsgFormat>();
-    if (pFormat != nullptr) {
-        MessageFormatLoader::loadFormat(*pCompiled, *pFormat, CompiledMsgFormat::kEncodingPlain);
-    }
-    m_pMessageWriter =
-        MessageWriterFactory<LogFile, Utf8FileAdaptor>::createMessageWriter(pCompiled.get(), true);
-    if (!m_pMessageWriter.isNull()) {
-        pCompiled.release();
-    }
+    m_pMessageWriter = MessageWriterFactory<LogFile, Utf8InPlaceAdaptor>::compile(pFormat);
 
     return bByTime ? initializeByTime(strDir, strPrefix, static_cast<unsigned>(nFilesN), nSeconds,
                                       bAutoFlush)
@@ -220,10 +212,9 @@ bool FileLogWriter::openFile() {
 }
 
 void FileLogWriter::logMessage(const LogSeverity& severity, const GDValue& message,
-                               const TmLogger::LoggerState& state,
-                               const TmLogger::FileLocation* pLocation) {
-    LockGuard<WriterSynchro> guard(getWriterSynchro());
-    if (!acceptWrite()) {
+                               const LoggerState& state, const FileLocation* pLocation) {
+    const WriteGuard guard(*this);
+    if (!guard) {
         return;
     }
     try {

@@ -52,9 +52,8 @@ public:
     // "rotationIntervalHours", "filesN", "filePrefix", "autoFlush"), compiles the format and
     // sets up the ring; whether the current file could be opened.
     bool initialize(const XmlElement* pElemConfig, const XmlElement* pFormat) override;
-    void logMessage(const LogSeverity& severity, const GDValue& message,
-                    const TmLogger::LoggerState& state,
-                    const TmLogger::FileLocation* pLocation) override;
+    void logMessage(const LogSeverity& severity, const GDValue& message, const LoggerState& state,
+                    const FileLocation* pLocation) override;
 
     bool initializeByTime(const String& dir, const String& prefix, unsigned filesN,
                           unsigned intervalSeconds, bool autoFlush);
@@ -79,9 +78,6 @@ public:
     const String& getFilePrefix() const noexcept { return m_strFilePrefix; }
 
 private:
-    using Utf8FileAdaptor =
-        EncodingAdapter<StreamWriterAdapter<LogFile, char>, T2NEncodingUTF8<wchar_t>>;
-
     bool initializeRing(ERotationType eType, const String& dir, const String& prefix,
                         unsigned filesN, std::uint64_t nLimit, bool autoFlush);
     bool isFileAtRotationPoint();

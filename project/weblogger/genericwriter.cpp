@@ -28,8 +28,7 @@ bool CoutWriter::initialize(const XmlElement*, const XmlElement* pFormat) {
 }
 
 void CoutWriter::logMessage(const LogSeverity& severity, const GDValue& message,
-                            const TmLogger::LoggerState& state,
-                            const TmLogger::FileLocation* pLocation) {
+                            const LoggerState& state, const FileLocation* pLocation) {
     LockGuard<CriticalSection> consoleGuard(g_tGlobalConsoleLock);
     renderAndFlush(severity, message, state, pLocation);
 }

@@ -28,17 +28,15 @@ public:
     // writer; the stream is whoever constructed the writer gives with setStream.
     bool initialize(const XmlElement* pConfig, const XmlElement* pFormat) override;
     // Renders the message into the stream and flushes it, under the writer's own lock.
-    void logMessage(const LogSeverity& severity, const GDValue& message,
-                    const TmLogger::LoggerState& state,
-                    const TmLogger::FileLocation* pLocation) override;
+    void logMessage(const LogSeverity& severity, const GDValue& message, const LoggerState& state,
+                    const FileLocation* pLocation) override;
 
     void setStream(Stream* pStream) noexcept { m_pwc = pStream; }
 
 protected:
     void compileFormat(const XmlElement* pFormat);
     void renderAndFlush(const LogSeverity& severity, const GDValue& message,
-                        const TmLogger::LoggerState& state,
-                        const TmLogger::FileLocation* pLocation);
+                        const LoggerState& state, const FileLocation* pLocation);
 
     Stream* m_pwc = nullptr;
     Handle<const MessageWriter<Stream>> m_pwr;
@@ -52,9 +50,8 @@ public:
     // Writes to standard output; the console writer has no settings of its own.
     bool initialize(const XmlElement* pConfig, const XmlElement* pFormat) override;
     // Takes the console lock, then the writer's own lock, renders, flushes.
-    void logMessage(const LogSeverity& severity, const GDValue& message,
-                    const TmLogger::LoggerState& state,
-                    const TmLogger::FileLocation* pLocation) override;
+    void logMessage(const LogSeverity& severity, const GDValue& message, const LoggerState& state,
+                    const FileLocation* pLocation) override;
 
 private:
     CoutStream& m_CoutStream;
@@ -64,15 +61,7 @@ private:
 
 template <class Stream, class Adaptor>
 void GenericWriter<Stream, Adaptor>::compileFormat(const XmlElement* pFormat) {
-    auto pCompiled = std::make_unique<CompiledMsgFormat>();
-    if (pFormat != nullptr) {
-        MessageFormatLoader::loadFormat(*pCompiled, *pFormat, CompiledMsgFormat::kEncodingPlain);
-    }
-    // The message writer takes the format over.
-    m_pwr = MessageWriterFactory<Stream, Adaptor>::createMessageWriter(pCompiled.get(), true);
-    if (!m_pwr.isNull()) {
-        pCompiled.release();
-    }
+    m_pwr = MessageWriterFactory<Stream, Adaptor>::compile(pFormat);
 }
 
 template <class Stream, class Adaptor>
@@ -84,10 +73,10 @@ bool GenericWriter<Stream, Adaptor>::initialize(const XmlElement*, const XmlElem
 template <class Stream, class Adaptor>
 void GenericWriter<Stream, Adaptor>::renderAndFlush(const LogSeverity& severity,
                                                     const GDValue& message,
-                                                    const TmLogger::LoggerState& state,
-                                                    const TmLogger::FileLocation* pLocation) {
-    LockGuard<WriterSynchro> guard(getWriterSynchro());
-    if (!acceptWrite()) {
+                                                    const LoggerState& state,
+                                                    const FileLocation* pLocation) {
+    const WriteGuard guard(*this);
+    if (!guard) {
         return;
     }
     m_pwr->msg_log(severity, message, state, pLocation, m_pwc);
@@ -98,8 +87,8 @@ void GenericWriter<Stream, Adaptor>::renderAndFlush(const LogSeverity& severity,
 
 template <class Stream, class Adaptor>
 void GenericWriter<Stream, Adaptor>::logMessage(const LogSeverity& severity, const GDValue& message,
-                                                const TmLogger::LoggerState& state,
-                                                const TmLogger::FileLocation* pLocation) {
+                                                const LoggerState& state,
+                                                const FileLocation* pLocation) {
     renderAndFlush(severity, message, state, pLocation);
 }
 

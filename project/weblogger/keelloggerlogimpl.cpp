@@ -6,6 +6,11 @@
 
 namespace kiv {
 
+KeelLoggerLogImpl::KeelLoggerLogImpl() {
+    // The logger diverts messages logged from inside a log call to the logger we replaced.
+    TmLogger::setBridge(this);
+}
+
 KeelLoggerLogImpl& KeelLoggerLogImpl::getKeelLoggerLogImpl() {
     // Never destroyed: the foundation may still hold it while the process exits.
     static KeelLoggerLogImpl* s_pInstance = new KeelLoggerLogImpl;
@@ -42,7 +47,7 @@ void KeelLoggerLogImpl::log(MessageType nType, MessageSeverity nSeverity, const 
 void KeelLoggerLogImpl::log(MessageType nType, MessageSeverity nSeverity, const wchar_t* pwszFile,
                             unsigned nLine, const GDValue& message) {
     const LogSeverity severity(static_cast<LogSeverity::MsgType>(nType), importanceOf(nSeverity));
-    const TmLogger::FileLocation location(pwszFile, nLine);
+    const FileLocation location(pwszFile, nLine);
     TmLogger::getLogger().logMessage(severity, message, nullptr, &location);
 }
 
@@ -50,7 +55,7 @@ void KeelLoggerLogImpl::logException(const Exception& exception,
                                      Exception::ExceptionSeverity nSeverity) {
     const LogSeverity severity(LogSeverity::SV_ERROR, importanceOf(nSeverity));
     const String strFile = fromUtf8(exception.getFile());
-    const TmLogger::FileLocation location(strFile.c_str(), exception.getLine());
+    const FileLocation location(strFile.c_str(), exception.getLine());
     TmLogger::getLogger().logException(exception, &severity, &location, nullptr);
 }
 

@@ -36,7 +36,7 @@ public:
     bool isInLogCall() const override;
 
 private:
-    KeelLoggerLogImpl() = default;
+    KeelLoggerLogImpl();
 };
 
 }  // namespace kiv

@@ -1,23 +1,18 @@
 #include "weblogger/logfilter.h"
 
-#include "weblogger/logsource.h"
-#include "weblogger/logwriter.h"
 #include "zq/webkeel/assert.h"
 
 namespace kiv {
-namespace {
 
-// Writer ids index ten-slot tables; a negative id wraps to a large value and fails too.
-bool isValidWriterId(int nIdIn) noexcept {
+bool LogFilter::isValidWriterId(int nIdIn) noexcept {
+    // A negative id wraps to a large value and fails too.
     const unsigned nId = static_cast<unsigned>(nIdIn);
-    ZQ_ASSERT(nId < 10);
-    return nId < 10;
+    ZQ_ASSERT_TEXT(nId < kMaxWriterIds, "nId < 10");
+    return nId < kMaxWriterIds;
 }
 
-}  // namespace
-
 void LogWritersGroup::add(int nId) noexcept {
-    if (isValidWriterId(nId)) {
+    if (LogFilter::isValidWriterId(nId)) {
         m_arrIsInGroup[nId] = true;
     }
 }
@@ -43,11 +38,6 @@ LogFilter& LogFilter::operator=(const LogFilter& other) noexcept {
         setLogLevelsForId(nId, other.getLogLevels(nId));
     }
     return *this;
-}
-
-unsigned LogFilter::writerIndex(const LogWriter* pWriter) noexcept {
-    const int nId = pWriter->getClassId();
-    return isValidWriterId(nId) ? static_cast<unsigned>(nId) : kMaxWriterIds;
 }
 
 void LogFilter::setLogLevels(const LogLevels& levels, const LogWriter* pWriter) noexcept {
@@ -98,26 +88,6 @@ void LogFilter::resetLogLevels(const LogWritersGroup& group) noexcept {
             setLogLevelsForId(nId, LogLevels());
         }
     }
-}
-
-void WriterFilter::setLogLevels(const LogSource& source, const LogLevels& levels) {
-    m_LogFiltersMap[&source] = levels;
-}
-
-const LogLevels* WriterFilter::findLogLevels(const LogSource& source) const noexcept {
-    const auto it = m_LogFiltersMap.find(&source);
-    return it != m_LogFiltersMap.end() ? &it->second : nullptr;
-}
-
-bool WriterFilter::isLogEnabled(const LogSeverity& severity,
-                                const LogSource& source) const noexcept {
-    for (const LogSource* pSource = &source; pSource != nullptr; pSource = pSource->getParent()) {
-        const LogLevels* pLevels = findLogLevels(*pSource);
-        if (pLevels != nullptr && pLevels->isSet(severity.m_nType)) {
-            return pLevels->accepts(severity);
-        }
-    }
-    return m_bEnabledByDefault;
 }
 
 }  // namespace kiv

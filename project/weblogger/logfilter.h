@@ -1,16 +1,14 @@
-// Thresholds and the two filter shapes that decide whether a writer receives a message.
+// Thresholds, and the source's filter that decides whether a writer id receives a message.
 //
 // LogLevels holds five 16-bit thresholds, one per message type; 65535 means "not set". A
-// LogFilter, owned by every log source, holds one LogLevels per writer id (0 to 9). A
-// WriterFilter, owned by a writer, holds one LogLevels per log source and is decided by the
-// nearest source on the parent chain that has a threshold set for the message type.
+// LogFilter, owned by every log source, holds one LogLevels per writer id (0 to 9). The
+// writer's own filter, decided along the source tree, is WriterFilter (writerfilter.h).
 //
 // Concurrency: a LogFilter is read on every log call without any lock while the configuration
 // may rewrite it on another thread. Its thresholds are therefore relaxed atomics: on the
 // platforms we run on a relaxed 16-bit load is an ordinary load, so the decision stays a few
 // array reads, and a reader may see a mix of old and new thresholds for one message, which is
-// accepted. A WriterFilter is immutable once built and shared by reference count; it is
-// published to other threads through the writer that holds it.
+// accepted.
 #pragma once
 
 #include <array>
@@ -18,14 +16,11 @@
 #include <cstdint>
 
 #include "weblogger/commonseverities.h"
-#include "zq/tl/hashmap.h"
-#include "zq/webkeel/handle.h"
 #include "zq/webkeel/memalloc.h"
 
 namespace kiv {
 
 class LogWriter;
-class LogSource;
 
 constexpr int kMaxWriterIds = 10;
 
@@ -88,6 +83,10 @@ public:
         return nLevel != LogLevels::kNotSet && nLevel >= severity.m_dwImportance;
     }
 
+    // Whether nId indexes the ten-slot tables; an id outside 0..9 fails the assertion
+    // "nId < 10".
+    static bool isValidWriterId(int nId) noexcept;
+
     // Replaces the record of the writer's id (the same id check as isLogEnabled).
     void setLogLevels(const LogLevels& levels, const LogWriter* pWriter) noexcept;
     void setLogLevelsForId(int nId, const LogLevels& levels) noexcept;
@@ -102,40 +101,11 @@ public:
     void resetLogLevels(const LogWritersGroup& group) noexcept;
 
 private:
+    // Defined with the writer, which knows its id: the filter stays below the writer.
     static unsigned writerIndex(const LogWriter* pWriter) noexcept;
 
     using AtomicLevels = std::array<std::atomic<std::uint16_t>, LogSeverity::kMsgTypeCount>;
     std::array<AtomicLevels, kMaxWriterIds> m_logLevels;
-};
-
-// Hashes a source by its address, with buckets chosen by that value modulo the bucket count.
-struct LogLevelsMapHash {
-    std::size_t operator()(const LogSource* pSource) const noexcept {
-        return reinterpret_cast<std::size_t>(pSource);
-    }
-};
-
-class WriterFilter : public RefCountedNonVirtualBase {
-public:
-    explicit WriterFilter(bool bEnabledByDefault = false)
-        : m_bEnabledByDefault(bEnabledByDefault) {}
-
-    // Building; a filter is not changed once a writer holds it.
-    void setLogLevels(const LogSource& source, const LogLevels& levels);
-    void setEnabledByDefault(bool bEnabled) noexcept { m_bEnabledByDefault = bEnabled; }
-
-    // The nearest source on the parent chain, starting at source, whose entry has the message
-    // type's threshold set decides; without one the default decides.
-    bool isLogEnabled(const LogSeverity& severity, const LogSource& source) const noexcept;
-
-    bool isEnabledByDefault() const noexcept { return m_bEnabledByDefault; }
-    // The entry of exactly this source, or null.
-    const LogLevels* findLogLevels(const LogSource& source) const noexcept;
-    std::size_t size() const noexcept { return m_LogFiltersMap.size(); }
-
-private:
-    tl::hash_map<const LogSource*, LogLevels, LogLevelsMapHash> m_LogFiltersMap;
-    bool m_bEnabledByDefault;
 };
 
 }  // namespace kiv

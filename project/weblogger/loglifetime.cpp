@@ -1,9 +1,7 @@
 #include "weblogger/loglifetime.h"
 
-#include <new>
-
+#include "weblogger/internal/ownfailures.h"
 #include "zq/webkeel/clock.h"
-#include "zq/webkeel/exception.h"
 #include "zq/webutil/message.h"
 
 namespace kiv {
@@ -23,12 +21,10 @@ TmLoggerPushSource::TmLoggerPushSource(TmLogger* pLogger, const LogSource* pSour
     if (pLogger == nullptr || pSource == nullptr) {
         return;
     }
-    try {
+    logger_details::swallowOwnFailures([&] {
         pLogger->pushSource(*pSource);
         m_pLogger = pLogger;
-    } catch (const Exception&) {
-    } catch (const std::bad_alloc&) {
-    }
+    });
 }
 
 TmLoggerPushSource::~TmLoggerPushSource() {
@@ -51,17 +47,15 @@ LogLifeTime::~LogLifeTime() {
     if (nDuration < m_nThresholdMillis) {
         return;
     }
-    try {
+    logger_details::swallowOwnFailures([&] {
         TmLogger& logger = TmLogger::getLogger();
         const TmLoggerPushSource pushed(&logger, m_hLogSource.get());
         if (logger.calcEnabledWriters(ktSeverity)) {
-            const TmLogger::FileLocation location(m_wstrFile, m_iLineNumber);
+            const FileLocation location(m_wstrFile, m_iLineNumber);
             logger.logToEnabledWriters2(ktSeverity, ktFormat, GDString(m_sFnName),
                                         GDUInteger64(nDuration), &location);
         }
-    } catch (const Exception&) {
-    } catch (const std::bad_alloc&) {
-    }
+    });
 }
 
 }  // namespace kiv

@@ -68,7 +68,7 @@ bool LogWriter::takeWriteRefusal() noexcept {
 }
 
 bool LogWriter::isLogEnabled(const LogSeverity& severity,
-                             const TmLogger::LoggerState& rLoggerState) const noexcept {
+                             const LoggerState& rLoggerState) const noexcept {
     const WriterFilter* pFilter = m_hWriterFilter.get();
     if (pFilter == nullptr) {
         return true;
@@ -78,6 +78,11 @@ bool LogWriter::isLogEnabled(const LogSeverity& severity,
     // Without a source there is nothing to decide by: the filter's default answers.
     return pSource != nullptr ? pFilter->isLogEnabled(severity, *pSource)
                               : pFilter->isEnabledByDefault();
+}
+
+unsigned LogFilter::writerIndex(const LogWriter* pWriter) noexcept {
+    const int nId = pWriter->getClassId();
+    return isValidWriterId(nId) ? static_cast<unsigned>(nId) : kMaxWriterIds;
 }
 
 // ---------------------------------------------------------------------------------------------

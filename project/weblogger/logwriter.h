@@ -18,8 +18,8 @@
 #include <cstdint>
 
 #include "weblogger/commonseverities.h"
-#include "weblogger/logfilter.h"
-#include "weblogger/tmlogger.h"
+#include "weblogger/loggerstate.h"
+#include "weblogger/writerfilter.h"
 #include "zq/tl/stacked_vector.h"
 #include "zq/webkeel/criticalsection.h"
 #include "zq/webkeel/gdvalue.h"
@@ -45,13 +45,11 @@ public:
     virtual bool initialize(const XmlElement* pConfig, const XmlElement* pFormat) = 0;
     // Writes one message.
     virtual void logMessage(const LogSeverity& severity, const GDValue& message,
-                            const TmLogger::LoggerState& state,
-                            const TmLogger::FileLocation* pLocation) = 0;
+                            const LoggerState& state, const FileLocation* pLocation) = 0;
 
     // A writer without a writer filter accepts every message; otherwise the state's current
     // source (which must exist: "rLoggerState.getCurSource() != __null") decides through it.
-    bool isLogEnabled(const LogSeverity& severity,
-                      const TmLogger::LoggerState& rLoggerState) const noexcept;
+    bool isLogEnabled(const LogSeverity& severity, const LoggerState& rLoggerState) const noexcept;
 
     const String& getName() const noexcept { return m_strName; }
     short getClassId() const noexcept { return m_id; }
@@ -59,7 +57,6 @@ public:
     void setIsEnabled(bool bEnabled) noexcept {
         m_bIsEnabled.store(bEnabled, std::memory_order_release);
     }
-    void enable(bool bEnabled) noexcept { setIsEnabled(bEnabled); }
     WriterSynchro& getWriterSynchro() const noexcept { return m_tCs; }
 
     // Takes the writer out of service because the configuration replaces it: marks it
@@ -73,9 +70,29 @@ public:
     const Handle<const WriterFilter>& getWriterFilter() const noexcept { return m_hWriterFilter; }
 
 protected:
-    // A writer's logMessage calls this under its own lock before it writes anything: false
-    // when the writer has been retired, and then it must write nothing. A message that raced
-    // with a reconfiguration is thereby neither written to a retired writer nor lost.
+    // Every writer's logMessage writes under one of these: it takes the writer's lock (none for
+    // WT_SINGLE_THREADED) and then asks acceptWrite whether the writer may still write. When it
+    // says no, the writer must write nothing: a message that raced with a reconfiguration is
+    // thereby neither written to a retired writer nor lost (the dispatcher redelivers it).
+    //
+    //     const WriteGuard guard(*this);
+    //     if (!guard) return;
+    class WriteGuard {
+    public:
+        explicit WriteGuard(const LogWriter& writer)
+            : m_lock(writer.m_tCs), m_bAccepted(writer.acceptWrite()) {}
+        WriteGuard(const WriteGuard&) = delete;
+        WriteGuard& operator=(const WriteGuard&) = delete;
+        explicit operator bool() const noexcept { return m_bAccepted; }
+
+    private:
+        LockGuard<WriterSynchro> m_lock;
+        const bool m_bAccepted;
+    };
+
+    // False when the writer is disabled or retired; a retired writer also marks the write as
+    // refused, so that the dispatcher hands the message to its replacement. Called under the
+    // writer's lock, through WriteGuard.
     bool acceptWrite() const noexcept;
 
 private:

@@ -1,5 +1,6 @@
 #include "weblogger/messagewriter.h"
 
+#include "weblogger/internal/logtimezone.h"
 #include "zq/webkeel/prettyfilename.h"
 
 namespace kiv::logger_details {
@@ -20,11 +21,11 @@ std::wstring_view TimeStampCache::klf(std::time_t now) {
 }
 
 std::wstring_view TimeStampCache::refresh(Entry& entry, std::time_t now, bool bIso8601) {
-    const std::uint64_t nGeneration = TmLogger::getTimeZoneGeneration();
+    const std::uint64_t nGeneration = LoggingTimeZone::getGeneration();
     if (entry.tSecond != now || entry.nZoneGeneration != nGeneration) {
         // The ISO stamp fits in 50 characters.
-        entry.nLength = TmLogger::formatTimeStamp(now, bIso8601, entry.arrText,
-                                                  bIso8601 ? 50 : std::size(entry.arrText));
+        entry.nLength = LoggingTimeZone::formatTimeStamp(now, bIso8601, entry.arrText,
+                                                         bIso8601 ? 50 : std::size(entry.arrText));
         entry.tSecond = now;
         entry.nZoneGeneration = nGeneration;
     }

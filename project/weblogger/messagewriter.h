@@ -22,8 +22,8 @@
 #include <ctime>
 
 #include "weblogger/commonseverities.h"
+#include "weblogger/loggerstate.h"
 #include "weblogger/messageformatloader.h"
-#include "weblogger/tmlogger.h"
 #include "zq/webkeel/handle.h"
 #include "zq/webkeel/stringbuffer.h"
 #include "zq/webutil/message.h"
@@ -36,8 +36,8 @@ public:
     ~MessageWriter() override = default;
     // Renders the message into out.
     virtual void msg_log(const LogSeverity& severity, const GDValue& message,
-                         const TmLogger::LoggerState& state,
-                         const TmLogger::FileLocation* pFileLocation, Stream* out) const = 0;
+                         const LoggerState& state, const FileLocation* pFileLocation,
+                         Stream* out) const = 0;
 };
 
 template <class Stream>
@@ -82,9 +82,7 @@ template <class Stream, class TextWriter, class ValueWriter>
 class MessageWriterImpl : public MessageWriter<Stream> {
 public:
     MessageWriterImpl(const CompiledMsgFormat* pFormat, bool bDeleteFormat)
-        : m_pformat(pFormat),
-          m_bDeleteFmt(bDeleteFormat),
-          m_pMsgTable(&MessageTable::getDefault()) {}
+        : m_pformat(pFormat), m_bDeleteFmt(bDeleteFormat) {}
     ~MessageWriterImpl() override {
         if (m_bDeleteFmt) {
             delete m_pformat;
@@ -93,13 +91,12 @@ public:
     MessageWriterImpl(const MessageWriterImpl&) = delete;
     MessageWriterImpl& operator=(const MessageWriterImpl&) = delete;
 
-    void msg_log(const LogSeverity& severity, const GDValue& message,
-                 const TmLogger::LoggerState& state, const TmLogger::FileLocation* pFileLocation,
-                 Stream* out) const override;
+    void msg_log(const LogSeverity& severity, const GDValue& message, const LoggerState& state,
+                 const FileLocation* pFileLocation, Stream* out) const override;
 
     // Renders one property (its name and its values) with a nested format.
     void writeProperty(const CompiledMsgFormat& itemFormat, const LogSeverity& severity,
-                       const TmLogger::LoggerState::PropsMap::value_type& entry, Stream* out) const;
+                       const LoggerState::PropsMap::value_type& entry, Stream* out) const;
 
     const CompiledMsgFormat* getFormat() const noexcept { return m_pformat; }
 
@@ -110,15 +107,13 @@ private:
     std::wstring_view renderValue(const GDValue& value) const;
     void writeNumber(std::uint64_t n, Stream* out) const;
     void writeSourcesList(const CompiledMsgFormat::SimpleListRecord& record,
-                          const TmLogger::LoggerState& state, Stream* out) const;
+                          const LoggerState& state, Stream* out) const;
     void writePropertiesList(const CompiledMsgFormat::ComplexListRecord& record,
-                             const LogSeverity& severity, const TmLogger::LoggerState& state,
+                             const LogSeverity& severity, const LoggerState& state,
                              Stream* out) const;
 
     const CompiledMsgFormat* m_pformat;
     bool m_bDeleteFmt;
-    // The default table lives as long as the process; the formatter renders through it.
-    MessageTable* m_pMsgTable;
     WebTextMessageFormatter m_tMsgFormatter;
     mutable StringBufferTemplate<511, wchar_t> m_tBuffer;
     mutable logger_details::TimeStampCache m_timeStamps;
@@ -133,6 +128,10 @@ public:
     // handle. With bDeleteFormat the message writer deletes the format when it goes.
     static MessageWriterHandle<Stream> createMessageWriter(const CompiledMsgFormat* pFormat,
                                                            bool bDeleteFormat);
+    // Compiles a writer's Format element (Plain unless it says otherwise; no element gives
+    // an empty format) and makes the message writer that owns the result. Throws what the
+    // format compiler throws for a format it refuses.
+    static MessageWriterHandle<Stream> compile(const XmlElement* pFormat);
 };
 
 }  // namespace kiv

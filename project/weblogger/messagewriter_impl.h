@@ -5,6 +5,7 @@
 #include "weblogger/messagewriter.h"
 
 #include <cwchar>
+#include <memory>
 
 #include "weblogger/logsource.h"
 #include "weblogger/writeradapters.h"
@@ -31,9 +32,11 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeNumber(std::uint64
 }
 
 template <class Stream, class TextWriter, class ValueWriter>
-void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(
-    const LogSeverity& severity, const GDValue& message, const TmLogger::LoggerState& state,
-    const TmLogger::FileLocation* pFileLocation, Stream* out) const {
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeverity& severity,
+                                                                 const GDValue& message,
+                                                                 const LoggerState& state,
+                                                                 const FileLocation* pFileLocation,
+                                                                 Stream* out) const {
     for (const Record* pRecord : m_pformat->m_records) {
         switch (pRecord->m_nType) {
             case CompiledMsgFormat::kText: {
@@ -134,9 +137,9 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(
 
 template <class Stream, class TextWriter, class ValueWriter>
 void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeSourcesList(
-    const CompiledMsgFormat::SimpleListRecord& record, const TmLogger::LoggerState& state,
+    const CompiledMsgFormat::SimpleListRecord& record, const LoggerState& state,
     Stream* out) const {
-    const TmLogger::LoggerState::LogSourcesStack& stack = state.logSourcesStack();
+    const LoggerState::LogSourcesStack& stack = state.logSourcesStack();
     const LogSource* pPrevious = nullptr;
     bool bFirst = true;
     for (auto it = stack.rbegin(); it != stack.rend(); ++it) {
@@ -158,7 +161,7 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeSourcesList(
 template <class Stream, class TextWriter, class ValueWriter>
 void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writePropertiesList(
     const CompiledMsgFormat::ComplexListRecord& record, const LogSeverity& severity,
-    const TmLogger::LoggerState& state, Stream* out) const {
+    const LoggerState& state, Stream* out) const {
     bool bFirstTookPart = true;
     for (const auto& entry : state.propertiesMap()) {
         const auto& values = entry.second;
@@ -184,7 +187,7 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writePropertiesList(
 template <class Stream, class TextWriter, class ValueWriter>
 void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeProperty(
     const CompiledMsgFormat& itemFormat, const LogSeverity&,
-    const TmLogger::LoggerState::PropsMap::value_type& entry, Stream* out) const {
+    const LoggerState::PropsMap::value_type& entry, Stream* out) const {
     for (const Record* pRecord : itemFormat.m_records) {
         switch (pRecord->m_nType) {
             case CompiledMsgFormat::kText:
@@ -235,6 +238,20 @@ MessageWriterHandle<Stream> MessageWriterFactory<Stream, Writer>::createMessageW
             ZQ_ASSERT(false);
             return MessageWriterHandle<Stream>();
     }
+}
+
+template <class Stream, class Writer>
+MessageWriterHandle<Stream> MessageWriterFactory<Stream, Writer>::compile(
+    const XmlElement* pFormat) {
+    auto pCompiled = std::make_unique<CompiledMsgFormat>();
+    if (pFormat != nullptr) {
+        MessageFormatLoader::loadFormat(*pCompiled, *pFormat, CompiledMsgFormat::kEncodingPlain);
+    }
+    MessageWriterHandle<Stream> hWriter = createMessageWriter(pCompiled.get(), true);
+    if (!hWriter.isNull()) {
+        pCompiled.release();  // the message writer took the format over
+    }
+    return hWriter;
 }
 
 }  // namespace kiv

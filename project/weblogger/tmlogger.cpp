@@ -1,19 +1,15 @@
 #include "weblogger/tmlogger.h"
 
-#include <algorithm>
-#include <new>
-#include <typeinfo>
+#include <atomic>
 
-#include "weblogger/keelloggerlogimpl.h"
+#include "weblogger/internal/dispatch.h"
+#include "weblogger/internal/logtimezone.h"
+#include "weblogger/internal/ownfailures.h"
 #include "weblogger/loggermessages.h"
 #include "weblogger/logsource.h"
-#include "weblogger/logwriter.h"
-#include "weblogger/logwritersman.h"
-#include "zq/webkeel/assert.h"
 #include "zq/webkeel/keellogger.h"
 #include "zq/webthreadstorage/threadstatic.h"
 #include "zq/webutil/message.h"
-#include "zq/webutil/timezone.h"
 
 namespace kiv {
 
@@ -29,27 +25,7 @@ constexpr unsigned kDivertLineLogMessage = 79;
 constexpr unsigned kDivertLineLogToEnabledWriters = 121;
 
 std::atomic<int> g_nLiveLoggers{0};
-
-// The logging time zone. It is set at start-up or by a reconfiguration while other threads
-// may be rendering, so it is read and written under its own lock; renderers take it only when
-// their cached time-stamp text is stale (once a second).
-struct LoggingTimeZone {
-    CriticalSection m_tCs{0, "LoggingTimeZone"};
-    TimeZone g_tTimeZone{TimeZone::kServerOS};
-    String g_sTimeZoneShortName;
-    String g_sTimeZoneDSTShortName;
-    std::atomic<std::uint64_t> m_nGeneration{1};
-};
-
-LoggingTimeZone& loggingTimeZone() {
-    static LoggingTimeZone* s_pZone = new LoggingTimeZone;
-    return *s_pZone;
-}
-
-// How often one message waits for a replacement of the global writers before it gives up:
-// each wait lasts one whole reconfiguration, so more than a few means the configuration is
-// being replaced in a loop.
-constexpr int kMaxReplacementWaits = 8;
+std::atomic<const KeelLogger*> g_pBridge{nullptr};
 
 }  // namespace
 
@@ -62,276 +38,6 @@ ThreadSpecificStatic<TmLogger>& TmLogger::loggerSlot() {
 
 void TmLogger::destroyLogger(TmLogger* pLogger) {
     delete pLogger;
-}
-
-// =============================================================================================
-// LoggerState
-
-TmLogger::LoggerState::LoggerState() {
-    m_LogSourcesStack.reserve(kReservedSources);
-}
-
-TmLogger::LoggerState::LoggerState(const LoggerState& other)
-    : MemAllocNewdel(), m_LogSourcesStack(other.m_LogSourcesStack), m_PropsMap(other.m_PropsMap) {
-    m_LogSourcesStack.reserve(kReservedSources);
-    for (auto& entry : m_PropsMap) {
-        PropValues& values = entry.second;
-        values.erase(std::remove_if(values.begin(), values.end(),
-                                    [](const PropValue& value) {
-                                        const GDValue* pValue = value.first.get();
-                                        return pValue == nullptr ||
-                                               !(pValue->isString() || pValue->isNumber());
-                                    }),
-                     values.end());
-    }
-}
-
-TmLogger::LoggerState& TmLogger::LoggerState::operator=(const LoggerState& other) {
-    LoggerState copy(other);
-    swap(copy);
-    return *this;
-}
-
-void TmLogger::LoggerState::swap(LoggerState& other) noexcept {
-    m_LogSourcesStack.swap(other.m_LogSourcesStack);
-    std::swap(m_PropsMap, other.m_PropsMap);
-}
-
-void TmLogger::LoggerState::pushSource(const LogSource& source) {
-    m_LogSourcesStack.push_back(&source);
-}
-
-void TmLogger::LoggerState::popSource() noexcept {
-    if (!m_LogSourcesStack.empty()) {
-        m_LogSourcesStack.pop_back();
-    }
-}
-
-void TmLogger::LoggerState::pushProperty(const String& strPropName, const GDValue& propValue,
-                                         std::uint32_t nImportance) {
-    PropValues& values = m_PropsMap[strPropName];
-    values.reserve(kReservedValues);
-    values.emplace_back(GDVariant(propValue), nImportance);
-}
-
-void TmLogger::LoggerState::popProperty(const String& strPropName) noexcept {
-    const auto it = m_PropsMap.find(strPropName);
-    if (it != m_PropsMap.end() && !it->second.empty()) {
-        it->second.pop_back();
-    }
-}
-
-void TmLogger::LoggerState::appendLogSources(StringBufferBaseTemplate<wchar_t>& buffer) const {
-    for (auto it = m_LogSourcesStack.rbegin(); it != m_LogSourcesStack.rend(); ++it) {
-        buffer.append((*it)->getPath()).append(L'\n');
-    }
-}
-
-void TmLogger::LoggerState::getLogSourceNames(std::vector<String>& names) const {
-    names.clear();
-    for (auto it = m_LogSourcesStack.rbegin(); it != m_LogSourcesStack.rend(); ++it) {
-        if (*it != nullptr) {
-            names.push_back((*it)->getPath());
-        }
-    }
-}
-
-// =============================================================================================
-// LogWriters
-
-TmLogger::LogWriters::LogWriters()
-    : m_GlobalWritersVersion(0), m_pRegistry(&logger_details::LogWritersMan::getLogWritersMan()) {}
-
-TmLogger::LogWriters::~LogWriters() = default;
-
-void TmLogger::LogWriters::syncGlobalWriters() {
-    AtomicEntity<int> version;
-    m_pRegistry->getWriters(m_LogWritersGlobal, version);
-    m_GlobalWritersVersion.store(version.get(), std::memory_order_relaxed);
-}
-
-void TmLogger::LogWriters::bringGlobalWritersUpToDate() {
-    logger_details::LogWritersMan& registry = *m_pRegistry;
-    const int nMine = m_GlobalWritersVersion.load(std::memory_order_relaxed);
-    if (registry.getVersion() == nMine) {
-        return;
-    }
-    // Confirm under the registry's lock, then copy after releasing it: the copy takes the lock
-    // again itself, and a change that races with it is seen at the next version change.
-    bool bStale;
-    {
-        LockGuard<CriticalSection> lock(registry.getMonitor());
-        bStale = registry.getVersion() != nMine;
-    }
-    if (bStale) {
-        syncGlobalWriters();
-    }
-}
-
-void TmLogger::LogWriters::addLocalWriter(LogWriter* pWriter) {
-    m_LogWritersLocal.emplace_back(pWriter);
-}
-
-void TmLogger::LogWriters::removeLocalWriter(LogWriter* pWriter) {
-    const auto it =
-        std::find_if(m_LogWritersLocal.begin(), m_LogWritersLocal.end(),
-                     [pWriter](const Handle<LogWriter>& h) { return h.get() == pWriter; });
-    if (it != m_LogWritersLocal.end()) {
-        m_LogWritersLocal.erase(it);
-    }
-}
-
-void TmLogger::LogWriters::clearEnabledWriters() noexcept {
-    m_vecEnabledWriters.clear();
-}
-
-void TmLogger::LogWriters::clearLocalWriters() {
-    m_LogWritersLocal.clear();
-}
-
-void TmLogger::LogWriters::getLocalWriters(LogWritersList& list) const {
-    list = m_LogWritersLocal;
-}
-
-void TmLogger::LogWriters::appendLocalWriters(const LogWritersList& list) {
-    m_LogWritersLocal.insert(m_LogWritersLocal.end(), list.begin(), list.end());
-}
-
-void TmLogger::LogWriters::setLocalWriters(const LogWritersList& list) {
-    m_LogWritersLocal = list;
-}
-
-bool TmLogger::LogWriters::accepts(const LogWriter& writer, const LogSeverity& severity,
-                                   const LoggerState& state, const LogSource& source) {
-    return writer.isEnabled() && writer.isLogEnabled(severity, state) &&
-           source.getLogFilter().isLogEnabled(severity, &writer);
-}
-
-template <class OnAccepted>
-bool TmLogger::LogWriters::forEachAcceptingWriter(const LogSeverity& severity,
-                                                  const LoggerState& state,
-                                                  OnAccepted&& onAccepted) {
-    ZQ_ASSERT(state.getCurSource() != __null);
-    const LogSource* pSource = state.getCurSource();
-    const LogFilter* pCurFilter = pSource != nullptr ? &pSource->getLogFilter() : nullptr;
-    ZQ_ASSERT(pCurFilter != __null);
-    if (pCurFilter == nullptr) {
-        return false;
-    }
-    bool bRetiredMet = false;
-    for (const LogWritersList* pList : {&m_LogWritersGlobal, &m_LogWritersLocal}) {
-        for (const Handle<LogWriter>& hWriter : *pList) {
-            if (accepts(*hWriter, severity, state, *pSource)) {
-                onAccepted(hWriter);
-            } else if (pList == &m_LogWritersGlobal && hWriter->isRetired()) {
-                bRetiredMet = true;
-            }
-        }
-    }
-    return bRetiredMet;
-}
-
-void TmLogger::LogWriters::waitForReplacementAndSync() {
-    // The configuration replaces the global writers under the registry's lock: passing
-    // through it waits for a replacement in progress, so the copy holds the new writers.
-    CriticalSection& monitor = m_pRegistry->getMonitor();
-    monitor.acquire();
-    monitor.release();
-    syncGlobalWriters();
-}
-
-bool TmLogger::LogWriters::calcEnabledWriters(const LogSeverity& severity,
-                                              const LoggerState& state) {
-    bringGlobalWritersUpToDate();
-    const auto collect = [this](const Handle<LogWriter>& hWriter) {
-        m_vecEnabledWriters.push_back(hWriter);
-    };
-    m_vecEnabledWriters.clear();
-    // Meeting a retired writer means the writers are being replaced: wait for the new ones.
-    for (int nAttempt = 0;
-         forEachAcceptingWriter(severity, state, collect) && nAttempt < kMaxReplacementWaits;
-         ++nAttempt) {
-        waitForReplacementAndSync();
-        m_vecEnabledWriters.clear();
-    }
-    return !m_vecEnabledWriters.empty();
-}
-
-void TmLogger::LogWriters::logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,
-                                               const LoggerState& state,
-                                               const FileLocation* pLocation) {
-    bool bRefused = false;
-    for (const Handle<LogWriter>& hWriter : m_vecEnabledWriters) {
-        hWriter->logMessage(severity, msg, state, pLocation);
-        bRefused |= LogWriter::takeWriteRefusal();
-    }
-    m_vecEnabledWriters.clear();
-    if (bRefused) {
-        redeliverToReplacements(severity, msg, state, pLocation);
-    }
-}
-
-void TmLogger::LogWriters::logMessage(const LogSeverity& severity, const GDValue& msg,
-                                      const LoggerState& state, const FileLocation* pLocation) {
-    bringGlobalWritersUpToDate();
-    bool bRefused = false;
-    const bool bRetiredMet =
-        forEachAcceptingWriter(severity, state, [&](const Handle<LogWriter>& hWriter) {
-            hWriter->logMessage(severity, msg, state, pLocation);
-            bRefused |= LogWriter::takeWriteRefusal();
-        });
-    if (bRefused || bRetiredMet) {
-        redeliverToReplacements(severity, msg, state, pLocation);
-    }
-}
-
-void TmLogger::LogWriters::redeliverToReplacements(const LogSeverity& severity, const GDValue& msg,
-                                                   const LoggerState& state,
-                                                   const FileLocation* pLocation) {
-    const LogSource* pSource = state.getCurSource();
-    if (pSource == nullptr) {
-        return;
-    }
-    // Every writer of an earlier list either wrote the message or refused it because it was
-    // retired; only writers that were not in any of those lists may still receive it. A
-    // replacement can itself be replaced before the message reaches it, hence the rounds.
-    std::vector<const LogWriter*> vecAlreadyTried;
-    for (int nAttempt = 0; nAttempt < kMaxReplacementWaits; ++nAttempt) {
-        for (const Handle<LogWriter>& hWriter : m_LogWritersGlobal) {
-            vecAlreadyTried.push_back(hWriter.get());
-        }
-        waitForReplacementAndSync();
-        bool bAgain = false;
-        for (const Handle<LogWriter>& hWriter : m_LogWritersGlobal) {
-            if (std::find(vecAlreadyTried.begin(), vecAlreadyTried.end(), hWriter.get()) !=
-                vecAlreadyTried.end()) {
-                continue;
-            }
-            if (accepts(*hWriter, severity, state, *pSource)) {
-                hWriter->logMessage(severity, msg, state, pLocation);
-                bAgain |= LogWriter::takeWriteRefusal();
-            } else {
-                bAgain |= hWriter->isRetired();
-            }
-        }
-        if (!bAgain) {
-            return;
-        }
-    }
-}
-
-// =============================================================================================
-// LogWritersState
-
-LogWritersState::LogWritersState() = default;
-LogWritersState::LogWritersState(const LogWritersState& other) = default;
-LogWritersState& LogWritersState::operator=(const LogWritersState& other) = default;
-LogWritersState::~LogWritersState() = default;
-void LogWritersState::clear() noexcept {
-    m_list.clear();
-}
-void LogWritersState::append(const LogWritersState& other) {
-    m_list.insert(m_list.end(), other.m_list.begin(), other.m_list.end());
 }
 
 // =============================================================================================
@@ -355,12 +61,10 @@ public:
 
     // Pushes a source; a failure of our own or an out-of-memory error leaves it unpushed.
     void push(const LogSource& source) {
-        try {
+        logger_details::swallowOwnFailures([&] {
             m_logger.m_logState.pushSource(source);
             ++m_nPushed;
-        } catch (const Exception&) {
-        } catch (const std::bad_alloc&) {
-        }
+        });
     }
     // Logs under "kiv.unknown" when the thread has no source.
     void pushDefaultSourceIfNone() {
@@ -429,31 +133,30 @@ void TmLogger::appendLocalWriters(const LogWritersState& state) {
 bool TmLogger::calcEnabledWriters(const LogSeverity& severity) {
     // The flag is set without testing it first and cleared at the end, also when this call was
     // made from inside another log call.
-    try {
+    bool bAny = false;
+    const bool bDone = logger_details::swallowOwnFailures([&] {
         CallScope scope(*this);
         scope.pushDefaultSourceIfNone();
-        return m_hLogWriters->calcEnabledWriters(severity, m_logState);
-    } catch (const Exception&) {
+        bAny = m_hLogWriters->calcEnabledWriters(severity, m_logState);
+    });
+    if (!bDone) [[unlikely]] {
         // Like every entry point: our own failures never reach the caller; nothing is enabled.
-    } catch (const std::bad_alloc&) {
+        m_hLogWriters.get()->clearEnabledWriters();
     }
-    m_hLogWriters.get()->clearEnabledWriters();
-    return false;
+    return bAny;
 }
 
 void TmLogger::logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,
                                    const FileLocation* pLocation) {
-    if (m_bInLogCall) {
+    if (m_bInLogCall) [[unlikely]] {
         divert(msg, kDivertLineLogToEnabledWriters);
         return;
     }
-    try {
+    logger_details::swallowOwnFailures([&] {
         CallScope scope(*this);
         scope.pushDefaultSourceIfNone();
         m_hLogWriters->logToEnabledWriters(severity, msg, m_logState, pLocation);
-    } catch (const Exception&) {
-    } catch (const std::bad_alloc&) {
-    }
+    });
 }
 
 void TmLogger::logToEnabledWriters1(const LogSeverity& severity, const GDValue& msg,
@@ -514,28 +217,25 @@ void TmLogger::logToEnabledWriters8(const LogSeverity& severity, const GDValue& 
 
 void TmLogger::logMessage(const LogSeverity& severity, const GDValue& msg, const LogSource* pSource,
                           const FileLocation* pLocation) {
-    if (m_bInLogCall) {
+    if (m_bInLogCall) [[unlikely]] {
         divert(msg, kDivertLineLogMessage);
         return;
     }
-    try {
+    logger_details::swallowOwnFailures([&] {
         CallScope scope(*this);
         if (pSource != nullptr) {
             scope.push(*pSource);
         }
         scope.pushDefaultSourceIfNone();
         m_hLogWriters->logMessage(severity, msg, m_logState, pLocation);
-    } catch (const Exception&) {
-    } catch (const std::bad_alloc&) {
-    }
+    });
 }
 
 void TmLogger::logException(const Exception& exception, const LogSeverity* pSeverity,
                             const FileLocation* pLocation, const LogSource* pSource) {
-    try {
+    logger_details::swallowOwnFailures([&] {
         if (m_bInLogCall) {
-            if (KeelLogger* pPrevious =
-                    KeelLoggerLogImpl::getKeelLoggerLogImpl().getPrevKeelLogger()) {
+            if (KeelLogger* pPrevious = getDivertTarget()) {
                 pPrevious->logException(exception, exception.getSeverity());
             }
             return;
@@ -564,74 +264,40 @@ void TmLogger::logException(const Exception& exception, const LogSeverity* pSeve
             }
         }
         logMessage(severity, messages, pSource, pUsedLocation);
-    } catch (const Exception&) {
-    } catch (const std::bad_alloc&) {
-    }
+    });
 }
 
 void TmLogger::setTimeZone(const TimeZone& zone) {
-    LoggingTimeZone& logging = loggingTimeZone();
-    LockGuard<CriticalSection> lock(logging.m_tCs);
-    logging.g_tTimeZone = zone;
-    logging.m_nGeneration.fetch_add(1, std::memory_order_acq_rel);
-    const String strLanguage(L"en");
-    const GDVariant standardName = zone.getShortName(strLanguage, false);
-    if (standardName.empty() || !standardName->isString()) {
-        throw std::bad_cast();
-    }
-    logging.g_sTimeZoneShortName = standardName->toString();
-    const GDVariant daylightName = zone.getShortName(strLanguage, true);
-    if (daylightName.empty() || !daylightName->isString()) {
-        throw std::bad_cast();
-    }
-    logging.g_sTimeZoneDSTShortName = daylightName->toString();
+    logger_details::LoggingTimeZone::set(zone);
 }
 
 const TimeZone& TmLogger::getTimeZone() {
-    return loggingTimeZone().g_tTimeZone;
+    return logger_details::LoggingTimeZone::get();
 }
 
 const String& TmLogger::getTimeZoneShortName(bool bDst) {
-    const LoggingTimeZone& logging = loggingTimeZone();
-    return bDst ? logging.g_sTimeZoneDSTShortName : logging.g_sTimeZoneShortName;
+    return logger_details::LoggingTimeZone::getShortName(bDst);
 }
 
-std::uint64_t TmLogger::getTimeZoneGeneration() noexcept {
-    return loggingTimeZone().m_nGeneration.load(std::memory_order_acquire);
+void TmLogger::setBridge(const KeelLogger* pBridge) noexcept {
+    g_pBridge.store(pBridge, std::memory_order_release);
 }
 
-std::size_t TmLogger::formatTimeStamp(std::time_t t, bool bIso8601, wchar_t* pBuffer,
-                                      std::size_t nCapacity) {
-    LoggingTimeZone& logging = loggingTimeZone();
-    LockGuard<CriticalSection> lock(logging.m_tCs);
-    if (bIso8601) {
-        return DateUtils::crtToISO8601WCharBuf(t, logging.g_tTimeZone, pBuffer, nCapacity);
-    }
-    std::size_t nLength = DateUtils::crtToWCharBuf(t, logging.g_tTimeZone, pBuffer, nCapacity);
-    const String& strZone = logging.g_tTimeZone.isDst(t) ? logging.g_sTimeZoneDSTShortName
-                                                         : logging.g_sTimeZoneShortName;
-    if (nLength + 1 + strZone.size() < nCapacity) {
-        pBuffer[nLength++] = L' ';
-        for (wchar_t c : strZone) {
-            pBuffer[nLength++] = c;
-        }
-        pBuffer[nLength] = 0;
-    }
-    return nLength;
+KeelLogger* TmLogger::getDivertTarget() noexcept {
+    const KeelLogger* pBridge = g_pBridge.load(std::memory_order_acquire);
+    return pBridge != nullptr ? pBridge->getPrevKeelLogger() : nullptr;
 }
 
 void TmLogger::divert(const GDValue& msg, unsigned nLine) {
-    try {
-        KeelLogger* pPrevious = KeelLoggerLogImpl::getKeelLoggerLogImpl().getPrevKeelLogger();
+    logger_details::swallowOwnFailures([&] {
+        KeelLogger* pPrevious = getDivertTarget();
         if (pPrevious == nullptr) {
             return;
         }
         const ReferentialParameterizedMessage wrapped(kmsgLogFromLogger, msg);
         pPrevious->log(KeelLogger::kError, KeelLogger::kSeverityNormal, kUnitFileName, nLine,
                        wrapped);
-    } catch (const Exception&) {
-    } catch (const std::bad_alloc&) {
-    }
+    });
 }
 
 }  // namespace kiv

@@ -14,155 +14,39 @@
 // cleared and temporary sources are popped.
 //
 // Threads: a TmLogger, its state and its writer set are touched only by their own thread and
-// hold no lock. The process-wide time zone is written at start-up without a lock.
+// hold no lock. The logging time zone is process-wide and guarded by its own lock.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <ctime>
-#include <utility>
 #include <vector>
 
 #include "weblogger/commonseverities.h"
-#include "zq/tl/hashmap.h"
+#include "weblogger/loggerstate.h"
+#include "weblogger/logwritersstate.h"
 #include "zq/webkeel/exception.h"
 #include "zq/webkeel/gdvalue.h"
 #include "zq/webkeel/handle.h"
 #include "zq/webkeel/memalloc.h"
 #include "zq/webkeel/string.h"
-#include "zq/webkeel/stringbuffer.h"
 
 namespace kiv {
 
 class LogSource;
 class LogSourceHandle;
 class LogWriter;
-class LogWritersState;
+class LogWriters;
 class TimeZone;
-namespace logger_details {
-class LogWritersMan;
-}
+class KeelLogger;
 template <class T>
 class ThreadSpecificStatic;
 
 class TmLogger : public MemAllocNewdel {
 public:
-    // ------------------------------------------------------------------ the thread's context
-    class LoggerState : public MemAllocNewdel {
-    public:
-        using LogSourcesStack = std::vector<const LogSource*>;
-        using PropValue = std::pair<GDVariant, std::uint32_t>;
-        using PropValues = std::vector<PropValue>;
-        using PropsMap = tl::hash_map<String, PropValues, String::Hash>;
-        static constexpr std::size_t kReservedSources = 20;
-        static constexpr std::size_t kReservedValues = 5;
-
-        LoggerState();
-        // Copies sources and properties, keeping only values that are (or refer to) strings or
-        // numbers, so the copy is safe on another thread or after this thread's values are gone.
-        LoggerState(const LoggerState& other);
-        LoggerState& operator=(const LoggerState& other);
-        void swap(LoggerState& other) noexcept;
-
-        void pushSource(const LogSource& source);
-        // Removes the innermost source; nothing on an empty stack.
-        void popSource() noexcept;
-        // The innermost source, or null when none was pushed.
-        const LogSource* getCurSource() const noexcept {
-            return m_LogSourcesStack.empty() ? nullptr : m_LogSourcesStack.back();
-        }
-        const LogSourcesStack& logSourcesStack() const noexcept { return m_LogSourcesStack; }
-
-        void pushProperty(const String& strPropName, const GDValue& propValue,
-                          std::uint32_t nImportance);
-        // Removes the name's current value; an unknown name or an empty stack is ignored, and
-        // the name's entry is kept even when its stack becomes empty.
-        void popProperty(const String& strPropName) noexcept;
-        const PropsMap& propertiesMap() const noexcept { return m_PropsMap; }
-
-        // Every source's full path and a line feed, innermost first.
-        void appendLogSources(StringBufferBaseTemplate<wchar_t>& buffer) const;
-        // Clears names, then the full path of every source, innermost first.
-        void getLogSourceNames(std::vector<String>& names) const;
-
-    private:
-        LogSourcesStack m_LogSourcesStack;
-        PropsMap m_PropsMap;
-    };
-
-    // ------------------------------------------------------------------ where a call was made
-    class FileLocation {
-    public:
-        FileLocation(const wchar_t* pwszFile, std::uint32_t nLineNumber,
-                     const wchar_t* pwszBacktrace = nullptr) noexcept
-            : m_wstrFile(pwszFile), m_nLineNumber(nLineNumber), m_pBacktrace(pwszBacktrace) {}
-        const wchar_t* getWFile() const noexcept { return m_wstrFile; }
-        std::uint32_t getLineNumber() const noexcept { return m_nLineNumber; }
-        const wchar_t* getBacktrace() const noexcept { return m_pBacktrace; }
-
-    private:
-        const wchar_t* m_wstrFile;
-        std::uint32_t m_nLineNumber;
-        const wchar_t* m_pBacktrace;
-    };
-
-    using LogWritersList = std::vector<Handle<LogWriter>>;
-
-    // ------------------------------------------------------------------ the thread's writers
-    class LogWriters : public RefCountedBaseTemplate<MemAllocNewdel> {
-    public:
-        LogWriters();
-        ~LogWriters() override;
-
-        // Replaces the copy of the global writers by the registry's current list and version.
-        void syncGlobalWriters();
-
-        void addLocalWriter(LogWriter* pWriter);
-        void removeLocalWriter(LogWriter* pWriter);
-        void clearLocalWriters();
-        void getLocalWriters(LogWritersList& list) const;
-        void appendLocalWriters(const LogWritersList& list);
-        void setLocalWriters(const LogWritersList& list);
-
-        // Collects the writers that accept the severity; whether there is any.
-        bool calcEnabledWriters(const LogSeverity& severity, const LoggerState& state);
-        // Writes to the writers collected by the last calcEnabledWriters.
-        void logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,
-                                 const LoggerState& state, const FileLocation* pLocation);
-        // Writes to every accepting writer as it is found.
-        void logMessage(const LogSeverity& severity, const GDValue& msg, const LoggerState& state,
-                        const FileLocation* pLocation);
-
-        const LogWritersList& getGlobalWriters() const noexcept { return m_LogWritersGlobal; }
-        const LogWritersList& getEnabledWriters() const noexcept { return m_vecEnabledWriters; }
-        void clearEnabledWriters() noexcept;
-        int getGlobalWritersVersion() const noexcept {
-            return m_GlobalWritersVersion.load(std::memory_order_relaxed);
-        }
-
-    private:
-        void bringGlobalWritersUpToDate();
-        static bool accepts(const LogWriter& writer, const LogSeverity& severity,
-                            const LoggerState& state, const LogSource& source);
-        // Calls onAccepted for every accepting writer; true when a retired writer was met (the
-        // configuration is replacing the global writers).
-        template <class OnAccepted>
-        bool forEachAcceptingWriter(const LogSeverity& severity, const LoggerState& state,
-                                    OnAccepted&& onAccepted);
-        // Waits for a replacement of the global writers in progress, then copies the new list.
-        void waitForReplacementAndSync();
-        // A retired writer refused the message: hand it to the global writers that replaced
-        // the retired ones (rare: only while the configuration replaces the writers).
-        void redeliverToReplacements(const LogSeverity& severity, const GDValue& msg,
-                                     const LoggerState& state, const FileLocation* pLocation);
-
-        std::atomic<int> m_GlobalWritersVersion;
-        // The registry outlives every thread's writer set; looked up once, not per message.
-        logger_details::LogWritersMan* const m_pRegistry;
-        LogWritersList m_LogWritersLocal;
-        LogWritersList m_LogWritersGlobal;
-        LogWritersList m_vecEnabledWriters;
-    };
+    // The names by which the rest of the system has always known these classes.
+    using LoggerState = kiv::LoggerState;
+    using FileLocation = kiv::FileLocation;
+    using LogWriters = kiv::LogWriters;
+    using LogWritersList = kiv::LogWritersList;
 
     // ------------------------------------------------------------------ the logger
     // The calling thread's logger, made on first use. If making it throws, the exception
@@ -237,21 +121,13 @@ public:
     // ------------------------------------------------------------------ the logging time zone
     // Makes zone the process-wide zone of message time stamps and caches its short names
     // (language "en", without and with daylight saving). Throws std::bad_cast when the zone
-    // does not give its names as strings (the zone is replaced by then).
+    // does not give its names as strings (the zone is replaced by then). Safe while other
+    // threads render: the zone has its own lock.
     static void setTimeZone(const TimeZone& zone);
-    // The zone itself, for start-up code; renderers use formatTimeStamp, which is safe while
-    // another thread sets the zone.
+    // The zone itself, for start-up code.
     static const TimeZone& getTimeZone();
     // The cached short name; empty until setTimeZone is first called.
     static const String& getTimeZoneShortName(bool bDst);
-    // Changes whenever the zone is set, so renderers know when their cached text is stale.
-    static std::uint64_t getTimeZoneGeneration() noexcept;
-    // Writes the stamp of second t in the logging zone into pBuffer (zero-terminated, at most
-    // nCapacity characters with the terminator) and returns its length: with bIso8601 the
-    // ISO 8601 text with the zone offset, otherwise the local date and time, a blank and the
-    // zone's short name.
-    static std::size_t formatTimeStamp(std::time_t t, bool bIso8601, wchar_t* pBuffer,
-                                       std::size_t nCapacity);
 
 private:
     TmLogger();
@@ -259,28 +135,20 @@ private:
     friend class ThreadSpecificStatic<TmLogger>;
     static ThreadSpecificStatic<TmLogger>& loggerSlot();
     static void destroyLogger(TmLogger* pLogger);
-    void divert(const GDValue& msg, unsigned nLine);
+    // Rare (a message logged from inside a log call): kept out of the callers' code.
+    [[gnu::cold, gnu::noinline]] void divert(const GDValue& msg, unsigned nLine);
     class CallScope;
+
+    // The bridge from the lower library registers itself here when it is made, so that a
+    // message logged from inside a log call can go to the logger that was installed before it.
+    friend class KeelLoggerLogImpl;
+    static void setBridge(const KeelLogger* pBridge) noexcept;
+    // The lower library's logger that the bridge replaced, or null.
+    static KeelLogger* getDivertTarget() noexcept;
 
     LoggerState m_logState;
     Handle<LogWriters> m_hLogWriters;
     bool m_bInLogCall;
-};
-
-// A copyable set of local writers, with which the server saves, restores or hands over a
-// thread's local writers.
-class LogWritersState {
-public:
-    LogWritersState();
-    LogWritersState(const LogWritersState& other);
-    LogWritersState& operator=(const LogWritersState& other);
-    ~LogWritersState();
-    void swap(LogWritersState& other) noexcept { m_list.swap(other.m_list); }
-    void clear() noexcept;
-    // Appends the other state's writers after this state's.
-    void append(const LogWritersState& other);
-
-    TmLogger::LogWritersList m_list;
 };
 
 // The source used when a caller names none: "kiv.unknown".

@@ -8,11 +8,11 @@
 //   WriterAdapter<Stream>               wide text appended to a wide string buffer
 //   StreamWriterAdapter<Stream, ByteT>  bytes written to a byte sink (the log file)
 //   EncodingAdapter<Inner, Encoding>    wide text converted by Encoding, passed on to Inner
+//   Utf8InPlaceAdaptor                  wide text to a stream that encodes UTF-8 itself
 //   HoopyAdaptor                        wide text as UTF-8, handed to the console in one piece
 //
-// For example, EncodingAdapter<EncodingAdapter<StreamWriterAdapter<LogFile, char>,
-// T2NEncodingUTF8<wchar_t>>, W2WXmlEncoding> escapes a value for XML, encodes the escaped text
-// as UTF-8 and writes the bytes to the log file.
+// For example, EncodingAdapter<Utf8InPlaceAdaptor, W2WXmlEncoding> escapes a value for XML and
+// hands the escaped text to the log file, which encodes it as UTF-8 into its buffer.
 //
 // Each adaptor has three write forms (pointer and length; NUL-terminated pointer; string), and
 // the last two only find the length and call the first.
@@ -21,7 +21,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <string>
-#include <type_traits>
 
 #include "zq/webkeel/assert.h"
 #include "zq/webkeel/encoding.h"
@@ -79,16 +78,6 @@ public:
         if (n == 0) {
             return;
         }
-        // A stream that encodes UTF-8 in place (the log file) gets the text directly: the bytes
-        // are the same, the copy through the chunk buffer is saved. The inner adaptor of a
-        // UTF-8 encoding always writes to that same stream.
-        if constexpr (std::is_same_v<Encoding, T2NEncodingUTF8<wchar_t>> &&
-                      requires(Stream * s, const wchar_t* q, std::size_t m) {
-                          s->writeUtf8(q, m);
-                      }) {
-            out->writeUtf8(p, n);
-            return;
-        }
         const Encoding encoding{};
         typename Encoding::OutputUnit arrBuffer[kBufferUnits];
         while (n != 0) {
@@ -114,6 +103,27 @@ public:
             p += nChunk;
             n -= nChunk;
         }
+    }
+    template <class Stream>
+    static void write(Stream* out, const wchar_t* psz) {
+        if (psz != nullptr) {
+            write(out, psz, std::char_traits<wchar_t>::length(psz));
+        }
+    }
+    template <class Stream>
+    static void write(Stream* out, const String& s) {
+        write(out, s.data(), s.size());
+    }
+};
+
+// Wide text to a stream that encodes UTF-8 into its own buffer (the log file's writeUtf8):
+// the same bytes as EncodingAdapter<StreamWriterAdapter<Stream, char>, T2NEncodingUTF8>, without
+// the copy through a chunk buffer. Under an XML escaping adaptor it receives the escaped text.
+class Utf8InPlaceAdaptor {
+public:
+    template <class Stream>
+    static void write(Stream* out, const wchar_t* p, std::size_t n) {
+        out->writeUtf8(p, n);
     }
     template <class Stream>
     static void write(Stream* out, const wchar_t* psz) {

@@ -30,9 +30,12 @@ public:
         return pConfig == nullptr || !pConfig->getAttributeValue(L"fail").equals(L"true");
     }
 
-    void logMessage(const LogSeverity& severity, const GDValue& message,
-                    const TmLogger::LoggerState& state, const TmLogger::FileLocation*) override {
-        LockGuard<WriterSynchro> guard(getWriterSynchro());
+    void logMessage(const LogSeverity& severity, const GDValue& message, const LoggerState& state,
+                    const FileLocation*) override {
+        const WriteGuard guard(*this);
+        if (!guard) {
+            return;
+        }
         const LogSource* pSource = state.getCurSource();
         m_vecRecords.push_back(Record{severity, message.toString(),
                                       pSource != nullptr ? pSource->getPath() : String()});

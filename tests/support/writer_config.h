@@ -39,8 +39,8 @@ private:
 };
 
 // A state with one source pushed, for calling writers directly.
-inline TmLogger::LoggerState stateWithSource(const wchar_t* pszSource) {
-    TmLogger::LoggerState state;
+inline LoggerState stateWithSource(const wchar_t* pszSource) {
+    LoggerState state;
     state.pushSource(*LogSourceHandle(String(pszSource)));
     return state;
 }

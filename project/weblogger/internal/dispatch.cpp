@@ -1,0 +1,203 @@
+#include "weblogger/internal/dispatch.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "weblogger/logsource.h"
+#include "weblogger/logwriter.h"
+#include "weblogger/logwritersman.h"
+#include "zq/webkeel/assert.h"
+
+namespace kiv {
+namespace {
+
+// How often one message waits for a replacement of the global writers before it gives up:
+// each wait lasts one whole reconfiguration, so more than a few means the configuration is
+// being replaced in a loop.
+constexpr int kMaxReplacementWaits = 8;
+
+}  // namespace
+
+
+LogWriters::LogWriters()
+    : m_GlobalWritersVersion(0), m_pRegistry(&logger_details::LogWritersMan::getLogWritersMan()) {}
+
+LogWriters::~LogWriters() = default;
+
+void LogWriters::syncGlobalWriters() {
+    AtomicEntity<int> version;
+    m_pRegistry->getWriters(m_LogWritersGlobal, version);
+    m_GlobalWritersVersion.store(version.get(), std::memory_order_relaxed);
+}
+
+void LogWriters::bringGlobalWritersUpToDate() {
+    logger_details::LogWritersMan& registry = *m_pRegistry;
+    const int nMine = m_GlobalWritersVersion.load(std::memory_order_relaxed);
+    if (registry.getVersion() == nMine) {
+        return;
+    }
+    // Confirm under the registry's lock, then copy after releasing it: the copy takes the lock
+    // again itself, and a change that races with it is seen at the next version change.
+    bool bStale;
+    {
+        LockGuard<CriticalSection> lock(registry.getMonitor());
+        bStale = registry.getVersion() != nMine;
+    }
+    if (bStale) {
+        syncGlobalWriters();
+    }
+}
+
+void LogWriters::addLocalWriter(LogWriter* pWriter) {
+    m_LogWritersLocal.emplace_back(pWriter);
+}
+
+void LogWriters::removeLocalWriter(LogWriter* pWriter) {
+    const auto it =
+        std::find_if(m_LogWritersLocal.begin(), m_LogWritersLocal.end(),
+                     [pWriter](const Handle<LogWriter>& h) { return h.get() == pWriter; });
+    if (it != m_LogWritersLocal.end()) {
+        m_LogWritersLocal.erase(it);
+    }
+}
+
+void LogWriters::clearEnabledWriters() noexcept {
+    m_vecEnabledWriters.clear();
+}
+
+void LogWriters::clearLocalWriters() {
+    m_LogWritersLocal.clear();
+}
+
+void LogWriters::getLocalWriters(LogWritersList& list) const {
+    list = m_LogWritersLocal;
+}
+
+void LogWriters::appendLocalWriters(const LogWritersList& list) {
+    m_LogWritersLocal.insert(m_LogWritersLocal.end(), list.begin(), list.end());
+}
+
+void LogWriters::setLocalWriters(const LogWritersList& list) {
+    m_LogWritersLocal = list;
+}
+
+bool LogWriters::accepts(const LogWriter& writer, const LogSeverity& severity,
+                                   const LoggerState& state, const LogSource& source) {
+    return writer.isEnabled() && writer.isLogEnabled(severity, state) &&
+           source.getLogFilter().isLogEnabled(severity, &writer);
+}
+
+template <class OnAccepted>
+bool LogWriters::forEachAcceptingWriter(const LogSeverity& severity,
+                                                  const LoggerState& state,
+                                                  OnAccepted&& onAccepted) {
+    const LogSource* pSource = state.getCurSource();
+    ZQ_ASSERT_TEXT(pSource != nullptr, "rLoggerState.getCurSource() != __null");
+    const LogFilter* pCurFilter = pSource != nullptr ? &pSource->getLogFilter() : nullptr;
+    ZQ_ASSERT_TEXT(pCurFilter != nullptr, "pCurFilter != __null");
+    if (pCurFilter == nullptr) {
+        return false;
+    }
+    bool bRetiredMet = false;
+    for (const LogWritersList* pList : {&m_LogWritersGlobal, &m_LogWritersLocal}) {
+        for (const Handle<LogWriter>& hWriter : *pList) {
+            if (accepts(*hWriter, severity, state, *pSource)) {
+                onAccepted(hWriter);
+            } else if (pList == &m_LogWritersGlobal && hWriter->isRetired()) {
+                bRetiredMet = true;
+            }
+        }
+    }
+    return bRetiredMet;
+}
+
+void LogWriters::waitForReplacementAndSync() {
+    // The configuration replaces the global writers under the registry's lock: passing
+    // through it waits for a replacement in progress, so the copy holds the new writers.
+    CriticalSection& monitor = m_pRegistry->getMonitor();
+    monitor.acquire();
+    monitor.release();
+    syncGlobalWriters();
+}
+
+bool LogWriters::calcEnabledWriters(const LogSeverity& severity,
+                                              const LoggerState& state) {
+    bringGlobalWritersUpToDate();
+    const auto collect = [this](const Handle<LogWriter>& hWriter) {
+        m_vecEnabledWriters.push_back(hWriter);
+    };
+    m_vecEnabledWriters.clear();
+    // Meeting a retired writer means the writers are being replaced: wait for the new ones.
+    for (int nAttempt = 0;
+         forEachAcceptingWriter(severity, state, collect) && nAttempt < kMaxReplacementWaits;
+         ++nAttempt) {
+        waitForReplacementAndSync();
+        m_vecEnabledWriters.clear();
+    }
+    return !m_vecEnabledWriters.empty();
+}
+
+void LogWriters::logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,
+                                               const LoggerState& state,
+                                               const FileLocation* pLocation) {
+    bool bRefused = false;
+    for (const Handle<LogWriter>& hWriter : m_vecEnabledWriters) {
+        hWriter->logMessage(severity, msg, state, pLocation);
+        bRefused |= LogWriter::takeWriteRefusal();
+    }
+    m_vecEnabledWriters.clear();
+    if (bRefused) {
+        redeliverToReplacements(severity, msg, state, pLocation);
+    }
+}
+
+void LogWriters::logMessage(const LogSeverity& severity, const GDValue& msg,
+                                      const LoggerState& state, const FileLocation* pLocation) {
+    bringGlobalWritersUpToDate();
+    bool bRefused = false;
+    const bool bRetiredMet =
+        forEachAcceptingWriter(severity, state, [&](const Handle<LogWriter>& hWriter) {
+            hWriter->logMessage(severity, msg, state, pLocation);
+            bRefused |= LogWriter::takeWriteRefusal();
+        });
+    if (bRefused || bRetiredMet) {
+        redeliverToReplacements(severity, msg, state, pLocation);
+    }
+}
+
+void LogWriters::redeliverToReplacements(const LogSeverity& severity, const GDValue& msg,
+                                                   const LoggerState& state,
+                                                   const FileLocation* pLocation) {
+    const LogSource* pSource = state.getCurSource();
+    if (pSource == nullptr) {
+        return;
+    }
+    // Every writer of an earlier list either wrote the message or refused it because it was
+    // retired; only writers that were not in any of those lists may still receive it. A
+    // replacement can itself be replaced before the message reaches it, hence the rounds.
+    std::vector<const LogWriter*> vecAlreadyTried;
+    for (int nAttempt = 0; nAttempt < kMaxReplacementWaits; ++nAttempt) {
+        for (const Handle<LogWriter>& hWriter : m_LogWritersGlobal) {
+            vecAlreadyTried.push_back(hWriter.get());
+        }
+        waitForReplacementAndSync();
+        bool bAgain = false;
+        for (const Handle<LogWriter>& hWriter : m_LogWritersGlobal) {
+            if (std::find(vecAlreadyTried.begin(), vecAlreadyTried.end(), hWriter.get()) !=
+                vecAlreadyTried.end()) {
+                continue;
+            }
+            if (accepts(*hWriter, severity, state, *pSource)) {
+                hWriter->logMessage(severity, msg, state, pLocation);
+                bAgain |= LogWriter::takeWriteRefusal();
+            } else {
+                bAgain |= hWriter->isRetired();
+            }
+        }
+        if (!bAgain) {
+            return;
+        }
+    }
+}
+
+}  // namespace kiv

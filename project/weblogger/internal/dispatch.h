@@ -1,0 +1,90 @@
+// One thread's writer set and the dispatch of a message to it.
+//
+// LogWriters holds a copy of the registry's global writers (refreshed when the registry's
+// version changes: one relaxed load per message when it has not) and the thread's local
+// writers. A message goes to every enabled writer whose own filter and whose current source's
+// filter accept its severity: global writers first, then local ones, each in order.
+//
+// Redelivery: while the configuration replaces the global writers, a thread may still hold
+// the old ones. A retired writer refuses the write under its own lock (LogWriter's write
+// guard); the dispatcher then waits for the replacement to finish (by passing through the
+// registry's monitor) and hands the message to the writers that replaced the retired ones, so
+// a message that races with a reconfiguration is neither lost nor written twice.
+//
+// Threads: a LogWriters belongs to one thread's logger and takes no lock of its own; it takes
+// the registry's monitor only to copy the global list and to wait for a replacement.
+#pragma once
+
+#include <atomic>
+
+#include "weblogger/commonseverities.h"
+#include "weblogger/loggerstate.h"
+#include "weblogger/logwritersstate.h"
+#include "zq/webkeel/gdvalue.h"
+#include "zq/webkeel/handle.h"
+#include "zq/webkeel/memalloc.h"
+
+namespace kiv {
+
+class LogSource;
+class LogWriter;
+namespace logger_details {
+class LogWritersMan;
+}
+
+class LogWriters : public RefCountedBaseTemplate<MemAllocNewdel> {
+public:
+    LogWriters();
+    ~LogWriters() override;
+
+    // Replaces the copy of the global writers by the registry's current list and version.
+    void syncGlobalWriters();
+
+    void addLocalWriter(LogWriter* pWriter);
+    void removeLocalWriter(LogWriter* pWriter);
+    void clearLocalWriters();
+    void getLocalWriters(LogWritersList& list) const;
+    void appendLocalWriters(const LogWritersList& list);
+    void setLocalWriters(const LogWritersList& list);
+
+    // Collects the writers that accept the severity; whether there is any.
+    bool calcEnabledWriters(const LogSeverity& severity, const LoggerState& state);
+    // Writes to the writers collected by the last calcEnabledWriters.
+    void logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,
+                             const LoggerState& state, const FileLocation* pLocation);
+    // Writes to every accepting writer as it is found.
+    void logMessage(const LogSeverity& severity, const GDValue& msg, const LoggerState& state,
+                    const FileLocation* pLocation);
+
+    const LogWritersList& getGlobalWriters() const noexcept { return m_LogWritersGlobal; }
+    const LogWritersList& getEnabledWriters() const noexcept { return m_vecEnabledWriters; }
+    void clearEnabledWriters() noexcept;
+    int getGlobalWritersVersion() const noexcept {
+        return m_GlobalWritersVersion.load(std::memory_order_relaxed);
+    }
+
+private:
+    void bringGlobalWritersUpToDate();
+    static bool accepts(const LogWriter& writer, const LogSeverity& severity,
+                        const LoggerState& state, const LogSource& source);
+    // Calls onAccepted for every accepting writer; true when a retired writer was met (the
+    // configuration is replacing the global writers).
+    template <class OnAccepted>
+    bool forEachAcceptingWriter(const LogSeverity& severity, const LoggerState& state,
+                                OnAccepted&& onAccepted);
+    // Waits for a replacement of the global writers in progress, then copies the new list.
+    [[gnu::cold, gnu::noinline]] void waitForReplacementAndSync();
+    // A retired writer refused the message: hand it to the global writers that replaced the
+    // retired ones (rare: only while the configuration replaces the writers).
+    [[gnu::cold, gnu::noinline]] void redeliverToReplacements(const LogSeverity& severity, const GDValue& msg,
+                                 const LoggerState& state, const FileLocation* pLocation);
+
+    std::atomic<int> m_GlobalWritersVersion;
+    // The registry outlives every thread's writer set; looked up once, not per message.
+    logger_details::LogWritersMan* const m_pRegistry;
+    LogWritersList m_LogWritersLocal;
+    LogWritersList m_LogWritersGlobal;
+    LogWritersList m_vecEnabledWriters;
+};
+
+}  // namespace kiv
