@@ -5,8 +5,8 @@
 #include <benchmark/benchmark.h>
 
 #include "support/alloc_counter.h"
+#include "weblogger/internal/messagewriter.h"
 #include "weblogger/logsource.h"
-#include "weblogger/messagewriter.h"
 
 namespace kiv {
 namespace {

@@ -6,7 +6,11 @@ install(TARGETS weblogger EXPORT webloggerTargets
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY inc/zq DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY project/weblogger DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+# Only the public headers: what a host includes to log, and what a writer author builds on.
+# project/weblogger/internal/ is the library's own business and is not installed.
+install(DIRECTORY project/weblogger DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+    FILES_MATCHING PATTERN "*.h"
+    PATTERN "internal" EXCLUDE)
 install(EXPORT webloggerTargets NAMESPACE weblogger:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/weblogger)
 
 configure_package_config_file(cmake/webloggerConfig.cmake.in

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "weblogger/internal/messagewriter.h"
 #include "weblogger/logsource.h"
 #include "weblogger/messageformatloader.h"
-#include "weblogger/messagewriter.h"
 #include "zq/webkeel/assert.h"
 
 namespace {

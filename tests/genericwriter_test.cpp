@@ -1,4 +1,4 @@
-#include "weblogger/genericwriter.h"
+#include "weblogger/internal/genericwriter.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "weblogger/writeradapters.h"
+#include "weblogger/internal/writeradapters.h"
 
 #include <gtest/gtest.h>
 

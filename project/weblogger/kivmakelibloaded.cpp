@@ -16,7 +16,7 @@ bool isWebloggerLoaded() noexcept {
 }
 
 const char* webloggerVersion() noexcept {
-    return "0.1.0";
+    return WEBLOGGER_VERSION;
 }
 
 }  // namespace kiv

@@ -18,7 +18,6 @@ constexpr int kMaxReplacementWaits = 8;
 
 }  // namespace
 
-
 LogWriters::LogWriters()
     : m_GlobalWritersVersion(0), m_pRegistry(&logger_details::LogWritersMan::getLogWritersMan()) {}
 
@@ -82,15 +81,14 @@ void LogWriters::setLocalWriters(const LogWritersList& list) {
 }
 
 bool LogWriters::accepts(const LogWriter& writer, const LogSeverity& severity,
-                                   const LoggerState& state, const LogSource& source) {
+                         const LoggerState& state, const LogSource& source) {
     return writer.isEnabled() && writer.isLogEnabled(severity, state) &&
            source.getLogFilter().isLogEnabled(severity, &writer);
 }
 
 template <class OnAccepted>
-bool LogWriters::forEachAcceptingWriter(const LogSeverity& severity,
-                                                  const LoggerState& state,
-                                                  OnAccepted&& onAccepted) {
+bool LogWriters::forEachAcceptingWriter(const LogSeverity& severity, const LoggerState& state,
+                                        OnAccepted&& onAccepted) {
     const LogSource* pSource = state.getCurSource();
     ZQ_ASSERT_TEXT(pSource != nullptr, "rLoggerState.getCurSource() != __null");
     const LogFilter* pCurFilter = pSource != nullptr ? &pSource->getLogFilter() : nullptr;
@@ -120,8 +118,7 @@ void LogWriters::waitForReplacementAndSync() {
     syncGlobalWriters();
 }
 
-bool LogWriters::calcEnabledWriters(const LogSeverity& severity,
-                                              const LoggerState& state) {
+bool LogWriters::calcEnabledWriters(const LogSeverity& severity, const LoggerState& state) {
     bringGlobalWritersUpToDate();
     const auto collect = [this](const Handle<LogWriter>& hWriter) {
         m_vecEnabledWriters.push_back(hWriter);
@@ -138,8 +135,7 @@ bool LogWriters::calcEnabledWriters(const LogSeverity& severity,
 }
 
 void LogWriters::logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,
-                                               const LoggerState& state,
-                                               const FileLocation* pLocation) {
+                                     const LoggerState& state, const FileLocation* pLocation) {
     bool bRefused = false;
     for (const Handle<LogWriter>& hWriter : m_vecEnabledWriters) {
         hWriter->logMessage(severity, msg, state, pLocation);
@@ -152,7 +148,7 @@ void LogWriters::logToEnabledWriters(const LogSeverity& severity, const GDValue&
 }
 
 void LogWriters::logMessage(const LogSeverity& severity, const GDValue& msg,
-                                      const LoggerState& state, const FileLocation* pLocation) {
+                            const LoggerState& state, const FileLocation* pLocation) {
     bringGlobalWritersUpToDate();
     bool bRefused = false;
     const bool bRetiredMet =
@@ -166,8 +162,7 @@ void LogWriters::logMessage(const LogSeverity& severity, const GDValue& msg,
 }
 
 void LogWriters::redeliverToReplacements(const LogSeverity& severity, const GDValue& msg,
-                                                   const LoggerState& state,
-                                                   const FileLocation* pLocation) {
+                                         const LoggerState& state, const FileLocation* pLocation) {
     const LogSource* pSource = state.getCurSource();
     if (pSource == nullptr) {
         return;

@@ -76,8 +76,10 @@ private:
     [[gnu::cold, gnu::noinline]] void waitForReplacementAndSync();
     // A retired writer refused the message: hand it to the global writers that replaced the
     // retired ones (rare: only while the configuration replaces the writers).
-    [[gnu::cold, gnu::noinline]] void redeliverToReplacements(const LogSeverity& severity, const GDValue& msg,
-                                 const LoggerState& state, const FileLocation* pLocation);
+    [[gnu::cold, gnu::noinline]] void redeliverToReplacements(const LogSeverity& severity,
+                                                              const GDValue& msg,
+                                                              const LoggerState& state,
+                                                              const FileLocation* pLocation);
 
     std::atomic<int> m_GlobalWritersVersion;
     // The registry outlives every thread's writer set; looked up once, not per message.

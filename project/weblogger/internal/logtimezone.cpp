@@ -65,8 +65,8 @@ std::size_t LoggingTimeZone::formatTimeStamp(std::time_t t, bool bIso8601, wchar
         return DateUtils::crtToISO8601WCharBuf(t, state.g_tTimeZone, pBuffer, nCapacity);
     }
     std::size_t nLength = DateUtils::crtToWCharBuf(t, state.g_tTimeZone, pBuffer, nCapacity);
-    const String& strZone = state.g_tTimeZone.isDst(t) ? state.g_sTimeZoneDSTShortName
-                                                       : state.g_sTimeZoneShortName;
+    const String& strZone =
+        state.g_tTimeZone.isDst(t) ? state.g_sTimeZoneDSTShortName : state.g_sTimeZoneShortName;
     if (nLength + 1 + strZone.size() < nCapacity) {
         pBuffer[nLength++] = L' ';
         for (wchar_t c : strZone) {

@@ -1,4 +1,4 @@
-#include "weblogger/filelogwriter.h"
+#include "weblogger/internal/filelogwriter.h"
 
 #include <cmath>
 #include <cwchar>

@@ -26,10 +26,10 @@
 #include <cstdint>
 #include <ctime>
 
-#include "weblogger/logfile.h"
+#include "weblogger/internal/logfile.h"
+#include "weblogger/internal/messagewriter.h"
+#include "weblogger/internal/writeradapters.h"
 #include "weblogger/logwriter.h"
-#include "weblogger/messagewriter.h"
-#include "weblogger/writeradapters.h"
 #include "zq/webkeel/encoding.h"
 #include "zq/webutil/filesystemutils.h"
 

@@ -1,4 +1,4 @@
-#include "weblogger/messagewriter.h"
+#include "weblogger/internal/messagewriter.h"
 
 #include "weblogger/internal/logtimezone.h"
 #include "zq/webkeel/prettyfilename.h"

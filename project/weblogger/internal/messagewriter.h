@@ -136,4 +136,4 @@ public:
 
 }  // namespace kiv
 
-#include "weblogger/messagewriter_impl.h"
+#include "weblogger/internal/messagewriter_impl.h"

@@ -1,4 +1,4 @@
-#include "weblogger/genericwriter.h"
+#include "weblogger/internal/genericwriter.h"
 
 #include "weblogger/logwritersman.h"
 

@@ -10,9 +10,9 @@
 
 #include <memory>
 
+#include "weblogger/internal/messagewriter.h"
+#include "weblogger/internal/writeradapters.h"
 #include "weblogger/logwriter.h"
-#include "weblogger/messagewriter.h"
-#include "weblogger/writeradapters.h"
 #include "zq/webutil/coutstream.h"
 
 namespace kiv {

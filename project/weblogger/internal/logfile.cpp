@@ -1,4 +1,4 @@
-#include "weblogger/logfile.h"
+#include "weblogger/internal/logfile.h"
 
 #include "zq/webkeel/encoding.h"
 

@@ -2,13 +2,13 @@
 // including it in turn, so that it also compiles on its own).
 #pragma once
 
-#include "weblogger/messagewriter.h"
+#include "weblogger/internal/messagewriter.h"
 
 #include <cwchar>
 #include <memory>
 
+#include "weblogger/internal/writeradapters.h"
 #include "weblogger/logsource.h"
-#include "weblogger/writeradapters.h"
 #include "zq/webkeel/assert.h"
 #include "zq/webkeel/clock.h"
 #include "zq/webkeel/encoding.h"
