@@ -5,7 +5,7 @@
 #include <benchmark/benchmark.h>
 
 #include "support/alloc_counter.h"
-#include "weblogger/internal/messagewriter.h"
+#include "weblogger/internal/messagewriter_impl.h"
 #include "weblogger/logsource.h"
 
 namespace kiv {

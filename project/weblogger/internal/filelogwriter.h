@@ -28,9 +28,7 @@
 
 #include "weblogger/internal/logfile.h"
 #include "weblogger/internal/messagewriter.h"
-#include "weblogger/internal/writeradapters.h"
 #include "weblogger/logwriter.h"
-#include "zq/webkeel/encoding.h"
 #include "zq/webutil/filesystemutils.h"
 
 namespace kiv {

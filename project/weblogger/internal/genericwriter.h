@@ -8,10 +8,7 @@
 // visible as soon as logMessage returns.
 #pragma once
 
-#include <memory>
-
 #include "weblogger/internal/messagewriter.h"
-#include "weblogger/internal/writeradapters.h"
 #include "weblogger/logwriter.h"
 #include "zq/webutil/coutstream.h"
 

@@ -1,5 +1,7 @@
 #include "weblogger/internal/messagewriter.h"
 
+#include "weblogger/internal/messagewriter_impl.h"
+
 #include "weblogger/internal/logtimezone.h"
 #include "zq/webkeel/prettyfilename.h"
 
@@ -63,3 +65,21 @@ std::wstring_view RenderingHelpers::fileNameOnly(const wchar_t* pwszFile) noexce
 }
 
 }  // namespace kiv::logger_details
+
+namespace kiv {
+
+template class MessageWriterFactory<LogFile, Utf8InPlaceAdaptor>;
+template class MessageWriterImpl<LogFile, Utf8InPlaceAdaptor, Utf8InPlaceAdaptor>;
+template class MessageWriterImpl<LogFile, Utf8InPlaceAdaptor,
+                                 EncodingAdapter<Utf8InPlaceAdaptor, W2WXmlEncoding>>;
+template class MessageWriterFactory<CoutStream, HoopyAdaptor>;
+template class MessageWriterImpl<CoutStream, HoopyAdaptor, HoopyAdaptor>;
+template class MessageWriterImpl<CoutStream, HoopyAdaptor,
+                                 EncodingAdapter<HoopyAdaptor, W2WXmlEncoding>>;
+template class MessageWriterFactory<WideTextBuffer, WriterAdapter<WideTextBuffer>>;
+template class MessageWriterImpl<WideTextBuffer, WriterAdapter<WideTextBuffer>,
+                                 WriterAdapter<WideTextBuffer>>;
+template class MessageWriterImpl<WideTextBuffer, WriterAdapter<WideTextBuffer>,
+                                 EncodingAdapter<WriterAdapter<WideTextBuffer>, W2WXmlEncoding>>;
+
+}  // namespace kiv

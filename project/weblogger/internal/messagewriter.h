@@ -22,10 +22,13 @@
 #include <ctime>
 
 #include "weblogger/commonseverities.h"
+#include "weblogger/internal/logfile.h"
+#include "weblogger/internal/writeradapters.h"
 #include "weblogger/loggerstate.h"
 #include "weblogger/messageformatloader.h"
 #include "zq/webkeel/handle.h"
 #include "zq/webkeel/stringbuffer.h"
+#include "zq/webutil/coutstream.h"
 #include "zq/webutil/message.h"
 
 namespace kiv {
@@ -134,6 +137,25 @@ public:
     static MessageWriterHandle<Stream> compile(const XmlElement* pFormat);
 };
 
-}  // namespace kiv
+// The streams the library renders to, each with its adaptor: the log file (UTF-8 encoded in
+// place), the console (UTF-8 in one piece) and a wide text buffer. Their message writers are
+// compiled once, in messagewriter.cpp; code that renders to a stream of its own includes
+// messagewriter_impl.h for the template bodies.
+using WideTextBuffer = StringBufferBaseTemplate<wchar_t>;
 
-#include "weblogger/internal/messagewriter_impl.h"
+extern template class MessageWriterFactory<LogFile, Utf8InPlaceAdaptor>;
+extern template class MessageWriterImpl<LogFile, Utf8InPlaceAdaptor, Utf8InPlaceAdaptor>;
+extern template class MessageWriterImpl<LogFile, Utf8InPlaceAdaptor,
+                                        EncodingAdapter<Utf8InPlaceAdaptor, W2WXmlEncoding>>;
+extern template class MessageWriterFactory<CoutStream, HoopyAdaptor>;
+extern template class MessageWriterImpl<CoutStream, HoopyAdaptor, HoopyAdaptor>;
+extern template class MessageWriterImpl<CoutStream, HoopyAdaptor,
+                                        EncodingAdapter<HoopyAdaptor, W2WXmlEncoding>>;
+extern template class MessageWriterFactory<WideTextBuffer, WriterAdapter<WideTextBuffer>>;
+extern template class MessageWriterImpl<WideTextBuffer, WriterAdapter<WideTextBuffer>,
+                                        WriterAdapter<WideTextBuffer>>;
+extern template class MessageWriterImpl<
+    WideTextBuffer, WriterAdapter<WideTextBuffer>,
+    EncodingAdapter<WriterAdapter<WideTextBuffer>, W2WXmlEncoding>>;
+
+}  // namespace kiv

@@ -1,5 +1,5 @@
-// Template definitions of the message writer, included at the end of messagewriter.h (and
-// including it in turn, so that it also compiles on its own).
+// Template definitions of the message writer. The library instantiates them for its own streams
+// in messagewriter.cpp; only code that renders to a stream of its own includes this file.
 #pragma once
 
 #include "weblogger/internal/messagewriter.h"
