@@ -50,7 +50,7 @@ extern const ExternalMessage kmsgLogTraceShort;          // "T"
 // Writes a problem of the logger itself (a writer that disabled itself, a configuration value
 // refused) as one line on standard error, where an operator sees it even when no writer works.
 // Never throws.
-void reportLoggerProblem(const GDValue& message) noexcept;
+[[gnu::cold]] void reportLoggerProblem(const GDValue& message) noexcept;
 
 class LogConfigurationException : public Exception {
 public:

@@ -73,7 +73,7 @@ bool LogWriter::isLogEnabled(const LogSeverity& severity,
     if (pFilter == nullptr) {
         return true;
     }
-    ZQ_ASSERT(rLoggerState.getCurSource() != __null);
+    ZQ_ASSERT_TEXT(rLoggerState.getCurSource() != nullptr, "rLoggerState.getCurSource() != __null");
     const LogSource* pSource = rLoggerState.getCurSource();
     // Without a source there is nothing to decide by: the filter's default answers.
     return pSource != nullptr ? pFilter->isLogEnabled(severity, *pSource)
@@ -110,7 +110,7 @@ Handle<LogWriter> LogWritersFactory::createWriter(WriterConstructor pfnConstruct
                                                   const XmlNode* pConfig, const ConfigChain& chain,
                                                   LogWriter::WriterType type,
                                                   const Handle<const WriterFilter>& filter) {
-    ZQ_ASSERT(pConfig != 0);
+    ZQ_ASSERT_TEXT(pConfig != nullptr, "pConfig != 0");
     if (pConfig == nullptr) {
         return Handle<LogWriter>();
     }
@@ -125,23 +125,8 @@ Handle<LogWriter> LogWritersFactory::createWriter(WriterConstructor pfnConstruct
     // Base-10 conversion without error checks: text that is not a number reads as 0.
     const std::uint32_t iClassId =
         static_cast<std::uint32_t>(std::wcstol(strClassId.c_str(), nullptr, 10));
-#if defined(__clang__)
-#pragma clang diagnostic push
-#pragma clang diagnostic ignored "-Wtautological-unsigned-zero-compare"
-#else
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wtype-limits"
-#endif
     // The unsigned comparison also rejects negative ids, which wrap to large values.
-    // The reported text is the condition exactly as written here.
-    // clang-format off
-    ZQ_ASSERT(iClassId >=0 && iClassId<10);
-    // clang-format on
-#if defined(__clang__)
-#pragma clang diagnostic pop
-#else
-#pragma GCC diagnostic pop
-#endif
+    ZQ_ASSERT_TEXT(iClassId < 10, "iClassId >=0 && iClassId<10");
 
     String strFmtName = pElement->getAttributeValue(kAttrFmtName.view());
     if (strFmtName.empty()) {

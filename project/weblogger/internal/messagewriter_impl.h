@@ -66,7 +66,7 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
                 break;
             case CompiledMsgFormat::kFile:
             case CompiledMsgFormat::kFileName: {
-                ZQ_ASSERT(pFileLocation != __null);
+                ZQ_ASSERT_TEXT(pFileLocation != nullptr, "pFileLocation != __null");
                 if (pFileLocation == nullptr) {
                     break;
                 }
