@@ -23,6 +23,7 @@
 #include "zq/webkeel/gdvalue.h"
 #include "zq/webkeel/handle.h"
 #include "zq/webkeel/string.h"
+#include "zq/webutil/messagefiles.h"
 #include "zq/webutil/xmldocument.h"
 
 namespace kiv {
@@ -145,51 +146,6 @@ private:
     const ExternalMessage* m_pCatalogue;
     const GDValue* m_arrInserts[kMaxReferentialInserts];
     unsigned m_nInserts;
-};
-
-// One message file: WebMessage elements (anywhere below the root, or the root itself) by
-// their "name" attribute; the first element of a name wins.
-class MessageFile {
-public:
-    static MessageFile loadFromFile(const NString& path);
-    static MessageFile parseString(std::string_view utf8, const String& sourceName = String());
-
-    // The WebMessage element translating id, or null.
-    const XmlElement* findTemplate(std::wstring_view id) const;
-    std::size_t size() const noexcept { return m_vecTemplates.size(); }
-    const std::vector<const XmlElement*>& getTemplates() const noexcept { return m_vecTemplates; }
-
-private:
-    explicit MessageFile(XmlDocument document);
-    XmlDocument m_document;
-    std::vector<const XmlElement*> m_vecTemplates;
-};
-
-// The message file names that the message table looks for, and where it looks: for language
-// L and file F, each search directory D is tried as D/L/F. Directories come from
-// addSearchDirectory and from the colon-separated environment variable
-// WEBLOGGER_MESSAGE_DIRS, read when the registry is first used.
-class MessageFilesRegistry {
-public:
-    static MessageFilesRegistry& getInstance();
-
-    void registerMessageFiles(const String& fileName);
-    void addSearchDirectory(const NString& directory);
-    // Forgets the search directories (including the environment's) and files; for tests.
-    void reset();
-
-    std::vector<String> getRegisteredFiles() const;
-    std::vector<NString> getSearchDirectories() const;
-    // Changes whenever a file or directory is added, so that tables reload translations.
-    unsigned getGeneration() const noexcept {
-        return m_nGeneration.load(std::memory_order_acquire);
-    }
-
-private:
-    MessageFilesRegistry();
-    struct State;
-    State* m_pState;
-    std::atomic<unsigned> m_nGeneration{1};
 };
 
 class MessageTable {
