@@ -1,6 +1,6 @@
-// Parses POSIX TZ rules and evaluates them for an instant. The parser is a small recursive
-// descent over the text, which it never copies; evaluation places the rule's two changes in
-// the years around the instant, with the civil-date arithmetic of civildate.h.
+// Parses POSIX TZ rules and evaluates them for an instant. The parser walks the text once,
+// writing straight into the rule; evaluation places the rule's two changes in the years around
+// the instant with the calendar arithmetic of civildate.h, so it allocates nothing.
 #include "zq/webutil/posixtzrule.h"
 
 #include <cstddef>

@@ -6,6 +6,7 @@
 // inc/zq/webutil/ includes this header; the public face of it is TimeZone::fromPosixString.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
