@@ -136,6 +136,35 @@ class CheckLayeringTest(unittest.TestCase):
         self.write_tree({"inc/zq/elsewhere/thing.h": "#pragma once\n"})
         self.assert_fails_naming(self.run_check(), "inc/zq/elsewhere/thing.h:1:")
 
+    def test_public_header_including_an_internal_one_fails(self):
+        self.write_tree({
+            "project/weblogger/logger.h":
+                '#pragma once\n#include "zq/webutil/zone.h"\n#include "weblogger/internal/state.h"\n',
+        })
+        result = self.run_check()
+        self.assert_fails_naming(result, "project/weblogger/logger.h:3:")
+        self.assertIn("not installed", result.stdout)
+
+    def test_registry_header_belongs_to_the_writer_unit(self):
+        self.write_tree({
+            "project/weblogger/logwriter.h": "#pragma once\n",
+            "project/weblogger/logwritersman.h":
+                '#pragma once\n#include "weblogger/logwriter.h"\n',
+            "project/weblogger/logwriter.cpp": textwrap.dedent("""\
+                #include "weblogger/logwriter.h"
+
+                #include "weblogger/logwritersman.h"
+                """),
+        })
+        result = self.run_check()
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+
+    def test_the_real_tree_keeps_to_its_layers(self):
+        real_root = os.path.dirname(os.path.dirname(os.path.abspath(SCRIPT)))
+        result = subprocess.run([sys.executable, SCRIPT, "--root", real_root],
+                                capture_output=True, text=True, check=False)
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+
     def test_a_root_without_sources_is_an_error(self):
         with tempfile.TemporaryDirectory() as empty:
             result = subprocess.run([sys.executable, SCRIPT, "--root", empty],
