@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <set>
 
+#include "support/test_writer.h"
+#include "weblogger/logfilterconfig.h"
 #include "zq/webkeel/assert.h"
 
 namespace kiv {
@@ -173,6 +175,271 @@ TEST(LogSourceHandleTest, HandlesResolveAbsoluteAndRelativeNames) {
     EXPECT_EQ(hSame.get(), hChild.get());
     const LogSourceHandle hCopy = hChild;
     EXPECT_EQ(&*hCopy, hChild.get());
+}
+
+// ---- Applying a filter configuration -------------------------------------------------------
+
+constexpr std::uint16_t kU = LogLevels::kNotSet;
+
+LogSource& node(const wchar_t* pszPath) {
+    return *registry().getLogSource(nullptr, ZQWString(pszPath));
+}
+
+LogLevels levelsOf(const wchar_t* pszPath, int nId) {
+    return node(pszPath).getLogFilter().getLogLevels(nId);
+}
+
+// Records the way the reader builds them: exact paths merge, each pattern entry is new.
+void setExact(GlobalFilterConfiguration& cfg, const wchar_t* pszPath, int nId,
+              const LogLevels& levels) {
+    FilterConfigurationRecord*& pRecord = cfg.m_lstSetLogLevels[ZQWString(pszPath)];
+    if (pRecord == nullptr) {
+        pRecord = new FilterConfigurationRecord;
+    }
+    pRecord->m_ThisFilter.setLogLevelsForId(nId, levels);
+}
+
+void addPattern(GlobalFilterConfiguration& cfg, const wchar_t* pszPattern, int nId,
+                const LogLevels& levels) {
+    auto* pRecord = new FilterConfigurationRecord;
+    cfg.m_lstWildCardSetLogLevels.emplace_back(ZQWString(pszPattern), pRecord);
+    pRecord->m_ThisFilter.setLogLevelsForId(nId, levels);
+}
+
+void expectAllIdsExcept(const wchar_t* pszPath, int nSkippedId, const LogLevels& levels) {
+    for (int nId = 0; nId < kMaxWriterIds; ++nId) {
+        if (nId != nSkippedId) {
+            EXPECT_EQ(levelsOf(pszPath, nId), levels) << "writer " << nId;
+        }
+    }
+}
+
+TEST(ApplyFilterConfigTest, ChildInheritsItsParentsRecordAndEverythingElseIsZero) {
+    node(L"kiv.unknown");
+    GlobalFilterConfiguration cfg;
+    setExact(cfg, L"kiv", 1, LogLevels(kU, 10, kU, kU, kU));
+    registry().applyConfig(cfg);
+    EXPECT_EQ(levelsOf(L"kiv.unknown", 1), LogLevels(0, 10, 0, 0, 0));
+    expectAllIdsExcept(L"kiv.unknown", 1, LogLevels(0, 0, 0, 0, 0));
+    EXPECT_EQ(levelsOf(L"kiv", 1), LogLevels(0, 10, 0, 0, 0));
+}
+
+TEST(ApplyFilterConfigTest, PatternGovernsTheChildAndTheExactRecordItsOwnPath) {
+    node(L"kiv.unknown");
+    GlobalFilterConfiguration cfg;
+    addPattern(cfg, L"kiv.*", 1, LogLevels(kU, 5, kU, kU, kU));
+    setExact(cfg, L"kiv", 1, LogLevels(kU, 10, kU, kU, kU));
+    registry().applyConfig(cfg);
+    EXPECT_EQ(levelsOf(L"kiv.unknown", 1), LogLevels(0, 5, 0, 0, 0));
+    EXPECT_EQ(levelsOf(L"kiv", 1), LogLevels(0, 10, 0, 0, 0));
+}
+
+TEST(ApplyFilterConfigTest, ExactRecordBeatsAnEarlierPattern) {
+    node(L"kiv.unknown");
+    GlobalFilterConfiguration cfg;
+    addPattern(cfg, L"kiv.*", 1, LogLevels(kU, 5, kU, kU, kU));
+    setExact(cfg, L"kiv.unknown", 1, LogLevels(kU, 9, kU, kU, kU));
+    registry().applyConfig(cfg);
+    EXPECT_EQ(levelsOf(L"kiv.unknown", 1), LogLevels(0, 9, 0, 0, 0));
+}
+
+TEST(ApplyFilterConfigTest, FirstMatchingPatternWinsHoweverSpecificALaterOneIs) {
+    node(L"kiv.unknown");
+    GlobalFilterConfiguration cfg;
+    addPattern(cfg, L"kiv.*", 1, LogLevels(kU, 5, kU, kU, kU));
+    addPattern(cfg, L"kiv.u*", 1, LogLevels(kU, 7, kU, kU, kU));
+    registry().applyConfig(cfg);
+    EXPECT_EQ(levelsOf(L"kiv.unknown", 1), LogLevels(0, 5, 0, 0, 0));
+}
+
+TEST(ApplyFilterConfigTest, FirstMatchingPatternSuppliesTheWholeFilter) {
+    node(L"kiv.unknown");
+    GlobalFilterConfiguration cfg;
+    setExact(cfg, L"kiv", 2, LogLevels(kU, 40, kU, kU, kU));
+    addPattern(cfg, L"kiv.*", 1, LogLevels(kU, 5, kU, kU, kU));
+    addPattern(cfg, L"kiv.*", 2, LogLevels(kU, 6, kU, kU, kU));
+    registry().applyConfig(cfg);
+    EXPECT_EQ(levelsOf(L"kiv.unknown", 1), LogLevels(0, 5, 0, 0, 0));
+    // The second entry never applies: writer 2 is unset in the first and inherits from kiv.
+    EXPECT_EQ(levelsOf(L"kiv.unknown", 2), LogLevels(0, 40, 0, 0, 0));
+}
+
+TEST(ApplyFilterConfigTest, RecordSettingOnlyErrorInheritsTheOtherTypesFromTheParent) {
+    node(L"kiv.unknown");
+    GlobalFilterConfiguration cfg;
+    setExact(cfg, L"kiv", 1, LogLevels(kU, 10, 20, kU, kU));
+    setExact(cfg, L"kiv.unknown", 1, LogLevels(kU, 3, kU, kU, kU));
+    registry().applyConfig(cfg);
+    EXPECT_EQ(levelsOf(L"kiv.unknown", 1), LogLevels(0, 3, 20, 0, 0));
+}
+
+TEST(ApplyFilterConfigTest, EmptyConfigurationLeavesEveryThresholdOfEveryNodeAtZero) {
+    node(L"kiv.unknown");
+    node(L"apply6.a.b");
+    GlobalFilterConfiguration cfg;
+    registry().applyConfig(cfg);
+    std::vector<ZQWString> vecNames;
+    registry().getAllLogSourceNames(vecNames);
+    for (const ZQWString& name : vecNames) {
+        const LogFilter& filter = registry().findLogSource(name)->getLogFilter();
+        for (int nId = 0; nId < kMaxWriterIds; ++nId) {
+            EXPECT_EQ(filter.getLogLevels(nId), LogLevels(0, 0, 0, 0, 0));
+        }
+    }
+}
+
+TEST(ApplyFilterConfigTest, ExplicitListRewritesOnlyThatSubtree) {
+    node(L"kiv.unknown.deep");
+    GlobalFilterConfiguration first;
+    setExact(first, L"kiv", 1, LogLevels(kU, 10, kU, kU, kU));
+    registry().applyConfig(first);
+
+    GlobalFilterConfiguration second;
+    setExact(second, L"kiv", 1, LogLevels(kU, 99, kU, kU, kU));
+    setExact(second, L"kiv.unknown", 1, LogLevels(kU, kU, 7, kU, kU));
+    const LogSource* arrSources[] = {&node(L"kiv.unknown")};
+    registry().applyConfig(second, arrSources, 1);
+    EXPECT_EQ(levelsOf(L"kiv", 1), LogLevels(0, 10, 0, 0, 0));
+    // The listed node inherits from its parent's filter as it stands.
+    EXPECT_EQ(levelsOf(L"kiv.unknown", 1), LogLevels(0, 10, 7, 0, 0));
+    EXPECT_EQ(levelsOf(L"kiv.unknown.deep", 1), LogLevels(0, 10, 7, 0, 0));
+}
+
+TEST(ApplyFilterConfigTest, ExplicitListOfNoNodesDoesNothing) {
+    node(L"apply9");
+    GlobalFilterConfiguration first;
+    setExact(first, L"apply9", 4, LogLevels(1, 2, 3, 4, 5));
+    registry().applyConfig(first);
+    GlobalFilterConfiguration empty;
+    const LogSource* arrSources[] = {&node(L"apply9")};
+    registry().applyConfig(empty, arrSources, 0);
+    registry().applyConfig(empty, arrSources, -1);
+    EXPECT_EQ(levelsOf(L"apply9", 4), LogLevels(1, 2, 3, 4, 5));
+}
+
+TEST(ApplyFilterConfigTest, NothingCarriesOverFromThePreviousConfiguration) {
+    node(L"apply10.x");
+    GlobalFilterConfiguration first;
+    setExact(first, L"apply10", 1, LogLevels(kU, 8, kU, kU, kU));
+    setExact(first, L"apply10.x", 1, LogLevels(kU, 4, kU, kU, kU));
+    registry().applyConfig(first);
+    ASSERT_EQ(levelsOf(L"apply10.x", 1), LogLevels(0, 4, 0, 0, 0));
+    GlobalFilterConfiguration second;
+    setExact(second, L"apply10", 1, LogLevels(kU, 8, kU, kU, kU));
+    registry().applyConfig(second);
+    EXPECT_EQ(levelsOf(L"apply10.x", 1), LogLevels(0, 8, 0, 0, 0));
+}
+
+TEST(ApplyFilterConfigTest, ExactPathsAndPatternsAreCaseSensitive) {
+    node(L"apply11.Kiv");
+    node(L"apply11.kiv");
+    GlobalFilterConfiguration cfg;
+    setExact(cfg, L"apply11.KIV", 1, LogLevels(kU, 1, kU, kU, kU));
+    addPattern(cfg, L"apply11.K*", 1, LogLevels(kU, 2, kU, kU, kU));
+    registry().applyConfig(cfg);
+    EXPECT_EQ(levelsOf(L"apply11.Kiv", 1), LogLevels(0, 2, 0, 0, 0));
+    EXPECT_EQ(levelsOf(L"apply11.kiv", 1), LogLevels(0, 0, 0, 0, 0));
+}
+
+TEST(ApplyFilterConfigTest, ValueSetMidTreeOverridesAncestorsForItsSubtree) {
+    node(L"apply12.a.b.c");
+    GlobalFilterConfiguration cfg;
+    setExact(cfg, L"apply12", 3, LogLevels(1, 1, 1, 1, 1));
+    setExact(cfg, L"apply12.a.b", 3, LogLevels(kU, 9, kU, kU, kU));
+    registry().applyConfig(cfg);
+    EXPECT_EQ(levelsOf(L"apply12.a", 3), LogLevels(1, 1, 1, 1, 1));
+    EXPECT_EQ(levelsOf(L"apply12.a.b", 3), LogLevels(1, 9, 1, 1, 1));
+    EXPECT_EQ(levelsOf(L"apply12.a.b.c", 3), LogLevels(1, 9, 1, 1, 1));
+}
+
+TEST(ApplyFilterConfigTest, NodeMadeAfterTheConfigurationInheritsOnlyAfterOnConfigChanged) {
+    GlobalFilterConfiguration cfg;
+    setExact(cfg, L"apply13", 1, LogLevels(kU, 6, kU, kU, kU));
+    node(L"apply13");
+    registry().applyConfig(cfg);
+    LogSource& late = node(L"apply13.late");
+    EXPECT_EQ(late.getLogFilter().getLogLevels(1), LogLevels());
+    registry().onConfigChanged();
+    EXPECT_EQ(late.getLogFilter().getLogLevels(1), LogLevels(0, 6, 0, 0, 0));
+}
+
+TEST(ApplyFilterConfigTest, OnConfigChangedForListedNodesTakesTheParentAsItStands) {
+    GlobalFilterConfiguration cfg;
+    setExact(cfg, L"apply14", 1, LogLevels(kU, 6, kU, kU, kU));
+    node(L"apply14");
+    node(L"apply14.other");
+    registry().applyConfig(cfg);
+    LogSource& late = node(L"apply14.late");
+    node(L"apply14.late.child");
+    const LogSource* arrSources[] = {&late};
+    registry().onConfigChanged(arrSources, 1);
+    EXPECT_EQ(levelsOf(L"apply14.late", 1), LogLevels(0, 6, 0, 0, 0));
+    EXPECT_EQ(levelsOf(L"apply14.late.child", 1), LogLevels(0, 6, 0, 0, 0));
+}
+
+TEST(ApplyFilterConfigTest, ResetByGroupUnsetsThoseIdsInTheWholeSubtree) {
+    node(L"apply15.a");
+    GlobalFilterConfiguration cfg;
+    setExact(cfg, L"apply15", 2, LogLevels(2, 2, 2, 2, 2));
+    setExact(cfg, L"apply15", 3, LogLevels(3, 3, 3, 3, 3));
+    setExact(cfg, L"apply15", 4, LogLevels(4, 4, 4, 4, 4));
+    registry().applyConfig(cfg);
+    LogWritersGroup group;
+    group.add(2);
+    group.add(4);
+    node(L"apply15").resetSelfAndChildFilters(group);
+    for (const wchar_t* pszPath : {L"apply15", L"apply15.a"}) {
+        EXPECT_EQ(levelsOf(pszPath, 2), LogLevels());
+        EXPECT_EQ(levelsOf(pszPath, 3), LogLevels(3, 3, 3, 3, 3));
+        EXPECT_EQ(levelsOf(pszPath, 4), LogLevels());
+    }
+    registry().onConfigChanged();
+    EXPECT_EQ(levelsOf(L"apply15.a", 2), LogLevels(0, 0, 0, 0, 0));
+}
+
+TEST(ApplyFilterConfigTest, ResetByWriterUnsetsItsIdOnly) {
+    node(L"apply16.a");
+    GlobalFilterConfiguration cfg;
+    setExact(cfg, L"apply16", 3, LogLevels(3, 3, 3, 3, 3));
+    setExact(cfg, L"apply16", 5, LogLevels(5, 5, 5, 5, 5));
+    registry().applyConfig(cfg);
+    Handle<LogWriter> hWriter(
+        new test::RecordingWriter(String(L"w3"), 3, LogWriter::WT_SINGLE_THREADED, nullptr));
+    node(L"apply16").resetSelfAndChildFilters(*hWriter);
+    EXPECT_EQ(levelsOf(L"apply16.a", 3), LogLevels());
+    EXPECT_EQ(levelsOf(L"apply16.a", 5), LogLevels(5, 5, 5, 5, 5));
+}
+
+TEST(ApplyFilterConfigTest, ResetByWriterWithIdOutOfRangeIsReportedAndResetsNothing) {
+    node(L"apply17");
+    GlobalFilterConfiguration cfg;
+    setExact(cfg, L"apply17", 3, LogLevels(3, 3, 3, 3, 3));
+    registry().applyConfig(cfg);
+    AssertionCapture capture;
+    Handle<LogWriter> hWriter(
+        new test::RecordingWriter(String(L"w12"), 12, LogWriter::WT_SINGLE_THREADED, nullptr));
+    capture.clear();
+    node(L"apply17").resetSelfAndChildFilters(*hWriter);
+    ASSERT_EQ(capture.count(), 1u);
+    EXPECT_EQ(capture.entries()[0].expression, "nId < 10");
+    EXPECT_EQ(capture.entries()[0].file, "./project/weblogger/logsource");
+    for (int nId = 0; nId < kMaxWriterIds; ++nId) {
+        EXPECT_EQ(levelsOf(L"apply17", nId),
+                  nId == 3 ? LogLevels(3, 3, 3, 3, 3) : LogLevels(0, 0, 0, 0, 0));
+    }
+}
+
+TEST(ApplyFilterConfigTest, LoggingDecisionFollowsTheAppliedThresholds) {
+    node(L"apply18.a");
+    GlobalFilterConfiguration cfg;
+    setExact(cfg, L"apply18", 1, LogLevels(kU, 16, kU, kU, kU));
+    registry().applyConfig(cfg);
+    Handle<LogWriter> hWriter(
+        new test::RecordingWriter(String(L"w1"), 1, LogWriter::WT_SINGLE_THREADED, nullptr));
+    const LogFilter& filter = node(L"apply18.a").getLogFilter();
+    EXPECT_TRUE(filter.isLogEnabled(kSevError, hWriter.get()));
+    EXPECT_FALSE(filter.isLogEnabled(kSevErrorUser, hWriter.get()));
+    EXPECT_FALSE(filter.isLogEnabled(kSevWarningCritical, hWriter.get()));
 }
 
 }  // namespace

@@ -107,6 +107,47 @@ const ExternalMessage kmsgLogWriterFileFailure(
     "Log writer <kivm:param insert=\"1\"/> stopped writing to <kivm:param insert=\"2\"/> and "
     "is disabled: <kivm:param insert=\"3\"/></TEXT></WebMessage>");
 
+const ExternalMessage kmsgLogConfigIdTokenWhiteSpace(
+    L"kmsgLogConfigIdTokenWhiteSpace", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigIdTokenWhiteSpace\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "<kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: the writer id token '<kivm:param "
+    "insert=\"5\"/>' in <kivm:param insert=\"3\"/> holds a line break or tab; "
+    "only blanks, commas and semicolons separate ids, so it is read as writer id <kivm:param "
+    "insert=\"6\"/>."
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigThresholdNotDecimal(
+    L"kmsgLogConfigThresholdNotDecimal", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigThresholdNotDecimal\" xmlns:kivm=\"urn:kiv:webmessages\">"
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/> "
+    "attribute <kivm:param insert=\"4\"/>='<kivm:param insert=\"5\"/>' is not a plain decimal "
+    "number; it is read as <kivm:param insert=\"6\"/>."
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigThresholdOutOfRange(
+    L"kmsgLogConfigThresholdOutOfRange", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigThresholdOutOfRange\" xmlns:kivm=\"urn:kiv:webmessages\">"
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/> "
+    "attribute <kivm:param insert=\"4\"/>='<kivm:param insert=\"5\"/>' is outside 0 to 65535; only "
+    "its low 16 bits are kept, "
+    "so it is read as <kivm:param insert=\"6\"/>.</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigGroupNotReferenced(
+    L"kmsgLogConfigGroupNotReferenced", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigGroupNotReferenced\" xmlns:kivm=\"urn:kiv:webmessages\">"
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/> "
+    "<kivm:param insert=\"4\"/>='<kivm:param insert=\"5\"/>' (writer ids <kivm:param "
+    "insert=\"6\"/>) is not referenced by any FilterRecord."
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigPatternMatchesNoSource(
+    L"kmsgLogConfigPatternMatchesNoSource", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigPatternMatchesNoSource\" "
+    "xmlns:kivm=\"urn:kiv:webmessages\"><TEXT><kivm:param insert=\"1\"/>:<kivm:param "
+    "insert=\"2\"/>: <kivm:param insert=\"3\"/> <kivm:param insert=\"4\"/>='<kivm:param "
+    "insert=\"5\"/>' (writer ids <kivm:param insert=\"6\"/>) is a pattern "
+    "that matches no existing log source.</TEXT></WebMessage>");
+
 void reportLoggerProblem(const GDValue& message) noexcept {
     try {
         StringBufferTemplate<511, wchar_t> text;

@@ -35,6 +35,26 @@ extern const ExternalMessage kmsgLogConfigFilesNInvalid;
 // "Log writer " insert 1 " stopped writing to " insert 2 " and is disabled: " insert 3
 extern const ExternalMessage kmsgLogWriterFileFailure;
 
+// Diagnostics of the filter-records reader: values that read as something other than what
+// they look like. Inserts: 1 file, 2 line, 3 element, 4 attribute, 5 text as written, 6 what
+// it was read as.
+// insert 1 ":" insert 2 ": the writer id token '" insert 5 "' in " insert 3 " holds a line break
+// or tab; only blanks, commas and semicolons separate ids, so it is read as writer id " insert 6
+// "."
+extern const ExternalMessage kmsgLogConfigIdTokenWhiteSpace;
+// insert 1 ":" insert 2 ": " insert 3 " attribute " insert 4 "='" insert 5 "' is not a plain
+// decimal number; it is read as " insert 6 "."
+extern const ExternalMessage kmsgLogConfigThresholdNotDecimal;
+// insert 1 ":" insert 2 ": " insert 3 " attribute " insert 4 "='" insert 5 "' is outside 0 to
+// 65535; only its low 16 bits are kept, so it is read as " insert 6 "."
+extern const ExternalMessage kmsgLogConfigThresholdOutOfRange;
+// insert 1 ":" insert 2 ": " insert 3 " " insert 4 "='" insert 5 "' (writer ids " insert 6 ") is
+// not referenced by any FilterRecord."
+extern const ExternalMessage kmsgLogConfigGroupNotReferenced;
+// insert 1 ":" insert 2 ": " insert 3 " " insert 4 "='" insert 5 "' (writer ids " insert 6 ") is
+// a pattern that matches no existing log source."
+extern const ExternalMessage kmsgLogConfigPatternMatchesNoSource;
+
 // The long and short names of the five message types.
 extern const ExternalMessage kmsgLogIncidentErrorLong;   // "INCIDENT_ERROR"
 extern const ExternalMessage kmsgLogIncidentErrorShort;  // "I_E"

@@ -2,7 +2,10 @@
 
 #include <memory>
 
+#include "weblogger/logfilterconfig.h"
+#include "weblogger/logwriter.h"
 #include "zq/webkeel/assert.h"
+#include "zq/webkeel/wildcard.h"
 
 // Internal checks of this unit report under the unit's name rather than the build path.
 #define LOGSOURCE_ASSERT(cond) \
@@ -67,6 +70,57 @@ void LogSource::getSourceNames(std::vector<ZQWString>& names) const {
         names.push_back(entry.second->m_strFullPath);
         entry.second->getSourceNames(names);
     }
+}
+
+void LogSource::applyFilterConfigToSelfAndChilds(const GlobalFilterConfiguration& cfg) {
+    const FilterConfigurationRecord* pRecord = nullptr;
+    const auto it = cfg.m_lstSetLogLevels.find(m_strFullPath);
+    if (it != cfg.m_lstSetLogLevels.end()) {
+        pRecord = it->second;
+    } else {
+        // Document order decides among patterns, not how specific they are.
+        for (const auto& entry : cfg.m_lstWildCardSetLogLevels) {
+            if (matchesWildcard(entry.first.view(), m_strFullPath.view())) {
+                pRecord = entry.second;
+                break;
+            }
+        }
+    }
+    if (pRecord != nullptr) {
+        *m_plogFilter = pRecord->m_ThisFilter;
+    } else {
+        *m_plogFilter = LogFilter();
+    }
+    for (auto& entry : m_mapChildSources) {
+        entry.second->applyFilterConfigToSelfAndChilds(cfg);
+    }
+}
+
+void LogSource::adjustSelfAndChildFilters() {
+    m_plogFilter->setMissingSettings(m_pParent != nullptr ? m_pParent->m_plogFilter : nullptr);
+    for (auto& entry : m_mapChildSources) {
+        entry.second->adjustSelfAndChildFilters();
+    }
+}
+
+void LogSource::resetSelfAndChildFilters(const LogWritersGroup& group) {
+    m_plogFilter->resetLogLevels(group);
+    for (auto& entry : m_mapChildSources) {
+        entry.second->resetSelfAndChildFilters(group);
+    }
+}
+
+void LogSource::resetSelfAndChildFilters(const LogWriter& writer) {
+    const int nId = writer.getClassId();
+    // A negative id wraps to a large value and fails as well.
+    const bool bValid = static_cast<unsigned>(nId) < 10;
+    ZQ_ASSERT_TEXT_IN(bValid, "nId < 10", kUnitFileName);
+    if (!bValid) {
+        return;
+    }
+    LogWritersGroup group;
+    group.add(nId);
+    resetSelfAndChildFilters(group);
 }
 
 LogSourcesMan& LogSourcesMan::getLogSourcesMan() {
@@ -145,6 +199,41 @@ void LogSourcesMan::getAllLogSourceNames(std::vector<ZQWString>& names) const {
     for (const auto& entry : m_mapChildSources) {
         names.push_back(entry.second->getPath());
         entry.second->getSourceNames(names);
+    }
+}
+
+void LogSourcesMan::applyConfig(const GlobalFilterConfiguration& cfg) {
+    LockGuard<CriticalSection> lock(m_tMonitor);
+    for (auto& entry : m_mapChildSources) {
+        entry.second->applyFilterConfigToSelfAndChilds(cfg);
+    }
+    onConfigChanged();
+}
+
+void LogSourcesMan::applyConfig(const GlobalFilterConfiguration& cfg,
+                                const LogSource* const* sources, int count) {
+    if (count <= 0) {
+        return;
+    }
+    LockGuard<CriticalSection> lock(m_tMonitor);
+    for (int i = 0; i < count; ++i) {
+        // The registry owns every node; callers name them through const handles.
+        const_cast<LogSource*>(sources[i])->applyFilterConfigToSelfAndChilds(cfg);
+    }
+    onConfigChanged(sources, count);
+}
+
+void LogSourcesMan::onConfigChanged() {
+    LockGuard<CriticalSection> lock(m_tMonitor);
+    for (auto& entry : m_mapChildSources) {
+        entry.second->adjustSelfAndChildFilters();
+    }
+}
+
+void LogSourcesMan::onConfigChanged(const LogSource* const* sources, int count) {
+    LockGuard<CriticalSection> lock(m_tMonitor);
+    for (int i = 0; i < count; ++i) {
+        const_cast<LogSource*>(sources[i])->adjustSelfAndChildFilters();
     }
 }
 

@@ -12,6 +12,14 @@
 // without it: a node's parent, name and path never change after construction and the node is
 // published to other threads under the monitor. findLogSource takes the monitor too: a hash map
 // may rehash while another thread inserts, so an unlocked lookup could read freed buckets.
+//
+// Configuration: applyConfig writes a filter configuration into the tree in two passes under
+// the monitor. The assign pass gives every node its own thresholds (an exact record for its
+// path, else the first pattern that matches it, else none at all, so nothing carries over from
+// the previous configuration); the adjust pass then fills every unset threshold from the
+// parent, top down, so that a log call consults its source's filter alone. Threads logging
+// meanwhile may see a node between the two passes and reject a message or two; that is
+// accepted rather than making every log call take a lock.
 #pragma once
 
 #include <vector>
@@ -24,6 +32,8 @@
 
 namespace kiv {
 
+class GlobalFilterConfiguration;
+class LogWriter;
 class LogSource;
 using LogSourcesMap = tl::hash_map<ZQWString, LogSource*, ZQWString::Hash>;
 
@@ -51,6 +61,21 @@ public:
     void getSourceNames(std::vector<ZQWString>& names) const;
     // The direct children (read under the registry's monitor).
     const LogSourcesMap& getChildSources() const noexcept { return m_mapChildSources; }
+
+    // The following walk this node and then its descendants, pre-order. The registry calls the
+    // first two under its monitor; a host calling any of them must hold getMonitor().
+
+    // Assign pass: this node's thresholds become those of the exact record for its path, or of
+    // the first pattern record that matches it, or all unset.
+    void applyFilterConfigToSelfAndChilds(const GlobalFilterConfiguration& cfg);
+    // Adjust pass: unset thresholds take the parent's value (a top-level node's become 0).
+    void adjustSelfAndChildFilters();
+    // Unsets the thresholds of every writer id in the group; other ids keep theirs. Call
+    // LogSourcesMan::onConfigChanged afterwards to have the gaps inherited again.
+    void resetSelfAndChildFilters(const LogWritersGroup& group);
+    // The same for the one id of writer; an id outside 0..9 fails the assertion "nId < 10" and
+    // resets nothing.
+    void resetSelfAndChildFilters(const LogWriter& writer);
 
 private:
     friend class LogSourcesMan;  // links children while it holds the monitor
@@ -80,6 +105,19 @@ public:
     LogSource* getLogSource(const LogSource* pParent, const ZQWString& name);
     // Every node's full path, pre-order, siblings in hash-map order.
     void getAllLogSourceNames(std::vector<ZQWString>& names) const;
+
+    // Assign pass on every top-level node, then onConfigChanged(), under one hold of the
+    // monitor.
+    void applyConfig(const GlobalFilterConfiguration& cfg);
+    // The same for the given nodes, each with its subtree; a count of 0 or less does nothing.
+    void applyConfig(const GlobalFilterConfiguration& cfg, const LogSource* const* sources,
+                     int count);
+    // Adjust pass on every top-level node, so that nodes made since the last configuration
+    // inherit their parents' thresholds.
+    void onConfigChanged();
+    // Adjust pass on the given nodes with their subtrees; a node that is not top-level takes
+    // missing values from its parent's filter as it stands.
+    void onConfigChanged(const LogSource* const* sources, int count);
 
     CriticalSection& getMonitor() const noexcept { return m_tMonitor; }
 

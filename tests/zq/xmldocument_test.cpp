@@ -358,6 +358,32 @@ TEST(XmlDocumentTest, NonBmpCharactersSurvive) {
         L"x\U0001F600y\U0001F600"));
 }
 
+TEST(XmlDocumentTest, ElementsRememberTheLineOfTheirStartTag) {
+    const XmlDocument doc = XmlDocument::parseString(std::string_view(
+        "<?xml version=\"1.0\"?>\n<r>\n  <a/>\n\n  <b\n     x=\"1\">\n    <c/></b>\n</r>"));
+    const XmlElement* pRoot = doc.getDocumentElement();
+    EXPECT_EQ(pRoot->getLine(), 2u);
+    EXPECT_EQ(pRoot->selectSingleElement(L"a")->getLine(), 3u);
+    // A start tag spread over lines is reported where it begins.
+    EXPECT_EQ(pRoot->selectSingleElement(L"b")->getLine(), 5u);
+    EXPECT_EQ(pRoot->selectSingleElement(L"b/c")->getLine(), 7u);
+}
+
+TEST(XmlDocumentTest, ElementsBuiltInCodeHaveNoLine) {
+    XmlElement root(String(L"r"));
+    EXPECT_EQ(root.getLine(), 0u);
+    EXPECT_EQ(root.appendElement(String(L"a")).getLine(), 0u);
+}
+
+TEST(XmlDocumentTest, LinesOfAWideTextDocumentAndAFileAreCounted) {
+    const XmlDocument wide = XmlDocument::parseString(String(L"<r>\n\u00E9\n<a/></r>"));
+    EXPECT_EQ(wide.getDocumentElement()->selectSingleElement(L"a")->getLine(), 3u);
+    test::TempDir dir;
+    const std::string strPath = dir.write("lines.xml", "\xEF\xBB\xBF<r>\r\n<a/>\r\n<b/></r>");
+    const XmlDocument file = XmlDocument::loadFromFile(NString(strPath.c_str()));
+    EXPECT_EQ(file.getDocumentElement()->selectSingleElement(L"b")->getLine(), 3u);
+}
+
 TEST(XmlDocumentTest, ParsesWideText) {
     const XmlDocument doc = XmlDocument::parseString(String(L"<r>\u00E9\u20AC</r>"));
     EXPECT_TRUE(doc.getDocumentElement()->getInnerText().equals(L"\u00E9\u20AC"));

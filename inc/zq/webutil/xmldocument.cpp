@@ -275,6 +275,7 @@ private:
             } else {
                 pElement = &builder.m_vecOpen.back()->appendElement(fromUtf8(pszName));
             }
+            pElement->setLine(static_cast<unsigned>(XML_GetCurrentLineNumber(builder.m_parser)));
             for (std::size_t i = 0; ppAttributes[i] != nullptr; i += 2) {
                 pElement->setAttribute(fromUtf8(ppAttributes[i]), fromUtf8(ppAttributes[i + 1]));
             }

@@ -5,7 +5,9 @@
 // (expat hands it over in pieces and splits it at entity and character references), and each
 // CDATA section is its own node, so that code reading the tree sees text exactly as written.
 // Names are kept as written, prefixes included ("kivm:param"); namespace declarations are
-// ordinary attributes. Comments and processing instructions are dropped.
+// ordinary attributes. Comments and processing instructions are dropped. Each parsed element
+// remembers the line of its start tag, so that code reading a configuration can tell an operator
+// where a value it found questionable was written.
 //
 // Parsing is safe on hostile input: a document type declaration may not declare entities, no
 // external entity is ever loaded, only the predefined and character references expand, and
@@ -83,6 +85,11 @@ public:
     explicit XmlElement(String strName);
 
     const String& getName() const noexcept { return m_strName; }
+    // The line (from 1) of the element's start tag in the parsed text; 0 for an element built
+    // in code. Lines count the text the parser was given: a document that was serialised and
+    // parsed again reports the lines of the new text.
+    unsigned getLine() const noexcept { return m_nLine; }
+    void setLine(unsigned nLine) noexcept { m_nLine = nLine; }
 
     // Children in document order; elements, text and CDATA nodes.
     const std::vector<Handle<XmlNode>>& getChildNodes() const noexcept { return m_vecChildren; }
@@ -122,6 +129,7 @@ private:
     void appendChild(Handle<XmlNode> hChild);
 
     String m_strName;
+    unsigned m_nLine = 0;
     std::vector<Attribute> m_vecAttributes;
     std::vector<Handle<XmlNode>> m_vecChildren;
 };
