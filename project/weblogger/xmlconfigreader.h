@@ -20,6 +20,7 @@
 
 #include "weblogger/logfilter.h"
 #include "weblogger/logfilterconfig.h"
+#include "weblogger/writerfilter.h"
 #include "zq/webkeel/string.h"
 #include "zq/webutil/message.h"
 #include "zq/webutil/xmldocument.h"
