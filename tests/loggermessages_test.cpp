@@ -46,6 +46,35 @@ TEST(LoggerMessagesTest, EveryMessageRendersItsDefaultText) {
     EXPECT_TRUE(render(kmsgLogTraceShort).equals(L"T"));
 }
 
+TEST(LoggerMessagesTest, ConfigurationDiagnosticsRenderTheirDefaultTexts) {
+    MessageTable::getDefault().setLanguage(String(L"en"));
+    auto render6 = [](const ExternalMessage& message) {
+        return render(ParamMessage(message)
+                          .setInsert(1, GDString(L"f.xml"))
+                          .setInsert(2, GDUInteger64(3))
+                          .setInsert(3, GDString(L"E"))
+                          .setInsert(4, GDString(L"a"))
+                          .setInsert(5, GDString(L"t"))
+                          .setInsert(6, GDString(L"r")));
+    };
+    EXPECT_TRUE(render6(kmsgLogConfigIdTokenWhiteSpace)
+                    .equals(L"f.xml:3: the writer id token 't' in E holds a line break or tab; "
+                            L"only blanks, commas and semicolons separate ids, so it is read as "
+                            L"writer id r."));
+    EXPECT_TRUE(render6(kmsgLogConfigThresholdNotDecimal)
+                    .equals(L"f.xml:3: E attribute a='t' is not a plain decimal number; it is "
+                            L"read as r."));
+    EXPECT_TRUE(render6(kmsgLogConfigThresholdOutOfRange)
+                    .equals(L"f.xml:3: E attribute a='t' is outside 0 to 65535; only its low 16 "
+                            L"bits are kept, so it is read as r."));
+    EXPECT_TRUE(
+        render6(kmsgLogConfigGroupNotReferenced)
+            .equals(L"f.xml:3: E a='t' (writer ids r) is not referenced by any FilterRecord."));
+    EXPECT_TRUE(render6(kmsgLogConfigPatternMatchesNoSource)
+                    .equals(L"f.xml:3: E a='t' (writer ids r) is a pattern that matches no "
+                            L"existing log source."));
+}
+
 TEST(LoggerMessagesTest, TemplatesWithParametersDeclareTheNamespaceAndOthersNothing) {
     const XmlElement* pWithParams = kmsgFormatNotFound.getDefaultTemplate();
     EXPECT_TRUE(pWithParams->getAttributeValue(L"xmlns:kivm").equals(kMessageNamespaceUri));

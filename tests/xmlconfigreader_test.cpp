@@ -286,6 +286,23 @@ TEST(GlobalRecordsTest, MissingRequiredAttributesAreReportedByTheElement) {
     }
 }
 
+TEST(GlobalRecordsTest, NullRecordUnderAnExactPathIsReportedAndReplaced) {
+    const XmlDocument doc = parse(R"(<Logging>
+        <WriterClassGroups><WriterClassGroup name="G">6</WriterClassGroup></WriterClassGroups>
+        <Filters><FilterRecord writerClassGroup="G" path="rdnull" error="2"/></Filters></Logging>)");
+    GlobalFilterConfiguration cfg;
+    cfg.m_lstSetLogLevels[ZQWString(L"rdnull")] = nullptr;
+    AssertionCapture capture;
+    KivXmlConfigReader::populate(cfg, *doc.getDocumentElement());
+    ASSERT_EQ(capture.count(), 1u);
+    EXPECT_EQ(capture.entries()[0].expression, "pConfig != NULL");
+    EXPECT_EQ(capture.entries()[0].file, "./project/weblogger/xmlconfigreader");
+    const FilterConfigurationRecord* pRecord =
+        cfg.m_lstSetLogLevels.find(ZQWString(L"rdnull"))->second;
+    ASSERT_NE(pRecord, nullptr);
+    EXPECT_EQ(pRecord->m_ThisFilter.getLogLevels(6), LogLevels(kU, 2, kU, kU, kU));
+}
+
 TEST(GlobalRecordsTest, ElementWithoutGroupsOrFiltersReadsNothing) {
     const XmlDocument doc = parse("<Logging><Writers/></Logging>");
     GlobalFilterConfiguration cfg;

@@ -18,8 +18,8 @@ namespace kiv {
 // Whether text contains "*" or "?", that is, whether it is a pattern rather than a plain name.
 bool hasWildcard(std::wstring_view text) noexcept;
 
-// Whether the whole text matches the whole pattern. Runs in time proportional to the product
-// of the two lengths at worst and linear for patterns with at most one "*".
+// Whether the whole text matches the whole pattern. Needs no memory and, at worst, time
+// proportional to the product of the two lengths; source paths and patterns are short.
 bool matchesWildcard(std::wstring_view pattern, std::wstring_view text) noexcept;
 
 }  // namespace kiv
