@@ -18,7 +18,8 @@ TEST(ConfigVariablesTest, VariableInAnAttributeIsReplaced) {
     const String text = replaced(L"<Writer path=\"{%dir%}/a.log\"/>", map);
     EXPECT_TRUE(text.equals(L"<Writer path=\"/var/log/a.log\"/>"));
     const XmlDocument document = XmlDocument::parseString(toUtf8(text.view()).c_str());
-    EXPECT_TRUE(document.getDocumentElement()->getAttributeValue(L"path").equals(L"/var/log/a.log"));
+    EXPECT_TRUE(
+        document.getDocumentElement()->getAttributeValue(L"path").equals(L"/var/log/a.log"));
 }
 
 TEST(ConfigVariablesTest, MarkupInAValueReachesTheReparsedAttributeUnchanged) {

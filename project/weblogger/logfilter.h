@@ -86,6 +86,9 @@ public:
     // Whether nId indexes the ten-slot tables; an id outside 0..9 fails the assertion
     // "nId < 10".
     static bool isValidWriterId(int nId) noexcept;
+    // The writer's id, unchecked. Defined with the writer, which knows it: units below the
+    // writer (the filter, the source tree) name writers without including them.
+    static int classIdOf(const LogWriter& writer) noexcept;
 
     // Replaces the record of the writer's id (the same id check as isLogEnabled).
     void setLogLevels(const LogLevels& levels, const LogWriter* pWriter) noexcept;

@@ -3,7 +3,6 @@
 #include <memory>
 
 #include "weblogger/logfilterconfig.h"
-#include "weblogger/logwriter.h"
 #include "zq/webkeel/assert.h"
 #include "zq/webkeel/wildcard.h"
 
@@ -111,7 +110,7 @@ void LogSource::resetSelfAndChildFilters(const LogWritersGroup& group) {
 }
 
 void LogSource::resetSelfAndChildFilters(const LogWriter& writer) {
-    const int nId = writer.getClassId();
+    const int nId = LogFilter::classIdOf(writer);
     // A negative id wraps to a large value and fails as well.
     const bool bValid = static_cast<unsigned>(nId) < 10;
     ZQ_ASSERT_TEXT_IN(bValid, "nId < 10", kUnitFileName);

@@ -80,6 +80,10 @@ bool LogWriter::isLogEnabled(const LogSeverity& severity,
                               : pFilter->isEnabledByDefault();
 }
 
+int LogFilter::classIdOf(const LogWriter& writer) noexcept {
+    return writer.getClassId();
+}
+
 unsigned LogFilter::writerIndex(const LogWriter* pWriter) noexcept {
     const int nId = pWriter->getClassId();
     return isValidWriterId(nId) ? static_cast<unsigned>(nId) : kMaxWriterIds;

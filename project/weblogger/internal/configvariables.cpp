@@ -35,9 +35,8 @@ String makeReplacements(const String& text, const ReplacementMap& map) {
     while (i < nLength) {
         if (i + 1 < nLength && text[i] == L'{' && text[i + 1] == L'%') {
             const std::size_t nEnd = text.view().find(L"%}", i + 2);
-            const std::size_t nNameLength = nEnd == std::wstring_view::npos
-                                                ? nLength - (i + 2)
-                                                : nEnd - (i + 2);
+            const std::size_t nNameLength =
+                nEnd == std::wstring_view::npos ? nLength - (i + 2) : nEnd - (i + 2);
             const String strName(text.data() + i + 2, nNameLength);
             const auto it = map.find(strName);
             if (it != map.end() && !it->second.empty()) {
