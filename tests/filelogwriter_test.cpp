@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -10,8 +11,10 @@
 #include <fcntl.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <set>
 #include <sstream>
@@ -614,6 +617,115 @@ TEST_F(FileLogWriterTest, FilesAndDirectoriesGetTheirModesWhateverTheUmask) {
     }
     for (const char* pszBad : {"rw-r-----", "0888", "10640", "-1"}) {
         EXPECT_TRUE(make(std::string("fileMode='") + pszBad + "'").isNull()) << pszBad;
+    }
+}
+
+}  // namespace
+}  // namespace kiv
+
+namespace kiv {
+namespace {
+
+// Unmounts in teardown, also when an assertion ends the test early.
+struct TmpfsMount {
+    explicit TmpfsMount(std::string path) : m_strPath(std::move(path)) {}
+    ~TmpfsMount() {
+        if (m_bMounted) {
+            ::umount2(m_strPath.c_str(), MNT_DETACH);
+        }
+    }
+    std::string m_strPath;
+    bool m_bMounted = false;
+};
+
+// Fills the file system of dir until it has no space left; the filler file's path.
+std::string fillFileSystem(const std::string& dir) {
+    const std::string strFiller = dir + "/filler";
+    const int nFd = ::open(strFiller.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const std::string block(4096, 'f');
+    while (::write(nFd, block.data(), block.size()) > 0) {
+    }
+    // Single bytes for the last partial block.
+    while (::write(nFd, "f", 1) > 0) {
+    }
+    ::close(nFd);
+    return strFiller;
+}
+
+TEST_F(FileLogWriterTest, FullDiskLosesNoLineAfterSpaceReturnsAndCountsWhatItDropped) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "mounting a small tmpfs needs root; run as root to test a full disk";
+    }
+    TmpfsMount mount(m_dir.file("tmpfs"));
+    std::filesystem::create_directories(mount.m_strPath);
+    if (::mount("tmpfs", mount.m_strPath.c_str(), "tmpfs", 0, "size=256k") != 0) {
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << std::strerror(errno);
+    }
+    mount.m_bMounted = true;
+    const std::string line = std::string(90, '.') + " line ";
+    for (bool bAutoFlush : {true, false}) {
+        SCOPED_TRACE(bAutoFlush ? "autoFlush" : "buffered");
+        const std::string strDir = mount.m_strPath + (bAutoFlush ? "/flushed" : "/buffered");
+        clock::ScopedWallClock fake(&fakeClock);
+        StderrCapture capture(m_dir.file("stderr.txt"));
+        WriterConfig config(writerXml(strDir, std::string("filesN='1' maxFileSizeKb='100000' ") +
+                                                  (bAutoFlush ? "" : "autoFlush='no'")));
+        Handle<LogWriter> hWriter = config.create(L"FileLogWriter");
+        ASSERT_FALSE(hWriter.isNull());
+        FileLogWriter& writer = static_cast<FileLogWriter&>(*hWriter);
+        int nNext = 0;
+        const auto logLines = [&](int nLines) {
+            for (int i = 0; i < nLines; ++i, ++nNext) {
+                hWriter->logMessage(kSevError, GDString(fromUtf8(line + std::to_string(nNext))),
+                                    m_state, nullptr);
+            }
+        };
+        const std::string strFile = strDir + "/kiv0.log";
+        logLines(100);
+        writer.flush();
+        const std::string strFiller = fillFileSystem(mount.m_strPath);
+        logLines(3000);  // 300 KB: far more than the disk or the buffer holds
+        writer.flush();
+        EXPECT_TRUE(hWriter->isEnabled());
+        // Space returns, but within the same second nothing is tried again.
+        ASSERT_EQ(::unlink(strFiller.c_str()), 0);
+        const std::uintmax_t nSizeWhileFull = std::filesystem::file_size(strFile);
+        writer.flush();
+        EXPECT_EQ(std::filesystem::file_size(strFile), nSizeWhileFull);
+        g_tNow += 1;
+        const int nFirstAfterSpace = nNext;
+        logLines(500);
+        hWriter.reset();
+        const std::string report = capture.text();
+        capture.restore();
+
+        EXPECT_EQ(count(report, "cannot write to " + strFile), 1u) << report;
+        EXPECT_EQ(count(report, "writes to " + strFile + " again"), 1u) << report;
+        const std::size_t nAgain = report.find(" again; ");
+        ASSERT_NE(nAgain, std::string::npos) << report;
+        const long nReportedDropped = std::stol(report.substr(nAgain + 8));
+
+        const std::string text = readFile(strFile);
+        ASSERT_EQ(text.substr(0, 3), kBom);
+        std::set<int> setLines;
+        std::istringstream lines(text.substr(3));
+        std::string got;
+        while (std::getline(lines, got)) {
+            ASSERT_EQ(got.compare(0, line.size(), line), 0) << "torn line: " << got;
+            const std::string number = got.substr(line.size());
+            ASSERT_EQ(number.find_first_not_of("0123456789"), std::string::npos)
+                << "torn line: " << got;
+            EXPECT_TRUE(setLines.insert(std::stoi(number)).second) << "twice: " << got;
+        }
+        EXPECT_EQ(text.back(), '\n');
+        for (int n = nFirstAfterSpace; n < nNext; ++n) {
+            EXPECT_EQ(setLines.count(n), 1u) << "lost after the space returned: " << n;
+        }
+        EXPECT_GT(nReportedDropped, 0);
+        EXPECT_EQ(static_cast<long>(nNext) - static_cast<long>(setLines.size()), nReportedDropped);
+        std::printf("%s: %d lines, %zu on disk, %ld dropped while the disk was full\n",
+                    bAutoFlush ? "autoFlush" : "buffered", nNext, setLines.size(),
+                    nReportedDropped);
     }
 }
 
