@@ -19,6 +19,7 @@
 #include <set>
 #include <sstream>
 
+#include "support/alloc_counter.h"
 #include "support/temp_dir.h"
 #include "support/test_writer.h"
 #include "support/writer_config.h"
@@ -727,6 +728,47 @@ TEST_F(FileLogWriterTest, FullDiskLosesNoLineAfterSpaceReturnsAndCountsWhatItDro
                     bAutoFlush ? "autoFlush" : "buffered", nNext, setLines.size(),
                     nReportedDropped);
     }
+}
+
+}  // namespace
+}  // namespace kiv
+
+namespace kiv {
+namespace {
+
+// Write system calls the process has made so far (the kernel's own count).
+long long writeSystemCalls() {
+    std::istringstream io(readFile("/proc/self/io"));
+    std::string key;
+    long long nValue = 0;
+    while (io >> key >> nValue) {
+        if (key == "syscw:") {
+            return nValue;
+        }
+    }
+    return -1;
+}
+
+TEST_F(FileLogWriterTest, BufferedMessageAllocatesNothingAndMakesNoSystemCall) {
+    auto hWriter = make("autoFlush='no'");
+    const GDString message(String(80, L'm'));
+    log(*hWriter, "warm up");
+    [[maybe_unused]] const long long nWritesBefore = writeSystemCalls();
+    ::getppid();  // marks the loop's start in a system call trace
+    test::AllocationScope scope;
+    for (int i = 0; i < 500; ++i) {  // 40 KB: within one buffer
+        hWriter->logMessage(kSevError, message, m_state, nullptr);
+    }
+    const std::size_t nAllocations = scope.count();
+    ::getppid();
+    EXPECT_EQ(nAllocations, 0u);
+    EXPECT_EQ(file("kiv0.log"), kBom);  // all still in the buffer
+    // A sanitizer's own checks write to a pipe of its own; without one, the count is exact.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    if (nWritesBefore >= 0) {
+        EXPECT_EQ(writeSystemCalls(), nWritesBefore);
+    }
+#endif
 }
 
 }  // namespace
