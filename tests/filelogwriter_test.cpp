@@ -773,3 +773,70 @@ TEST_F(FileLogWriterTest, BufferedMessageAllocatesNothingAndMakesNoSystemCall) {
 
 }  // namespace
 }  // namespace kiv
+
+namespace kiv {
+namespace {
+
+TEST_F(FileLogWriterTest, RemovedFileIsNoticedInTheNextSecondAndItsBufferGoesToAFreshFile) {
+    clock::ScopedWallClock fake(&fakeClock);
+    StderrCapture capture(m_dir.file("stderr.txt"));
+    const std::string strDir = m_dir.file("logs");
+    m_pConfig = std::make_unique<WriterConfig>(writerXml(strDir, "autoFlush='no'"));
+    Handle<LogWriter> hWriter = m_pConfig->create(L"FileLogWriter");
+    hWriter->logMessage(kSevError, GDString(L"before"), m_state, nullptr);
+    std::filesystem::remove_all(strDir);
+    hWriter->logMessage(kSevError, GDString(L"same second"), m_state, nullptr);
+    EXPECT_FALSE(std::filesystem::exists(strDir));  // no check within the second
+    g_tNow += 1;
+    hWriter->logMessage(kSevError, GDString(L"next second"), m_state, nullptr);
+    EXPECT_EQ(static_cast<FileLogWriter&>(*hWriter).getCurrentFileIndex(), 1u);
+    hWriter.reset();
+    const std::string report = capture.text();
+    capture.restore();
+    EXPECT_EQ(count(report, "found its file " + strDir + "/kiv0.log removed"), 1u) << report;
+    EXPECT_EQ(readFile(strDir + "/kiv1.log"), kBom + "before\nsame second\nnext second\n");
+    struct stat st;
+    ASSERT_EQ(::stat(strDir.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0750u);
+}
+
+TEST_F(FileLogWriterTest, FileThatCannotBeCreatedIsTriedAgainEachSecondAndDropsAreCounted) {
+    clock::ScopedWallClock fake(&fakeClock);
+    StderrCapture capture(m_dir.file("stderr.txt"));
+    const std::string strDir = m_dir.file("logs");
+    m_pConfig = std::make_unique<WriterConfig>(writerXml(strDir, "filesN='3' maxFileSizeKb='1'"));
+    Handle<LogWriter> hWriter = m_pConfig->create(L"FileLogWriter");
+    hWriter->logMessage(kSevError, GDString(fromUtf8(std::string(1100, 'a'))), m_state, nullptr);
+    // The directory is replaced by a file: the rotation cannot create kiv1.log.
+    std::filesystem::remove_all(strDir);
+    m_dir.write("logs", "blocker");
+    for (int i = 0; i < 5; ++i) {
+        hWriter->logMessage(kSevError, GDString(L"dropped"), m_state, nullptr);
+    }
+    EXPECT_TRUE(hWriter->isEnabled());
+    std::filesystem::remove(strDir);
+    g_tNow += 1;
+    hWriter->logMessage(kSevError, GDString(L"back"), m_state, nullptr);
+    hWriter.reset();
+    const std::string report = capture.text();
+    capture.restore();
+    EXPECT_EQ(count(report, "cannot write to"), 1u) << report;
+    EXPECT_EQ(count(report, "again; 5 messages were dropped meanwhile."), 1u) << report;
+    EXPECT_EQ(readFile(strDir + "/kiv1.log"), kBom + "back\n");
+}
+
+TEST_F(FileLogWriterTest, AppendedPrefixThatAnotherWriterHoldsDisablesTheWriter) {
+    auto hTenant = make("filePrefix='kiv-tenant-'");
+    WriterConfig second(writerXml(m_dir.path(), ""));
+    Handle<LogWriter> hWriter = second.create(L"FileLogWriter");
+    ASSERT_FALSE(hWriter.isNull());
+    StderrCapture capture(m_dir.file("stderr.txt"));
+    static_cast<FileLogWriter&>(*hWriter).appendFilePrefix(String(L"tenant"));
+    const std::string report = capture.text();
+    capture.restore();
+    EXPECT_FALSE(hWriter->isEnabled());
+    EXPECT_EQ(count(report, "already belong to log writer files"), 1u) << report;
+}
+
+}  // namespace
+}  // namespace kiv

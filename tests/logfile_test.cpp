@@ -478,3 +478,76 @@ TEST(LogFileTest, NewFileGetsItsModeWhateverTheUmask) {
 
 }  // namespace
 }  // namespace kiv
+
+namespace kiv {
+namespace {
+
+TEST(LogFileRecordsTest, RecordWrittenAheadOfItsEndIsCutWhenItsEndCannotFollow) {
+    TempDir dir;
+    const std::string path = dir.file("ahead.log");
+    const std::string large(LogFile::kBufferSize + 100, 'L');
+    const int nCode = runWithFileSizeLimit(LogFile::kBufferSize + 50, [&]() -> int {
+        LogFile file;
+        file.openTruncate(wide(path));
+        writeText(file, "small\n");
+        file.endRecord();
+        writeText(file, large);  // the first part goes ahead of the end
+        try {
+            file.endRecord();
+            return 1;
+        } catch (const FileException& e) {
+            if (e.getErrno() != EFBIG) {
+                return 2;
+            }
+        }
+        if (!file.isStalled() || file.takeDroppedRecords() != 1) {
+            return 3;
+        }
+        if (!liftFileSizeLimit() || !file.retryWrite()) {
+            return 4;
+        }
+        writeText(file, "after\n");
+        file.close();
+        return 0;
+    });
+    EXPECT_EQ(nCode, 0);
+    EXPECT_EQ(readFile(path), "small\nafter\n");
+}
+
+TEST(LogFileRecordsTest, DiscardedRecordLeavesNothingBehind) {
+    TempDir dir;
+    const std::string path = dir.file("discard.log");
+    LogFile file;
+    file.openTruncate(wide(path));
+    writeText(file, "kept\n");
+    file.endRecord();
+    writeText(file, "half of a");
+    file.discardRecord();
+    writeText(file, std::string(LogFile::kBufferSize + 10, 'h'));  // partly in the file already
+    file.discardRecord();
+    file.close();
+    EXPECT_EQ(readFile(path), "kept\n");
+}
+
+TEST(LogFileRecordsTest, DetachedFileHandsWhatItHeldToTheNextFile) {
+    TempDir dir;
+    const std::string strFirst = dir.file("first.log");
+    const std::string strNext = dir.file("next.log");
+    LogFile file;
+    file.openTruncate(wide(strFirst));
+    writeText(file, "written\n");
+    file.flush();
+    writeText(file, "held\n");
+    file.endRecord();
+    file.detach();
+    EXPECT_FALSE(file.isOpen());
+    file.createWith(wide(strNext), 0640, "\xEF\xBB\xBF", 3);
+    file.openAppend(wide(strNext));
+    writeText(file, "more\n");
+    file.close();
+    EXPECT_EQ(readFile(strFirst), "written\n");
+    EXPECT_EQ(readFile(strNext), "\xEF\xBB\xBFheld\nmore\n");
+}
+
+}  // namespace
+}  // namespace kiv
