@@ -506,9 +506,12 @@ void FileLogWriter::logMessage(const LogSeverity& severity, const GDValue& messa
 void FileLogWriter::flush() noexcept {
     LockGuard<WriterSynchro> guard(getWriterSynchro());
     try {
-        m_CurFile.flush();
+        // Asked for explicitly, and rarely: a stalled file gets one more try now.
+        if (m_CurFile.retryWrite()) {
+            m_CurFile.flush();
+        }
     } catch (const FileException&) {
-        // Stalled: retried with the next check.
+        // Stalled: tried again with the next check.
     }
     reportWriteState();
 }

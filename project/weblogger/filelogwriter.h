@@ -88,7 +88,8 @@ public:
                           unsigned long maxBytes, bool autoFlush);
 
     // Writes what the buffer holds to the file now (for a host before fork or in a signal
-    // handler's thread, and for shutdown). Never throws; a failure is handled as any other.
+    // handler's thread, and for shutdown); a stalled file is tried once more. Never throws; a
+    // failure is handled as any other.
     void flush() noexcept;
 
     // Gives this writer its own family of files: "<prefix>-<part>-<index>.log". The next
