@@ -81,7 +81,8 @@ unsigned long long parseFilesN(const String& text) {
     return p == pDigits || *p != 0 ? 0 : nValue;
 }
 
-// "fileMode": octal permission bits; -1 for anything else.
+// "fileMode": octal permission bits that let the owner read and write (a ring the writer could
+// not open again after a restart is no ring); -1 for anything else.
 long parseFileMode(const String& text) {
     if (text.empty() || text.size() > 4) {
         return -1;
@@ -93,11 +94,11 @@ long parseFileMode(const String& text) {
         }
         nMode = nMode * 8 + (c - L'0');
     }
-    return nMode <= 0777 ? nMode : -1;
+    return nMode <= 0777 && (nMode & 0600) == 0600 ? nMode : -1;
 }
 
-// Search permission wherever reading is granted: the directory of files one may read can be
-// entered.
+// Search permission wherever reading is granted, so that the directory of files one may read
+// can be entered; the owner always has all three.
 unsigned directoryModeFor(unsigned nFileMode) {
     return nFileMode | ((nFileMode & 0444) >> 2) | 0700;
 }

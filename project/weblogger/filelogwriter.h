@@ -22,10 +22,11 @@
 // - Files are never opened through a symbolic link, and only regular files are written: a
 //   link or anything else found under a ring file's name is reported and that slot skipped
 //   (never followed, never truncated). Links in the directory are not resumed either.
-// - Modes: new log files get "fileMode" (octal, default 0640) exactly, whatever the process
-//   umask; the directories the writer creates get the matching mode, with search permission
-//   wherever the file mode grants reading (0640 gives 0750). Existing directories and the
-//   files of a resumed ring keep the modes they have.
+// - Modes: new log files get "fileMode" (octal, default 0640; the owner must keep reading and
+//   writing) exactly, whatever the process umask; the directories the writer creates get the
+//   matching mode: search permission wherever the file mode grants reading, all three for the
+//   owner (0640 gives 0750, 0600 gives 0700). Existing directories and the files of a resumed
+//   ring keep the modes they have.
 // - Failures never reach the caller and never disable the writer:
 //   * A write that fails (disk full, quota, I/O error) leaves only whole lines in the file
 //     (see LogFile). The writer keeps what its buffer holds, reports once that it stopped,
