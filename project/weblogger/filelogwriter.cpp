@@ -265,6 +265,7 @@ void FileLogWriter::setFilePath(std::uint32_t i) {
     m_iCurFile = nIndex;
     m_tCurFilePath =
         FilePath(m_strFileDirectory, FilePrefix(m_strFilePrefix).withIndex(nIndex), kExtension);
+    m_strCurFileNative = toUtf8(m_tCurFilePath.getFullPath().view());
 }
 
 void FileLogWriter::createFile() {
@@ -562,8 +563,8 @@ bool FileLogWriter::hasFileVanished() const noexcept {
     }
     // Renamed away or replaced: the name leads elsewhere now (or nowhere).
     FileStats named;
-    return !FileSystemUtils::getFileStats(m_tCurFilePath, named,
-                                          FileSystemUtils::kDontResolveLinks) ||
+    return !FileSystemUtils::getNativeFileStats(m_strCurFileNative.c_str(), named,
+                                                FileSystemUtils::kDontResolveLinks) ||
            named.nDevice != opened.nDevice || named.nInode != opened.nInode;
 }
 

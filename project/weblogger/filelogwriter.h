@@ -164,6 +164,9 @@ private:
     // Canonical directory and prefix of the ring this writer holds; empty when none.
     String m_strRingKey;
     FileLogWriter* m_pNextRingOwner = nullptr;
+    // The current path in the system's form, made at each change of file, so that the check
+    // once a second allocates nothing.
+    NString m_strCurFileNative;
     bool m_bInRingTable = false;
 };
 

@@ -71,6 +71,17 @@ bool FileSystemUtils::getFileStats(const String& path, FileStats& out, LinkHandl
     return true;
 }
 
+bool FileSystemUtils::getNativeFileStats(const char* pszPath, FileStats& out, LinkHandling nLinks) {
+    out = FileStats();
+    struct stat st;
+    const int nResult = nLinks == kDontResolveLinks ? ::lstat(pszPath, &st) : ::stat(pszPath, &st);
+    if (nResult != 0) {
+        return false;
+    }
+    fillStats(st, out);
+    return true;
+}
+
 bool FileSystemUtils::getOpenFileStats(int nFd, FileStats& out) {
     out = FileStats();
     struct stat st;

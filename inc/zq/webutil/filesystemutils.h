@@ -58,6 +58,11 @@ public:
                              LinkHandling nLinks = kResolveLinks,
                              FileSystemOnError nOnError = kOnErrorReturn);
 
+    // The same for a path already in the system's form (UTF-8): no conversion, no allocation,
+    // for callers that look at the same path again and again.
+    static bool getNativeFileStats(const char* pszPath, FileStats& out,
+                                   LinkHandling nLinks = kResolveLinks);
+
     // The statistics of an open file descriptor (fstat); false when it cannot be examined.
     static bool getOpenFileStats(int nFd, FileStats& out);
 
