@@ -2,14 +2,24 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <filesystem>
+#include <fcntl.h>
 
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <set>
+#include <sstream>
+
+#include "support/alloc_counter.h"
 #include "support/temp_dir.h"
 #include "support/test_writer.h"
 #include "support/writer_config.h"
@@ -261,7 +271,7 @@ TEST_F(FileLogWriterTest, FileThatCannotBeOpenedFailsTheConfiguration) {
     EXPECT_THROW(make(""), FileException);
 }
 
-TEST_F(FileLogWriterTest, FullDiskDisablesTheWriterAndKeepsWhatWasWritten) {
+TEST_F(FileLogWriterTest, FullDiskStallsTheWriterQuietlyAndLeavesOnlyWholeLines) {
     const std::string strDir = m_dir.file("full");
     const pid_t pid = fork();
     ASSERT_GE(pid, 0);
@@ -280,8 +290,8 @@ TEST_F(FileLogWriterTest, FullDiskDisablesTheWriterAndKeepsWhatWasWritten) {
                 ++nThrown;
             }
         }
-        // The failure is thrown once; afterwards the writer is disabled and refuses quietly.
-        _exit(nThrown == 1 && !hWriter->isEnabled() ? 0 : 2);
+        // Nothing reaches the caller, and the writer stays in service to resume later.
+        _exit(nThrown == 0 && hWriter->isEnabled() ? 0 : 2);
     }
     int nStatus = 0;
     ::waitpid(pid, &nStatus, 0);
@@ -290,8 +300,12 @@ TEST_F(FileLogWriterTest, FullDiskDisablesTheWriterAndKeepsWhatWasWritten) {
     const std::string text = readFile(strDir + "/kiv0.log");
     EXPECT_LE(text.size(), 4096u);
     EXPECT_EQ(text.substr(0, 3), kBom);
-    // Every whole line that reached the disk is intact.
-    EXPECT_EQ(text.find(std::string(99, 'z') + "\n", 3), 3u);
+    // Only whole lines reached the disk.
+    const std::string line = std::string(99, 'z') + "\n";
+    ASSERT_EQ((text.size() - 3) % line.size(), 0u);
+    for (std::size_t i = 3; i < text.size(); i += line.size()) {
+        EXPECT_EQ(text.compare(i, line.size(), line), 0) << i;
+    }
 }
 
 }  // namespace
@@ -329,15 +343,505 @@ TEST_F(FileLogWriterTest, FullDiskNeverReachesTheCallerAndOtherWritersKeepWritin
                 bEscaped = true;
             }
         }
-        // The message during which the disk filled up stops at the failing writer; every other
-        // message reaches the other writer.
+        // The full disk stays inside the file writer: every message reaches the other writer.
         const std::size_t nOther = hOther->records().size();
-        _exit(!bEscaped && !hFile->isEnabled() && nOther == 199 ? 0 : 2);
+        _exit(!bEscaped && hFile->isEnabled() && nOther == 200 ? 0 : 2);
     }
     int nStatus = 0;
     ::waitpid(pid, &nStatus, 0);
     ASSERT_TRUE(WIFEXITED(nStatus));
     EXPECT_EQ(WEXITSTATUS(nStatus), 0);
+}
+
+}  // namespace
+}  // namespace kiv
+
+namespace kiv {
+namespace {
+
+// Captures what the library reports on standard error for the life of the object.
+class StderrCapture {
+public:
+    explicit StderrCapture(std::string path) : m_strPath(std::move(path)) {
+        std::fflush(stderr);
+        m_nSaved = ::dup(2);
+        const int nFd = ::open(m_strPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ::dup2(nFd, 2);
+        ::close(nFd);
+    }
+    ~StderrCapture() { restore(); }
+    std::string text() {
+        std::fflush(stderr);
+        return readFile(m_strPath);
+    }
+    void restore() {
+        if (m_nSaved >= 0) {
+            std::fflush(stderr);
+            ::dup2(m_nSaved, 2);
+            ::close(m_nSaved);
+            m_nSaved = -1;
+        }
+    }
+
+private:
+    std::string m_strPath;
+    int m_nSaved = -1;
+};
+
+std::size_t count(const std::string& text, const std::string& what) {
+    std::size_t n = 0;
+    for (std::size_t nPos = text.find(what); nPos != std::string::npos;
+         nPos = text.find(what, nPos + 1)) {
+        ++n;
+    }
+    return n;
+}
+
+TEST_F(FileLogWriterTest, HugeFilesNIsRefusedAtOnceWithAReport) {
+    for (const char* pszValue : {"4294967295", "-1", "1e9", "1000001", "99999999999999999999"}) {
+        StderrCapture capture(m_dir.file("stderr.txt"));
+        const auto tStart = std::chrono::steady_clock::now();
+        auto hWriter = make(std::string("filesN='") + pszValue + "'");
+        const auto nMicros = std::chrono::duration_cast<std::chrono::microseconds>(
+                                 std::chrono::steady_clock::now() - tStart)
+                                 .count();
+        const std::string report = capture.text();
+        capture.restore();
+        EXPECT_TRUE(hWriter.isNull()) << pszValue;
+        EXPECT_NE(report.find("filesN"), std::string::npos) << report;
+        std::printf("filesN='%s' refused in %lld us\n", pszValue, static_cast<long long>(nMicros));
+    }
+    EXPECT_FALSE(exists("kiv0.log"));
+    EXPECT_FALSE(make("filesN='1000000'").isNull());
+}
+
+TEST_F(FileLogWriterTest, RingOfAThousandFilesResumesTheNewestInOnePass) {
+    constexpr int kFiles = 1000;
+    constexpr int kNewest = 637;
+    timespec arrTimes[2] = {};
+    for (int i = 0; i < kFiles; ++i) {
+        const std::string path = m_dir.write("kiv" + std::to_string(i) + ".log", kBom + "x\n");
+        arrTimes[0].tv_sec = arrTimes[1].tv_sec = 1700000000 + (i == kNewest ? 5000 : i);
+        ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), arrTimes, 0), 0);
+    }
+    const auto tStart = std::chrono::steady_clock::now();
+    auto hWriter = make("filesN='1000'");
+    const auto nMicros = std::chrono::duration_cast<std::chrono::microseconds>(
+                             std::chrono::steady_clock::now() - tStart)
+                             .count();
+    std::printf("ring of %d files resumed in %lld us\n", kFiles, static_cast<long long>(nMicros));
+    ASSERT_FALSE(hWriter.isNull());
+    EXPECT_EQ(hWriter->getCurrentFileIndex(), static_cast<std::uint32_t>(kNewest));
+    // A huge ring with few files present costs no more than the files present.
+    hWriter.reset();
+    const auto tHuge = std::chrono::steady_clock::now();
+    hWriter = make("filesN='1000000'");
+    std::printf("ring of filesN=1000000 with %d files resumed in %lld us\n", kFiles,
+                static_cast<long long>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                           std::chrono::steady_clock::now() - tHuge)
+                                           .count()));
+    EXPECT_EQ(hWriter->getCurrentFileIndex(), static_cast<std::uint32_t>(kNewest));
+}
+
+// Sets every file of the directory to the same whole second, as a file system with one-second
+// times (or a copy that keeps times) leaves a ring written within one second.
+void setAllTimes(const std::string& dir, std::time_t tSecond) {
+    timespec arrTimes[2] = {};
+    arrTimes[0].tv_sec = arrTimes[1].tv_sec = tSecond;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        ASSERT_EQ(::utimensat(AT_FDCWD, entry.path().c_str(), arrTimes, 0), 0);
+    }
+}
+
+// The numbers of the lines "line <n>" in the ring's files.
+std::set<int> ringLines(const std::string& dir) {
+    std::set<int> setLines;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        std::istringstream lines(readFile(entry.path().string()));
+        std::string line;
+        while (std::getline(lines, line)) {
+            const std::size_t nPos = line.find("line ");
+            if (nPos != std::string::npos) {
+                setLines.insert(std::stoi(line.substr(nPos + 5)));
+            }
+        }
+    }
+    return setLines;
+}
+
+TEST_F(FileLogWriterTest, RestartOnEqualWholeSecondTimesResumesTheLastFileWritten) {
+    // About 9 lines per 1 KB file; each round ends on another file of the ring, with a full
+    // ring (all files written within "one second") or a run of a few files.
+    constexpr int kRounds = 30;
+    const std::string attributes = "filesN='10' maxFileSizeKb='1' autoFlush='no'";
+    const std::string line = std::string(100, '-') + " line ";
+    for (int nRound = 0; nRound < kRounds; ++nRound) {
+        const std::string strDir = m_dir.file("round" + std::to_string(nRound));
+        m_pConfig = std::make_unique<WriterConfig>(writerXml(strDir, attributes));
+        int nNext = 0;
+        // Older files first, at an older time: the ring after the first pass.
+        const int nOldLines = nRound % 2 == 0 ? 95 : 40;
+        {
+            Handle<LogWriter> hWriter = m_pConfig->create(L"FileLogWriter");
+            for (; nNext < nOldLines; ++nNext) {
+                hWriter->logMessage(kSevError, GDString(fromUtf8(line + std::to_string(nNext))),
+                                    m_state, nullptr);
+            }
+        }
+        setAllTimes(strDir, 1700000000);
+        const int nLines = nOldLines + 7 + nRound * 3;
+        std::uint32_t nLastFile = 0;
+        {
+            Handle<LogWriter> hWriter = m_pConfig->create(L"FileLogWriter");
+            for (; nNext < nLines; ++nNext) {
+                hWriter->logMessage(kSevError, GDString(fromUtf8(line + std::to_string(nNext))),
+                                    m_state, nullptr);
+            }
+            nLastFile = static_cast<FileLogWriter&>(*hWriter).getCurrentFileIndex();
+        }
+        // Everything written in the newest second: the whole ring in even rounds.
+        setAllTimes(strDir, 1700000100);
+        if (nRound % 2 != 0) {
+            // Odd rounds: only the files of the second run carry the newest second.
+            timespec arrOld[2] = {};
+            arrOld[0].tv_sec = arrOld[1].tv_sec = 1700000000;
+            const std::set<int> setAll = ringLines(strDir);
+            for (int i = 0; i < 10; ++i) {
+                const std::string path = strDir + "/kiv" + std::to_string(i) + ".log";
+                const std::string text = readFile(path);
+                bool bNew = false;
+                for (int n = nOldLines; n < nLines && !bNew; ++n) {
+                    bNew = text.find(" line " + std::to_string(n) + "\n") != std::string::npos;
+                }
+                if (!bNew && std::filesystem::exists(path)) {
+                    ::utimensat(AT_FDCWD, path.c_str(), arrOld, 0);
+                }
+            }
+        }
+        Handle<LogWriter> hWriter = m_pConfig->create(L"FileLogWriter");
+        ASSERT_EQ(static_cast<FileLogWriter&>(*hWriter).getCurrentFileIndex(), nLastFile)
+            << "round " << nRound;
+        // Twenty more lines rotate a few times; the ring must still hold an unbroken tail.
+        const int nEnd = nNext + 20;
+        for (; nNext < nEnd; ++nNext) {
+            hWriter->logMessage(kSevError, GDString(fromUtf8(line + std::to_string(nNext))),
+                                m_state, nullptr);
+        }
+        hWriter.reset();
+        const std::set<int> setLines = ringLines(strDir);
+        ASSERT_FALSE(setLines.empty());
+        EXPECT_EQ(*setLines.rbegin(), nEnd - 1);
+        EXPECT_EQ(static_cast<int>(setLines.size()), *setLines.rbegin() - *setLines.begin() + 1)
+            << "a line from the middle of the log is missing, round " << nRound;
+    }
+}
+
+TEST_F(FileLogWriterTest, TiesThatAreNotOneRunKeepTheLowestIndex) {
+    for (int i : {2, 3, 6}) {
+        m_dir.write("kiv" + std::to_string(i) + ".log", kBom + "x\n");
+    }
+    setAllTimes(m_dir.path(), 1700000000);
+    EXPECT_EQ(make("")->getCurrentFileIndex(), 2u);
+}
+
+TEST_F(FileLogWriterTest, SecondWriterOnTheSameRingIsRefused) {
+    auto hFirst = make("filePrefix='shared'");
+    ASSERT_FALSE(hFirst.isNull());
+    std::filesystem::create_directory_symlink(m_dir.path(), m_dir.file("alias"));
+    StderrCapture capture(m_dir.file("stderr.txt"));
+    WriterConfig second(writerXml(m_dir.file("alias"), "filePrefix='shared'"));
+    EXPECT_TRUE(second.create(L"FileLogWriter").isNull());
+    WriterConfig other(writerXml(m_dir.path(), "filePrefix='other'"));
+    EXPECT_FALSE(other.create(L"FileLogWriter").isNull());
+    const std::string report = capture.text();
+    capture.restore();
+    EXPECT_EQ(count(report, "already belong to log writer files"), 1u) << report;
+    hFirst.reset();
+    EXPECT_FALSE(second.create(L"FileLogWriter").isNull());
+}
+
+TEST_F(FileLogWriterTest, PlantedLinkIsNeverFollowedAcrossAWrapOfTheRing) {
+    const std::string victim = m_dir.write("victim.txt", "not a log\n");
+    const std::string strDir = m_dir.file("logs");
+    std::filesystem::create_directories(strDir);
+    ASSERT_EQ(::symlink(victim.c_str(), (strDir + "/kiv1.log").c_str()), 0);
+    StderrCapture capture(m_dir.file("stderr.txt"));
+    m_pConfig = std::make_unique<WriterConfig>(writerXml(strDir, "filesN='3' maxFileSizeKb='0'"));
+    Handle<LogWriter> hWriter = m_pConfig->create(L"FileLogWriter");
+    ASSERT_FALSE(hWriter.isNull());
+    for (int i = 0; i < 9; ++i) {  // three wraps: every message rotates
+        hWriter->logMessage(kSevError, GDString(L"message"), m_state, nullptr);
+    }
+    const std::string report = capture.text();
+    capture.restore();
+    EXPECT_EQ(readFile(victim), "not a log\n");
+    EXPECT_TRUE(std::filesystem::is_symlink(strDir + "/kiv1.log"));
+    EXPECT_GE(count(report, "is a symbolic link or not a regular file"), 3u) << report;
+    EXPECT_EQ(readFile(strDir + "/kiv2.log"), kBom + "message\n");
+
+    // A restart does not resume the link either, however new it looks.
+    hWriter.reset();
+    timespec arrTimes[2] = {};
+    arrTimes[0].tv_sec = arrTimes[1].tv_sec = 2000000000;
+    ::utimensat(AT_FDCWD, (strDir + "/kiv1.log").c_str(), arrTimes, AT_SYMLINK_NOFOLLOW);
+    ::utimensat(AT_FDCWD, victim.c_str(), arrTimes, 0);
+    hWriter = m_pConfig->create(L"FileLogWriter");
+    EXPECT_NE(static_cast<FileLogWriter&>(*hWriter).getCurrentFileIndex(), 1u);
+    hWriter->logMessage(kSevError, GDString(L"after restart"), m_state, nullptr);
+    EXPECT_EQ(readFile(victim), "not a log\n");
+}
+
+TEST_F(FileLogWriterTest, FilesAndDirectoriesGetTheirModesWhateverTheUmask) {
+    for (mode_t nUmask : {mode_t(0), mode_t(077), mode_t(022)}) {
+        const mode_t nOld = ::umask(nUmask);
+        const std::string strDir = m_dir.file("u" + std::to_string(nUmask) + "/logs");
+        const std::string strOwn = m_dir.file("own" + std::to_string(nUmask));
+        {
+            WriterConfig defaults(writerXml(strDir, "filesN='2' maxFileSizeKb='0'"));
+            Handle<LogWriter> hWriter = defaults.create(L"FileLogWriter");
+            hWriter->logMessage(kSevError, GDString(L"rotated"), m_state, nullptr);
+            WriterConfig own(writerXml(strOwn, "fileMode='600'"));
+            Handle<LogWriter> hOwn = own.create(L"FileLogWriter");
+            ASSERT_FALSE(hOwn.isNull());
+        }
+        ::umask(nOld);
+        struct stat st;
+        for (const char* pszFile : {"/kiv0.log", "/kiv1.log"}) {
+            ASSERT_EQ(::stat((strDir + pszFile).c_str(), &st), 0);
+            EXPECT_EQ(st.st_mode & 07777, 0640u) << nUmask << pszFile;
+        }
+        ASSERT_EQ(::stat(strDir.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0750u) << nUmask;
+        ASSERT_EQ(::stat((strOwn + "/kiv0.log").c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0600u) << nUmask;
+        ASSERT_EQ(::stat(strOwn.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0700u) << nUmask;
+    }
+    for (const char* pszBad : {"rw-r-----", "0888", "10640", "-1", "0440"}) {
+        EXPECT_TRUE(make(std::string("fileMode='") + pszBad + "'").isNull()) << pszBad;
+    }
+}
+
+}  // namespace
+}  // namespace kiv
+
+namespace kiv {
+namespace {
+
+// Unmounts in teardown, also when an assertion ends the test early.
+struct TmpfsMount {
+    explicit TmpfsMount(std::string path) : m_strPath(std::move(path)) {}
+    ~TmpfsMount() {
+        if (m_bMounted) {
+            ::umount2(m_strPath.c_str(), MNT_DETACH);
+        }
+    }
+    std::string m_strPath;
+    bool m_bMounted = false;
+};
+
+// Fills the file system of dir until it has no space left; the filler file's path.
+std::string fillFileSystem(const std::string& dir) {
+    const std::string strFiller = dir + "/filler";
+    const int nFd = ::open(strFiller.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const std::string block(4096, 'f');
+    while (::write(nFd, block.data(), block.size()) > 0) {
+    }
+    // Single bytes for the last partial block.
+    while (::write(nFd, "f", 1) > 0) {
+    }
+    ::close(nFd);
+    return strFiller;
+}
+
+TEST_F(FileLogWriterTest, FullDiskLosesNoLineAfterSpaceReturnsAndCountsWhatItDropped) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "mounting a small tmpfs needs root; run as root to test a full disk";
+    }
+    TmpfsMount mount(m_dir.file("tmpfs"));
+    std::filesystem::create_directories(mount.m_strPath);
+    if (::mount("tmpfs", mount.m_strPath.c_str(), "tmpfs", 0, "size=256k") != 0) {
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << std::strerror(errno);
+    }
+    mount.m_bMounted = true;
+    const std::string line = std::string(90, '.') + " line ";
+    for (bool bAutoFlush : {true, false}) {
+        SCOPED_TRACE(bAutoFlush ? "autoFlush" : "buffered");
+        const std::string strDir = mount.m_strPath + (bAutoFlush ? "/flushed" : "/buffered");
+        clock::ScopedWallClock fake(&fakeClock);
+        StderrCapture capture(m_dir.file("stderr.txt"));
+        WriterConfig config(writerXml(strDir, std::string("filesN='1' maxFileSizeKb='100000' ") +
+                                                  (bAutoFlush ? "" : "autoFlush='no'")));
+        Handle<LogWriter> hWriter = config.create(L"FileLogWriter");
+        ASSERT_FALSE(hWriter.isNull());
+        FileLogWriter& writer = static_cast<FileLogWriter&>(*hWriter);
+        int nNext = 0;
+        const auto logLines = [&](int nLines) {
+            for (int i = 0; i < nLines; ++i, ++nNext) {
+                hWriter->logMessage(kSevError, GDString(fromUtf8(line + std::to_string(nNext))),
+                                    m_state, nullptr);
+            }
+        };
+        const std::string strFile = strDir + "/kiv0.log";
+        logLines(100);
+        writer.flush();
+        const std::string strFiller = fillFileSystem(mount.m_strPath);
+        logLines(3000);  // 300 KB: far more than the disk or the buffer holds
+        writer.flush();
+        EXPECT_TRUE(hWriter->isEnabled());
+        // Space returns, but within the same second nothing is tried again: the message finds
+        // the buffer full and is dropped (and counted).
+        ASSERT_EQ(::unlink(strFiller.c_str()), 0);
+        const std::uintmax_t nSizeWhileFull = std::filesystem::file_size(strFile);
+        logLines(1);
+        EXPECT_EQ(std::filesystem::file_size(strFile), nSizeWhileFull);
+        g_tNow += 1;
+        const int nFirstAfterSpace = nNext;
+        logLines(500);
+        hWriter.reset();
+        const std::string report = capture.text();
+        capture.restore();
+
+        EXPECT_EQ(count(report, "cannot write to " + strFile), 1u) << report;
+        EXPECT_EQ(count(report, "writes to " + strFile + " again"), 1u) << report;
+        const std::size_t nAgain = report.find(" again; ");
+        ASSERT_NE(nAgain, std::string::npos) << report;
+        const long nReportedDropped = std::stol(report.substr(nAgain + 8));
+
+        const std::string text = readFile(strFile);
+        ASSERT_EQ(text.substr(0, 3), kBom);
+        std::set<int> setLines;
+        std::istringstream lines(text.substr(3));
+        std::string got;
+        while (std::getline(lines, got)) {
+            ASSERT_EQ(got.compare(0, line.size(), line), 0) << "torn line: " << got;
+            const std::string number = got.substr(line.size());
+            ASSERT_EQ(number.find_first_not_of("0123456789"), std::string::npos)
+                << "torn line: " << got;
+            EXPECT_TRUE(setLines.insert(std::stoi(number)).second) << "twice: " << got;
+        }
+        EXPECT_EQ(text.back(), '\n');
+        for (int n = nFirstAfterSpace; n < nNext; ++n) {
+            EXPECT_EQ(setLines.count(n), 1u) << "lost after the space returned: " << n;
+        }
+        EXPECT_GT(nReportedDropped, 0);
+        EXPECT_EQ(static_cast<long>(nNext) - static_cast<long>(setLines.size()), nReportedDropped);
+        std::printf("%s: %d lines, %zu on disk, %ld dropped while the disk was full\n",
+                    bAutoFlush ? "autoFlush" : "buffered", nNext, setLines.size(),
+                    nReportedDropped);
+    }
+}
+
+}  // namespace
+}  // namespace kiv
+
+namespace kiv {
+namespace {
+
+// Write system calls the process has made so far (the kernel's own count).
+long long writeSystemCalls() {
+    std::istringstream io(readFile("/proc/self/io"));
+    std::string key;
+    long long nValue = 0;
+    while (io >> key >> nValue) {
+        if (key == "syscw:") {
+            return nValue;
+        }
+    }
+    return -1;
+}
+
+TEST_F(FileLogWriterTest, BufferedMessageAllocatesNothingAndMakesNoSystemCall) {
+    clock::ScopedWallClock fake(&fakeClock);
+    auto hWriter = make("autoFlush='no'");
+    const GDString message(String(80, L'm'));
+    log(*hWriter, "warm up");
+    [[maybe_unused]] const long long nWritesBefore = writeSystemCalls();
+    ::getppid();  // marks the loop's start in a system call trace (two calls per check)
+    test::AllocationScope scope;
+    for (int i = 0; i < 500; ++i) {  // 40 KB: within one buffer
+        hWriter->logMessage(kSevError, message, m_state, nullptr);
+        if (i % 100 == 99) {
+            g_tNow += 1;  // the once-a-second check runs, and allocates nothing either
+        }
+    }
+    const std::size_t nAllocations = scope.count();
+    ::getppid();
+    EXPECT_EQ(nAllocations, 0u);
+    EXPECT_EQ(file("kiv0.log"), kBom);  // all still in the buffer
+    // A sanitizer's own checks write to a pipe of its own; without one, the count is exact.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    if (nWritesBefore >= 0) {
+        EXPECT_EQ(writeSystemCalls(), nWritesBefore);
+    }
+#endif
+}
+
+}  // namespace
+}  // namespace kiv
+
+namespace kiv {
+namespace {
+
+TEST_F(FileLogWriterTest, RemovedFileIsNoticedInTheNextSecondAndItsBufferGoesToAFreshFile) {
+    clock::ScopedWallClock fake(&fakeClock);
+    StderrCapture capture(m_dir.file("stderr.txt"));
+    const std::string strDir = m_dir.file("logs");
+    m_pConfig = std::make_unique<WriterConfig>(writerXml(strDir, "autoFlush='no'"));
+    Handle<LogWriter> hWriter = m_pConfig->create(L"FileLogWriter");
+    hWriter->logMessage(kSevError, GDString(L"before"), m_state, nullptr);
+    std::filesystem::remove_all(strDir);
+    hWriter->logMessage(kSevError, GDString(L"same second"), m_state, nullptr);
+    EXPECT_FALSE(std::filesystem::exists(strDir));  // no check within the second
+    g_tNow += 1;
+    hWriter->logMessage(kSevError, GDString(L"next second"), m_state, nullptr);
+    EXPECT_EQ(static_cast<FileLogWriter&>(*hWriter).getCurrentFileIndex(), 1u);
+    hWriter.reset();
+    const std::string report = capture.text();
+    capture.restore();
+    EXPECT_EQ(count(report, "found its file " + strDir + "/kiv0.log removed"), 1u) << report;
+    EXPECT_EQ(readFile(strDir + "/kiv1.log"), kBom + "before\nsame second\nnext second\n");
+    struct stat st;
+    ASSERT_EQ(::stat(strDir.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0750u);
+}
+
+TEST_F(FileLogWriterTest, FileThatCannotBeCreatedIsTriedAgainEachSecondAndDropsAreCounted) {
+    clock::ScopedWallClock fake(&fakeClock);
+    StderrCapture capture(m_dir.file("stderr.txt"));
+    const std::string strDir = m_dir.file("logs");
+    m_pConfig = std::make_unique<WriterConfig>(writerXml(strDir, "filesN='3' maxFileSizeKb='1'"));
+    Handle<LogWriter> hWriter = m_pConfig->create(L"FileLogWriter");
+    hWriter->logMessage(kSevError, GDString(fromUtf8(std::string(1100, 'a'))), m_state, nullptr);
+    // The directory is replaced by a file: the rotation cannot create kiv1.log.
+    std::filesystem::remove_all(strDir);
+    m_dir.write("logs", "blocker");
+    for (int i = 0; i < 5; ++i) {
+        hWriter->logMessage(kSevError, GDString(L"dropped"), m_state, nullptr);
+    }
+    EXPECT_TRUE(hWriter->isEnabled());
+    std::filesystem::remove(strDir);
+    g_tNow += 1;
+    hWriter->logMessage(kSevError, GDString(L"back"), m_state, nullptr);
+    hWriter.reset();
+    const std::string report = capture.text();
+    capture.restore();
+    EXPECT_EQ(count(report, "cannot write to"), 1u) << report;
+    EXPECT_EQ(count(report, "again; 5 messages were dropped meanwhile."), 1u) << report;
+    EXPECT_EQ(readFile(strDir + "/kiv1.log"), kBom + "back\n");
+}
+
+TEST_F(FileLogWriterTest, AppendedPrefixThatAnotherWriterHoldsDisablesTheWriter) {
+    auto hTenant = make("filePrefix='kiv-tenant-'");
+    WriterConfig second(writerXml(m_dir.path(), ""));
+    Handle<LogWriter> hWriter = second.create(L"FileLogWriter");
+    ASSERT_FALSE(hWriter.isNull());
+    StderrCapture capture(m_dir.file("stderr.txt"));
+    static_cast<FileLogWriter&>(*hWriter).appendFilePrefix(String(L"tenant"));
+    const std::string report = capture.text();
+    capture.restore();
+    EXPECT_FALSE(hWriter->isEnabled());
+    EXPECT_EQ(count(report, "already belong to log writer files"), 1u) << report;
 }
 
 }  // namespace

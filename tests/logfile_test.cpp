@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -261,13 +262,15 @@ TEST(LogFileTest, OpeningAnotherFileFlushesThePreviousOneIntoItself) {
     EXPECT_EQ(readFile(strSecond), "for the second");
 }
 
-TEST(LogFileTest, LargeMessageReachesTheFileWithoutAFlush) {
+TEST(LogFileTest, RecordLargerThanTheBufferGoesAheadOfItsEnd) {
     TempDir dir;
     const std::string path = dir.file("large.log");
-    const std::string large(BufferedOutputStream::s_knDefaultBufferSize + 10, 'q');
+    const std::string large(LogFile::kBufferSize + 10, 'q');
     LogFile file;
     file.openTruncate(wide(path));
     writeText(file, large);
+    EXPECT_EQ(readFile(path), large.substr(0, LogFile::kBufferSize));
+    file.endRecord();
     EXPECT_EQ(readFile(path), large);
 }
 
@@ -305,13 +308,16 @@ TEST(LogFileTest, OpenInMissingDirectoryThrows) {
 }
 
 // A flush that fails at close (here: the file size limit, as a full disk would) is reported,
-// the file is closed all the same, and the failed bytes are not written again later.
-TEST(LogFileTest, FailedFlushAtCloseThrowsClosesAndDropsTheBytes) {
+// the file is closed all the same, and what the failed write put into the file is cut off
+// again: no torn line stays behind for the next writes to glue onto.
+TEST(LogFileTest, FailedFlushAtCloseThrowsClosesAndCutsTheTornRecord) {
     TempDir dir;
     const std::string path = dir.file("limited.log");
     const int nCode = runWithFileSizeLimit(100, [&]() -> int {
         LogFile file;
         file.openTruncate(wide(path));
+        writeText(file, "whole\n");
+        file.flush();
         writeText(file, std::string(150, 'a'));
         try {
             file.close();
@@ -321,28 +327,32 @@ TEST(LogFileTest, FailedFlushAtCloseThrowsClosesAndDropsTheBytes) {
                 return 2;
             }
         }
-        if (file.isOpen()) {
+        if (file.isOpen() || file.takeDroppedRecords() != 1) {
             return 3;
         }
         if (!liftFileSizeLimit()) {
             return 4;
         }
         file.openAppend(wide(path));
-        writeText(file, "tail");
+        writeText(file, "tail\n");
         file.close();
         return 0;
     });
     EXPECT_EQ(nCode, 0);
-    EXPECT_EQ(readFile(path), std::string(100, 'a') + "tail");
+    EXPECT_EQ(readFile(path), "whole\ntail\n");
 }
 
-TEST(LogFileTest, FailedFlushKeepsTheFileUsable) {
+// A failed write keeps the records it could not write; the file writes nothing more (no
+// system call) until retryWrite succeeds, and then writes them whole.
+TEST(LogFileTest, FailedFlushKeepsTheRecordsUntilARetrySucceeds) {
     TempDir dir;
     const std::string path = dir.file("usable.log");
     const int nCode = runWithFileSizeLimit(10, [&]() -> int {
         LogFile file;
         file.openTruncate(wide(path));
-        writeText(file, "0123456789ABCDEF");
+        writeText(file, "0123\n");
+        file.flush();
+        writeText(file, "456789ABCDEF\n");
         try {
             file.flush();
             return 1;
@@ -351,15 +361,62 @@ TEST(LogFileTest, FailedFlushKeepsTheFileUsable) {
                 return 2;
             }
         }
-        if (!file.isOpen() || !liftFileSizeLimit()) {
+        if (!file.isStalled() || readFile(path) != "0123\n") {
             return 3;
         }
-        writeText(file, "|next");
-        file.flush();
+        writeText(file, "next\n");
+        file.flush();  // stalled: nothing tried
+        if (file.retryWrite() || readFile(path) != "0123\n") {
+            return 4;
+        }
+        if (!liftFileSizeLimit() || !file.retryWrite() || file.isStalled()) {
+            return 5;
+        }
+        if (file.takeDroppedRecords() != 0) {
+            return 6;
+        }
         return 0;
     });
     EXPECT_EQ(nCode, 0);
-    EXPECT_EQ(readFile(path), "0123456789|next");
+    EXPECT_EQ(readFile(path), "0123\n456789ABCDEF\nnext\n");
+}
+
+// While stalled the buffer is all that is kept: records that do not fit are dropped whole and
+// counted, the others are written when the retry succeeds.
+TEST(LogFileTest, StalledFileDropsWholeRecordsBeyondItsBufferAndCountsThem) {
+    TempDir dir;
+    const std::string path = dir.file("stalled.log");
+    const std::string line = std::string(99, 'r') + "\n";
+    constexpr int kRecords = 1000;  // 100,000 bytes: more than one buffer
+    const int nCode = runWithFileSizeLimit(50, [&]() -> int {
+        LogFile file;
+        file.openTruncate(wide(path));
+        int nKept = 0;
+        for (int i = 0; i < kRecords; ++i) {
+            writeText(file, line);
+            file.endRecord();
+            try {
+                file.flush();
+            } catch (const FileException&) {
+            }
+        }
+        const std::uint64_t nDropped = file.takeDroppedRecords();
+        if (!liftFileSizeLimit() || !file.retryWrite()) {
+            return 2;
+        }
+        nKept = kRecords - static_cast<int>(nDropped);
+        file.close();
+        // The parent checks the file against the count written here.
+        return nDropped > 0 && nDropped < kRecords ? nKept % 250 : 250;
+    });
+    ASSERT_NE(nCode, 250);
+    const std::string text = readFile(path);
+    ASSERT_EQ(text.size() % line.size(), 0u);
+    for (std::size_t i = 0; i < text.size(); i += line.size()) {
+        ASSERT_EQ(text.compare(i, line.size(), line), 0) << "torn at " << i;
+    }
+    EXPECT_EQ(static_cast<int>(text.size() / line.size()) % 250, nCode);
+    EXPECT_LE(text.size(), LogFile::kBufferSize);
 }
 
 TEST(LogFileTest, DestructorSwallowsAFailedFlush) {
@@ -374,7 +431,122 @@ TEST(LogFileTest, DestructorSwallowsAFailedFlush) {
         return 0;
     });
     EXPECT_EQ(nCode, 0);
-    EXPECT_EQ(readFile(path), "too ");
+    EXPECT_EQ(readFile(path), "");
+}
+
+TEST(LogFileTest, NeverOpensThroughASymbolicLink) {
+    TempDir dir;
+    const std::string victim = dir.write("victim.txt", "precious");
+    const std::string link = dir.file("link.log");
+    ASSERT_EQ(::symlink(victim.c_str(), link.c_str()), 0);
+    LogFile file;
+    for (int nOpen = 0; nOpen < 2; ++nOpen) {
+        try {
+            if (nOpen == 0) {
+                file.openTruncate(wide(link));
+            } else {
+                file.openAppend(wide(link));
+            }
+            FAIL() << "opened through the link";
+        } catch (const FileException& e) {
+            EXPECT_EQ(e.getErrno(), ELOOP);
+        }
+    }
+    EXPECT_THROW(file.createWith(wide(link), 0640, "x", 1), FileException);
+    EXPECT_EQ(readFile(victim), "precious");
+}
+
+TEST(LogFileTest, NewFileGetsItsModeWhateverTheUmask) {
+    TempDir dir;
+    for (mode_t nUmask : {mode_t(0), mode_t(077), mode_t(022)}) {
+        const mode_t nOld = ::umask(nUmask);
+        const std::string path = dir.file("mode" + std::to_string(nUmask) + ".log");
+        const std::string created = dir.file("created" + std::to_string(nUmask) + ".log");
+        {
+            LogFile file;
+            file.openTruncate(wide(path), 0640);
+            file.createWith(wide(created), 0640, "x", 1);
+        }
+        ::umask(nOld);
+        struct stat st;
+        ASSERT_EQ(::stat(path.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0640u) << nUmask;
+        ASSERT_EQ(::stat(created.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0640u) << nUmask;
+    }
+}
+
+}  // namespace
+}  // namespace kiv
+
+namespace kiv {
+namespace {
+
+TEST(LogFileRecordsTest, RecordWrittenAheadOfItsEndIsCutWhenItsEndCannotFollow) {
+    TempDir dir;
+    const std::string path = dir.file("ahead.log");
+    const std::string large(LogFile::kBufferSize + 100, 'L');
+    const int nCode = runWithFileSizeLimit(LogFile::kBufferSize + 50, [&]() -> int {
+        LogFile file;
+        file.openTruncate(wide(path));
+        writeText(file, "small\n");
+        file.endRecord();
+        writeText(file, large);  // the first part goes ahead of the end
+        try {
+            file.endRecord();
+            return 1;
+        } catch (const FileException& e) {
+            if (e.getErrno() != EFBIG) {
+                return 2;
+            }
+        }
+        if (!file.isStalled() || file.takeDroppedRecords() != 1) {
+            return 3;
+        }
+        if (!liftFileSizeLimit() || !file.retryWrite()) {
+            return 4;
+        }
+        writeText(file, "after\n");
+        file.close();
+        return 0;
+    });
+    EXPECT_EQ(nCode, 0);
+    EXPECT_EQ(readFile(path), "small\nafter\n");
+}
+
+TEST(LogFileRecordsTest, DiscardedRecordLeavesNothingBehind) {
+    TempDir dir;
+    const std::string path = dir.file("discard.log");
+    LogFile file;
+    file.openTruncate(wide(path));
+    writeText(file, "kept\n");
+    file.endRecord();
+    writeText(file, "half of a");
+    file.discardRecord();
+    writeText(file, std::string(LogFile::kBufferSize + 10, 'h'));  // partly in the file already
+    file.discardRecord();
+    file.close();
+    EXPECT_EQ(readFile(path), "kept\n");
+}
+
+TEST(LogFileRecordsTest, DetachedFileHandsWhatItHeldToTheNextFile) {
+    TempDir dir;
+    const std::string strFirst = dir.file("first.log");
+    const std::string strNext = dir.file("next.log");
+    LogFile file;
+    file.openTruncate(wide(strFirst));
+    writeText(file, "written\n");
+    file.flush();
+    writeText(file, "held\n");
+    file.endRecord();
+    file.detach();
+    EXPECT_FALSE(file.isOpen());
+    file.createWith(wide(strNext), 0640, "\xEF\xBB\xBF", 3);
+    file.openAppend(wide(strNext));
+    writeText(file, "more\n");
+    file.close();
+    EXPECT_EQ(readFile(strFirst), "written\n");
+    EXPECT_EQ(readFile(strNext), "\xEF\xBB\xBFheld\nmore\n");
 }
 
 }  // namespace

@@ -148,6 +148,52 @@ const ExternalMessage kmsgLogConfigPatternMatchesNoSource(
     "insert=\"5\"/>' (writer ids <kivm:param insert=\"6\"/>) is a pattern "
     "that matches no existing log source.</TEXT></WebMessage>");
 
+const ExternalMessage kmsgLogConfigFilesNTooLarge(
+    L"kmsgLogConfigFilesNTooLarge", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigFilesNTooLarge\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "Failed to init log writer <kivm:param insert=\"1\"/>. The attribute filesN of its Writer "
+    "element must be at most <kivm:param insert=\"2\"/>, not '<kivm:param insert=\"3\"/>'."
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigFileModeInvalid(
+    L"kmsgLogConfigFileModeInvalid", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigFileModeInvalid\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "Failed to init log writer <kivm:param insert=\"1\"/>. The attribute fileMode of its Writer "
+    "element must be permission bits in octal such as 0640, not '<kivm:param insert=\"2\"/>'."
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogWriterRingInUse(
+    L"kmsgLogWriterRingInUse", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogWriterRingInUse\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "Failed to init log writer <kivm:param insert=\"1\"/>. The log files "
+    "<kivm:param insert=\"2\"/> already belong to log writer <kivm:param insert=\"3\"/> of "
+    "this process.</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogWriterWriteStopped(
+    L"kmsgLogWriterWriteStopped", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogWriterWriteStopped\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "Log writer <kivm:param insert=\"1\"/> cannot write to <kivm:param insert=\"2\"/> and "
+    "tries again every second, keeping what its buffer holds: <kivm:param insert=\"3\"/>"
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogWriterWriteResumed(
+    L"kmsgLogWriterWriteResumed", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogWriterWriteResumed\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "Log writer <kivm:param insert=\"1\"/> writes to <kivm:param insert=\"2\"/> again; "
+    "<kivm:param insert=\"3\"/> messages were dropped meanwhile.</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogWriterFileVanished(
+    L"kmsgLogWriterFileVanished", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogWriterFileVanished\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "Log writer <kivm:param insert=\"1\"/> found its file <kivm:param insert=\"2\"/> removed "
+    "or replaced; it goes on with a new file.</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogWriterFileNotRegular(
+    L"kmsgLogWriterFileNotRegular", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogWriterFileNotRegular\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "Log writer <kivm:param insert=\"1\"/> does not write to <kivm:param insert=\"2\"/>: it "
+    "is a symbolic link or not a regular file. The writer skips it.</TEXT></WebMessage>");
+
 void reportLoggerProblem(const GDValue& message) noexcept {
     try {
         StringBufferTemplate<511, wchar_t> text;

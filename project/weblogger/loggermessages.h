@@ -34,6 +34,27 @@ extern const ExternalMessage kmsgLogFormats;
 extern const ExternalMessage kmsgLogConfigFilesNInvalid;
 // "Log writer " insert 1 " stopped writing to " insert 2 " and is disabled: " insert 3
 extern const ExternalMessage kmsgLogWriterFileFailure;
+// "Failed to init log writer " insert 1 ". The attribute filesN of its Writer element must be
+// at most " insert 2 ", not '" insert 3 "'."
+extern const ExternalMessage kmsgLogConfigFilesNTooLarge;
+// "Failed to init log writer " insert 1 ". The attribute fileMode of its Writer element must be
+// permission bits in octal such as 0640, not '" insert 2 "'."
+extern const ExternalMessage kmsgLogConfigFileModeInvalid;
+// "Failed to init log writer " insert 1 ". The log files " insert 2 " already belong to log
+// writer " insert 3 " of this process."
+extern const ExternalMessage kmsgLogWriterRingInUse;
+// "Log writer " insert 1 " cannot write to " insert 2 " and tries again every second, keeping
+// what its buffer holds: " insert 3
+extern const ExternalMessage kmsgLogWriterWriteStopped;
+// "Log writer " insert 1 " writes to " insert 2 " again; " insert 3 " messages were dropped
+// meanwhile."
+extern const ExternalMessage kmsgLogWriterWriteResumed;
+// "Log writer " insert 1 " found its file " insert 2 " removed or replaced; it goes on with a
+// new file."
+extern const ExternalMessage kmsgLogWriterFileVanished;
+// "Log writer " insert 1 " does not write to " insert 2 ": it is a symbolic link or not a
+// regular file. The writer skips it."
+extern const ExternalMessage kmsgLogWriterFileNotRegular;
 
 // Diagnostics of the filter-records reader: values that read as something other than what
 // they look like. Inserts: 1 file, 2 line, 3 element, 4 attribute, 5 text as written, 6 what

@@ -542,3 +542,64 @@ TEST(BinaryFileTest, WriteBeyondFileSizeLimitThrowsAfterPartialWrite) {
 
 }  // namespace
 }  // namespace kiv
+
+namespace kiv {
+namespace {
+
+TEST(BinaryFileNoFollowTest, RefusesLinksAndAnythingButRegularFiles) {
+    TempDir dir;
+    const std::string victim = dir.write("victim.txt", "keep");
+    const std::string link = dir.file("link.log");
+    ASSERT_EQ(::symlink(victim.c_str(), link.c_str()), 0);
+    const std::string fifo = dir.file("fifo.log");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    BinaryFile file;
+    for (BinaryFile::FileCreation nCreation :
+         {BinaryFile::kCreateAlways, BinaryFile::kOpenExisting, BinaryFile::kOpenAlways}) {
+        try {
+            file.open(wide(link), BinaryFile::kSharedReadWriteAccess, nCreation,
+                      BinaryFile::kThrowException, BinaryFile::kHFNoFollow);
+            FAIL() << "opened through a link";
+        } catch (const FileException& e) {
+            EXPECT_EQ(e.getErrno(), ELOOP);
+        }
+        // A FIFO neither blocks the open nor is written.
+        try {
+            file.open(wide(fifo), BinaryFile::kSharedReadWriteAccess, nCreation,
+                      BinaryFile::kThrowException, BinaryFile::kHFNoFollow);
+            FAIL() << "opened a FIFO";
+        } catch (const FileException& e) {
+            EXPECT_EQ(e.getErrno(), EINVAL);
+        }
+        EXPECT_FALSE(file.isOpen());
+    }
+    EXPECT_EQ(readFile(victim), "keep");
+}
+
+TEST(BinaryFileNoFollowTest, CreationModeSetModeAndTruncate) {
+    TempDir dir;
+    const std::string path = dir.file("mode.log");
+    const mode_t nOldMask = ::umask(077);
+    BinaryFile file;
+    ASSERT_TRUE(file.open(wide(path), BinaryFile::kSharedReadWriteAccess, BinaryFile::kCreateAlways,
+                          BinaryFile::kReturnFalse, BinaryFile::kHFNoFollow, 0640));
+    ::umask(nOldMask);
+    struct stat st;
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);  // the umask took the group's bit
+    EXPECT_TRUE(file.setMode(0640, BinaryFile::kReturnFalse));
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+
+    ASSERT_TRUE(writeAll(file, "0123456789"));
+    EXPECT_TRUE(file.truncate(4, BinaryFile::kReturnFalse));
+    EXPECT_EQ(file.getKnownSize(), 4);
+    EXPECT_EQ(file.getKnownPosition(), 4);
+    ASSERT_TRUE(writeAll(file, "ab"));
+    file.close(BinaryFile::kReturnFalse);
+    EXPECT_EQ(readFile(path), "0123ab");
+    EXPECT_FALSE(file.truncate(0, BinaryFile::kReturnFalse));
+}
+
+}  // namespace
+}  // namespace kiv

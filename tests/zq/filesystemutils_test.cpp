@@ -277,3 +277,87 @@ TEST(FilePathTest, BuiltPathOpensAsAFile) {
 
 }  // namespace
 }  // namespace kiv
+
+namespace kiv {
+namespace {
+
+TEST(FileSystemUtilsModeTest,
+     CreatedDirectoriesGetTheirModeWhateverTheUmaskExistingOnesKeepTheirs) {
+    TempDir dir;
+    ASSERT_EQ(::mkdir(dir.file("old").c_str(), 0711), 0);
+    const mode_t nOldMask = ::umask(077);
+    EXPECT_TRUE(FileSystemUtils::createDirectoryHierarchy(wide(dir.file("old/new/deeper")),
+                                                          kOnErrorReturn, 0750));
+    ::umask(nOldMask);
+    struct stat st;
+    ASSERT_EQ(::stat(dir.file("old").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0711u);
+    for (const char* pszNew : {"old/new", "old/new/deeper"}) {
+        ASSERT_EQ(::stat(dir.file(pszNew).c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0750u) << pszNew;
+    }
+}
+
+TEST(FileSystemUtilsScanTest, VisitsEveryEntryOnceWithoutFollowingLinks) {
+    TempDir dir;
+    dir.write("a.log", "12345");
+    ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0700), 0);
+    ASSERT_EQ(::symlink(dir.file("a.log").c_str(), dir.file("link.log").c_str()), 0);
+    std::string strSeen;
+    long long nSizeOfA = -1;
+    bool bLinkSeenAsLink = false;
+    EXPECT_TRUE(FileSystemUtils::scanDirectory(
+        wide(dir.path()), [&](std::string_view name, const FileStats& stats) {
+            strSeen += std::string(name) + ";";
+            if (name == "a.log") {
+                nSizeOfA = stats.bIsRegular ? stats.nSize : -2;
+            }
+            if (name == "link.log") {
+                bLinkSeenAsLink = stats.bIsSymbolicLink && !stats.bIsRegular;
+            }
+        }));
+    EXPECT_EQ(strSeen.size(), std::string("a.log;sub;link.log;").size()) << strSeen;
+    EXPECT_EQ(nSizeOfA, 5);
+    EXPECT_TRUE(bLinkSeenAsLink);
+    EXPECT_FALSE(FileSystemUtils::scanDirectory(wide(dir.file("missing")),
+                                                [](std::string_view, const FileStats&) {}));
+    EXPECT_THROW(
+        FileSystemUtils::scanDirectory(
+            wide(dir.file("missing")), [](std::string_view, const FileStats&) {}, kOnErrorThrow),
+        FileException);
+}
+
+TEST(FileSystemUtilsScanTest, CanonicalPathResolvesLinksAndDots) {
+    TempDir dir;
+    ASSERT_EQ(::mkdir(dir.file("real").c_str(), 0700), 0);
+    ASSERT_EQ(::symlink(dir.file("real").c_str(), dir.file("alias").c_str()), 0);
+    String strViaLink;
+    String strReal;
+    ASSERT_TRUE(FileSystemUtils::getCanonicalPath(wide(dir.file("alias/../alias")), strViaLink));
+    ASSERT_TRUE(FileSystemUtils::getCanonicalPath(wide(dir.file("real")), strReal));
+    EXPECT_TRUE(strViaLink == strReal);
+    EXPECT_FALSE(FileSystemUtils::getCanonicalPath(wide(dir.file("missing")), strReal));
+}
+
+TEST(FileSystemUtilsScanTest, OpenFileWhoseNameWasRemovedHasNoLinks) {
+    TempDir dir;
+    const std::string path = dir.write("gone.log", "x");
+    BinaryFile file;
+    ASSERT_TRUE(file.open(wide(path), BinaryFile::kSharedReadWriteAccess, BinaryFile::kOpenExisting,
+                          BinaryFile::kReturnFalse));
+    FileStats before;
+    ASSERT_TRUE(FileSystemUtils::getOpenFileStats(file.getDescriptor(), before));
+    FileStats named;
+    ASSERT_TRUE(FileSystemUtils::getNativeFileStats(path.c_str(), named));
+    EXPECT_EQ(before.nLinks, 1u);
+    EXPECT_EQ(before.nInode, named.nInode);
+    EXPECT_EQ(before.nDevice, named.nDevice);
+    ASSERT_EQ(::unlink(path.c_str()), 0);
+    FileStats after;
+    ASSERT_TRUE(FileSystemUtils::getOpenFileStats(file.getDescriptor(), after));
+    EXPECT_EQ(after.nLinks, 0u);
+    EXPECT_FALSE(FileSystemUtils::getNativeFileStats(path.c_str(), named));
+}
+
+}  // namespace
+}  // namespace kiv

@@ -68,7 +68,7 @@ bool BinaryFile::fail(const wchar_t* pszOperation, int nErrno, OnError nOnError)
 }
 
 bool BinaryFile::open(const String& path, FileAccessFlags nAccess, FileCreation nCreation,
-                      OnError nOnError, HandleFlags) {
+                      OnError nOnError, HandleFlags nHandleFlags, unsigned nCreationMode) {
     close(kReturnFalse);
     m_strPath = path;
 
@@ -108,17 +108,28 @@ bool BinaryFile::open(const String& path, FileAccessFlags nAccess, FileCreation 
     if (path.find(L'\0') != String::npos) {
         return fail(L"open file", EINVAL, nOnError);
     }
+    const bool bNoFollow = (nHandleFlags & kHFNoFollow) != 0;
+    if (bNoFollow) {
+        // O_NONBLOCK only so that a FIFO under the name cannot block the open; a regular file
+        // ignores it.
+        nFlags |= O_NOFOLLOW | O_NONBLOCK;
+    }
     const NString strNative = toUtf8(path.view());
     int nFd;
     do {
-        nFd = ::open(strNative.c_str(), nFlags, 0644);
+        nFd = ::open(strNative.c_str(), nFlags, static_cast<mode_t>(nCreationMode));
     } while (nFd < 0 && errno == EINTR);
     if (nFd < 0) {
         return fail(L"open file", errno, nOnError);
     }
-    m_nFd = nFd;
     struct stat st;
-    m_nKnownSize = ::fstat(nFd, &st) == 0 ? static_cast<long long>(st.st_size) : 0;
+    const bool bStat = ::fstat(nFd, &st) == 0;
+    if (bNoFollow && (!bStat || !S_ISREG(st.st_mode))) {
+        ::close(nFd);
+        return fail(L"open file", EINVAL, nOnError);
+    }
+    m_nFd = nFd;
+    m_nKnownSize = bStat ? static_cast<long long>(st.st_size) : 0;
     m_nKnownPosition = 0;
     return true;
 }
@@ -212,6 +223,29 @@ long long BinaryFile::getSize(OnError nOnError) const {
         return -1;
     }
     return static_cast<long long>(st.st_size);
+}
+
+bool BinaryFile::truncate(long long nSize, OnError nOnError) {
+    if (m_nFd < 0) {
+        return fail(L"truncate file", EBADF, nOnError);
+    }
+    int nResult;
+    do {
+        nResult = ::ftruncate(m_nFd, static_cast<off_t>(nSize));
+    } while (nResult < 0 && errno == EINTR);
+    if (nResult < 0 || ::lseek(m_nFd, static_cast<off_t>(nSize), SEEK_SET) < 0) {
+        return fail(L"truncate file", errno, nOnError);
+    }
+    m_nKnownSize = nSize;
+    m_nKnownPosition = nSize;
+    return true;
+}
+
+bool BinaryFile::setMode(unsigned nMode, OnError nOnError) {
+    if (::fchmod(m_nFd, static_cast<mode_t>(nMode)) < 0) {
+        return fail(L"set the mode of file", errno, nOnError);
+    }
+    return true;
 }
 
 bool BinaryFile::close(OnError nOnError) {

@@ -8,8 +8,11 @@
 // the separate, slow step that asks the kernel to put them on the disk (fdatasync).
 //
 // Paths are wide Strings converted to UTF-8 for the system. Files are opened close-on-exec (a
-// CGI or helper process the server starts must not inherit its log files) with mode 0644, to
-// which the process umask applies. The share bits of FileAccessFlags are accepted and ignored:
+// CGI or helper process the server starts must not inherit its log files). A file that open
+// creates gets the creation mode given to open (0644 unless said otherwise) with the process
+// umask applied; setMode sets the exact mode afterwards. kHFNoFollow refuses to open through a
+// symbolic link (ELOOP) and anything that is not a regular file (EINVAL), without blocking on
+// a FIFO planted under the name. The share bits of FileAccessFlags are accepted and ignored:
 // POSIX has no share modes, every opener may read and write alongside the others.
 //
 // Thread-safety: none. One BinaryFile belongs to one owner that serialises its calls (the log
@@ -56,7 +59,7 @@ public:
         kCreateNew = 4      // fail with EEXIST when the file exists
     };
     enum OnError { kReturnFalse = 0, kThrowException = 65535 };
-    enum HandleFlags { kHFNone = 0 };
+    enum HandleFlags { kHFNone = 0, kHFNoFollow = 1 };
     enum Whence { kSeekSet = 1, kSeekCur = 2, kSeekEnd = 3 };
 
     BinaryFile() noexcept = default;
@@ -70,7 +73,7 @@ public:
     // An open file is closed first (ignoring a failure of that close). After a failed open the
     // object is closed.
     bool open(const String& path, FileAccessFlags nAccess, FileCreation nCreation, OnError nOnError,
-              HandleFlags nFlags = kHFNone);
+              HandleFlags nFlags = kHFNone, unsigned nCreationMode = 0644);
     bool isOpen() const noexcept { return m_nFd >= 0; }
 
     // Seeking past the end is allowed; a later write leaves a hole of zero bytes.
@@ -93,6 +96,13 @@ public:
     // then kept up to date by this handle's own seeks and writes. Another process writing the
     // same file is not seen; for a file only this handle writes it equals getSize.
     long long getKnownSize() const noexcept { return m_nKnownSize; }
+
+    // The position as this handle knows it, without a system call.
+    long long getKnownPosition() const noexcept { return m_nKnownPosition; }
+    // Cuts the file to nSize bytes and goes on writing there.
+    bool truncate(long long nSize, OnError nOnError);
+    // Sets the permission bits exactly (fchmod), whatever the umask did at creation.
+    bool setMode(unsigned nMode, OnError nOnError);
 
     // Closing a closed file succeeds. The descriptor is released even when close(2) reports an
     // error (on Linux it is gone either way), so the object is closed afterwards in every case.

@@ -14,6 +14,8 @@
 #pragma once
 
 #include <ctime>
+#include <functional>
+#include <string_view>
 
 #include "zq/webkeel/string.h"
 
@@ -33,6 +35,11 @@ struct FileStats {
     // The sub-second part of the modification time: files of a ring rotated within the same
     // second are still told apart by it.
     long nModifiedNanoseconds = 0;
+    // Which file this is: the same device and inode are the same file, under whatever name.
+    unsigned long long nDevice = 0;
+    unsigned long long nInode = 0;
+    // Names the file has; 0 for an open file whose last name was removed.
+    unsigned long long nLinks = 0;
 };
 
 class FilePath;
@@ -51,10 +58,32 @@ public:
                              LinkHandling nLinks = kResolveLinks,
                              FileSystemOnError nOnError = kOnErrorReturn);
 
-    // Like mkdir -p with mode 0755 (before the umask): true when the path is a directory
-    // afterwards, also when it was one already or another process made it meanwhile.
+    // The same for a path already in the system's form (UTF-8): no conversion, no allocation,
+    // for callers that look at the same path again and again.
+    static bool getNativeFileStats(const char* pszPath, FileStats& out,
+                                   LinkHandling nLinks = kResolveLinks);
+
+    // The statistics of an open file descriptor (fstat); false when it cannot be examined.
+    static bool getOpenFileStats(int nFd, FileStats& out);
+
+    // Like mkdir -p: true when the path is a directory afterwards, also when it was one already
+    // or another process made it meanwhile. The directories it creates get exactly nMode,
+    // whatever the umask; those that existed keep theirs.
     static bool createDirectoryHierarchy(const String& path,
-                                         FileSystemOnError nOnError = kOnErrorReturn);
+                                         FileSystemOnError nOnError = kOnErrorReturn,
+                                         unsigned nMode = 0755);
+
+    // Calls visit once for every entry of the directory but "." and "..", with its name as the
+    // system gives it (UTF-8 bytes) and its statistics, links not resolved. One pass over the
+    // directory and one examination per entry: the cost grows with what the directory holds.
+    // False when the directory cannot be read (entries that vanish meanwhile are skipped).
+    static bool scanDirectory(const String& path,
+                              const std::function<void(std::string_view, const FileStats&)>& visit,
+                              FileSystemOnError nOnError = kOnErrorReturn);
+
+    // The path with every link and "." or ".." resolved (realpath); false when it does not
+    // exist.
+    static bool getCanonicalPath(const String& path, String& out);
 
     // Removes a file (not a directory). False when it could not be removed, a missing file
     // included.

@@ -9,18 +9,42 @@
 // - The size rotation compares the size the writer's file handle has written (known without
 //   a system call) with the limit; bytes still in the buffer do not count, as with the size
 //   the system reports, and nothing but this writer writes its files.
-// - "filesN" of 0 (or a value that does not read as a number) is refused: initialize reports
-//   the configuration error and returns false, and the writer is not used.
-// - A failure of the file layer while writing (disk full, file removed, permissions) is
-//   reported once on standard error with the file's path and the system's error, the writer
-//   disables itself so that the other writers keep receiving every message, and the error
-//   passes to the dispatcher, which never lets it reach the caller. Everything written before
-//   the failure stays in the file; the writer stays disabled until it is configured again.
+// - "filesN" must be a decimal number from 1 to kMaxNumberOfFiles; anything else (0, text,
+//   "1e9", "-1", 4294967295) is refused: initialize reports it and returns false. The ring is
+//   found by one pass over the directory, so the cost of a restart follows the files present,
+//   not "filesN"; the bound only keeps a typing error from naming a ring no one means.
+// - Resuming: the newest file by modification time (with its sub-second part). Files that
+//   share the newest time are what a file system with whole-second times leaves after several
+//   rotations within one second; see findNewestFile for how the writer tells them apart.
+// - A ring belongs to one writer of the process: a second writer initialised on the same
+//   directory (after links are resolved) and prefix is refused with a report, since the two
+//   would overwrite each other's files. A retired writer no longer holds its ring.
+// - Files are never opened through a symbolic link, and only regular files are written: a
+//   link or anything else found under a ring file's name is reported and that slot skipped
+//   (never followed, never truncated). Links in the directory are not resumed either.
+// - Modes: new log files get "fileMode" (octal, default 0640; the owner must keep reading and
+//   writing) exactly, whatever the process umask; the directories the writer creates get the
+//   matching mode: search permission wherever the file mode grants reading, all three for the
+//   owner (0640 gives 0750, 0600 gives 0700). Existing directories and the files of a resumed
+//   ring keep the modes they have.
+// - Failures never reach the caller and never disable the writer:
+//   * A write that fails (disk full, quota, I/O error) leaves only whole lines in the file
+//     (see LogFile). The writer keeps what its buffer holds, reports once that it stopped,
+//     tries again at most once a second and resumes by itself, reporting how many messages
+//     it had to drop meanwhile.
+//   * Once a second the writer checks that its file still has its name; a file removed or
+//     replaced (and a removed directory) is reported, the directory created again and the ring
+//     continued with the next, fresh file, which also receives what was not yet written.
+//   * A file that cannot be created is tried again once a second, at the same slot; messages
+//     meanwhile are dropped and counted.
+//   The checks read the wall clock the writer reads anyway (no system call on Linux), so a
+//   message costs no system call beyond its write.
 //
-// Locking: the writer's own lock is held for the whole of initializeByTime/initializeBySize
-// and of logMessage (rotation, rendering, flush), so rotation and writing never interleave.
+// Locking: the writer's own lock is held for the whole of initializeByTime/initializeBySize,
+// logMessage and flush (rotation, rendering, flush), so rotation and writing never interleave.
 // initialize replaces the message writer before taking it, and appendFilePrefix takes no lock:
-// neither may run while another thread logs through the same writer.
+// neither may run while another thread logs through the same writer. The process-wide table of
+// rings is taken under a writer's lock, never the other way round.
 #pragma once
 
 #include <cstdint>
@@ -41,6 +65,9 @@ public:
     static constexpr std::uint64_t kDefaultFileSizeMax = 1048576;
     static constexpr std::uint32_t kDefaultRotationIntervalSeconds = 86400;
     static constexpr std::uint32_t kDefaultNumberOfFiles = 10;
+    // The largest "filesN": a million files is more than any directory of logs is read with.
+    static constexpr std::uint32_t kMaxNumberOfFiles = 1000000;
+    static constexpr unsigned kDefaultFileMode = 0640;
 
     FileLogWriter(const String& name, short id, WriterType type,
                   const Handle<const WriterFilter>& filter);
@@ -58,6 +85,11 @@ public:
     bool initializeBySize(const String& dir, const String& prefix, unsigned filesN,
                           unsigned long maxBytes, bool autoFlush);
 
+    // Writes what the buffer holds to the file now (for a host before fork or in a signal
+    // handler's thread, and for shutdown); a stalled file is tried once more. Never throws; a
+    // failure is handled as any other.
+    void flush() noexcept;
+
     // Gives this writer its own family of files: "<prefix>-<part>-<index>.log". The next
     // message opens that ring, resuming its newest file.
     void appendFilePrefix(const String& part);
@@ -74,6 +106,8 @@ public:
     std::uint32_t getNumberOfFiles() const noexcept { return m_iNumberOfFiles; }
     bool isAutoFlush() const noexcept { return m_bAutoFlush; }
     const String& getFilePrefix() const noexcept { return m_strFilePrefix; }
+    unsigned getFileMode() const noexcept { return m_nFileMode; }
+    unsigned getDirectoryMode() const noexcept { return m_nDirectoryMode; }
 
 private:
     bool initializeRing(ERotationType eType, const String& dir, const String& prefix,
@@ -84,7 +118,19 @@ private:
     bool openFile();
     // Picks the newest existing file of the ring, or -1 when none exists.
     long findNewestFile();
-    void disableAfterFailure(const Exception& failure);
+    // Creates the current slot afresh, or the next ones when a slot holds a link or something
+    // else than a regular file.
+    void startFreshFile();
+    // Once a second: retries a stalled write, re-arms a failed open, notices a vanished file.
+    void checkFile() noexcept;
+    bool hasFileVanished() const noexcept;
+    void noteOpenFailure(const FileException& failure) noexcept;
+    // Reports the start and the end of a time without writing.
+    void reportWriteState() noexcept;
+    // Takes the ring of the current directory and prefix for this writer; false (reported)
+    // when another live writer of the process has it.
+    bool claimRing();
+    void releaseRing() noexcept;
 
     FilePath m_tCurFilePath;
     DirectoryPath m_strFileDirectory;
@@ -98,6 +144,24 @@ private:
     std::uint32_t m_iNumberOfFiles = kDefaultNumberOfFiles;
     MessageWriterHandle<LogFile> m_pMessageWriter;
     bool m_bAutoFlush = true;
+    unsigned m_nFileMode = kDefaultFileMode;
+    unsigned m_nDirectoryMode = 0750;
+    // The second in which the once-a-second checks last ran.
+    std::time_t m_tLastCheck = 0;
+    // Not writing: reported once, with the messages dropped counted until it ends.
+    bool m_bOutageReported = false;
+    // The last attempt to create or open a file failed; the next one comes with the check.
+    bool m_bOpenFailed = false;
+    // The slot whose creation failed is tried again instead of moving on.
+    bool m_bRetrySameSlot = false;
+    std::uint64_t m_nDroppedMessages = 0;
+    // Canonical directory and prefix of the ring this writer holds; empty when none.
+    String m_strRingKey;
+    FileLogWriter* m_pNextRingOwner = nullptr;
+    // The current path in the system's form, made at each change of file, so that the check
+    // once a second allocates nothing.
+    NString m_strCurFileNative;
+    bool m_bInRingTable = false;
 };
 
 }  // namespace kiv

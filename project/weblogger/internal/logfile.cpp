@@ -1,55 +1,59 @@
 #include "weblogger/internal/logfile.h"
 
-#include "zq/webkeel/encoding.h"
-
 #include <cerrno>
+#include <cstring>
+
+#include "zq/webkeel/encoding.h"
 
 namespace kiv {
 
-LogFile::LogFile() {
-    // In the body, not the member initialisers: the file is declared after the streams, and the
-    // adaptor is bound to a constructed file. If the second stream cannot be made, the first is
-    // released with the members.
-    m_pUnBufferedStream.reset(ZQ_NEW UnbufferedFileOutputStream(m_file));
-    m_pBufferedStream.reset(ZQ_NEW BufferedOutputStream(*m_pUnBufferedStream));
-}
+LogFile::LogFile() : m_pBuffer(new char[kBufferSize]) {}
 
 LogFile::~LogFile() {
-    if (m_pBufferedStream != nullptr && m_file.isOpen()) {
+    if (m_file.isOpen()) {
         try {
-            m_pBufferedStream->flush();
+            close();
         } catch (...) {
-            // Nobody to report to from a destructor; the bytes that failed are dropped.
+            // Nobody to report to from a destructor; the records that failed are dropped.
         }
     }
-    m_pBufferedStream.reset();
-    m_pUnBufferedStream.reset();
     m_file.close(BinaryFile::kReturnFalse);
 }
 
-void LogFile::openFile(const String& path, BinaryFile::FileCreation nCreation) {
+void LogFile::startFile() noexcept {
+    m_nCleanEnd = m_file.getKnownPosition();
+    m_bPartialInFile = false;
+    m_bStalled = false;
+    m_nStallErrno = 0;
+}
+
+void LogFile::openFile(const String& path, BinaryFile::FileCreation nCreation, unsigned nMode) {
     // Bytes of the previous file belong in that file, not at the start of the next one.
     close();
     m_file.open(path, BinaryFile::kSharedReadWriteAccess, nCreation, BinaryFile::kThrowException,
-                BinaryFile::kHFNone);
+                BinaryFile::kHFNoFollow, nMode);
 }
 
-void LogFile::openTruncate(const String& path) {
-    openFile(path, BinaryFile::kCreateAlways);
+void LogFile::openTruncate(const String& path, unsigned nMode) {
+    openFile(path, BinaryFile::kCreateAlways, nMode);
+    // A file we do not own keeps its mode (EPERM): it is still written.
+    m_file.setMode(nMode, BinaryFile::kReturnFalse);
+    startFile();
 }
 
 void LogFile::openAppend(const String& path) {
-    openFile(path, BinaryFile::kOpenExisting);
+    openFile(path, BinaryFile::kOpenExisting, kDefaultFileMode);
     try {
         m_file.seek(BinaryFile::kSeekEnd, 0, BinaryFile::kThrowException);
     } catch (...) {
         m_file.close(BinaryFile::kReturnFalse);
         throw;
     }
+    startFile();
 }
 
 void LogFile::openAppend(const String& path, unsigned long nOffset) {
-    openFile(path, BinaryFile::kOpenExisting);
+    openFile(path, BinaryFile::kOpenExisting, kDefaultFileMode);
     try {
         // An offset beyond what a long holds becomes negative here, which lseek refuses
         // (EINVAL) instead of seeking somewhere else.
@@ -58,6 +62,18 @@ void LogFile::openAppend(const String& path, unsigned long nOffset) {
         m_file.close(BinaryFile::kReturnFalse);
         throw;
     }
+    startFile();
+}
+
+void LogFile::createWith(const String& path, unsigned nMode, const void* pFirst,
+                         unsigned long nFirst) {
+    BinaryFile file;
+    file.open(path, BinaryFile::kSharedReadWriteAccess, BinaryFile::kCreateAlways,
+              BinaryFile::kThrowException, BinaryFile::kHFNoFollow, nMode);
+    file.setMode(nMode, BinaryFile::kReturnFalse);
+    unsigned long nWritten = 0;
+    file.writeBytes(pFirst, nFirst, nWritten, BinaryFile::kThrowException);
+    file.close(BinaryFile::kThrowException);
 }
 
 void LogFile::requireOpen(const wchar_t* pszOperation) const {
@@ -66,57 +82,195 @@ void LogFile::requireOpen(const wchar_t* pszOperation) const {
     }
 }
 
+void LogFile::loseRecord() noexcept {
+    m_nUsed = m_nRecordEnd;
+    m_bRecordLost = true;
+    m_bPartialInFile = false;
+}
+
+void LogFile::writeOut(unsigned long n, bool bWholeRecords) {
+    unsigned long nWritten = 0;
+    if (m_file.writeBytes(m_pBuffer.get(), n, nWritten, BinaryFile::kReturnFalse)) {
+        std::memmove(m_pBuffer.get(), m_pBuffer.get() + n, m_nUsed - n);
+        m_nUsed -= n;
+        if (bWholeRecords) {
+            m_nRecordEnd -= n;
+            m_nRecordsBuffered = 0;
+            m_nCleanEnd = m_file.getKnownPosition();
+            m_bPartialInFile = false;
+        } else {
+            m_bPartialInFile = true;
+        }
+        return;
+    }
+    m_nStallErrno = errno != 0 ? errno : EIO;
+    m_bStalled = true;
+    // Cutting a file shorter needs no space; should it fail all the same, retryWrite cuts
+    // before it writes anything.
+    m_file.truncate(m_nCleanEnd, BinaryFile::kReturnFalse);
+    if (!bWholeRecords) {
+        loseRecord();
+    }
+}
+
+bool LogFile::makeRoom(unsigned long n) {
+    while (kBufferSize - m_nUsed < n) {
+        if (m_bStalled) {
+            loseRecord();
+            return false;
+        }
+        if (m_nRecordEnd > 0) {
+            writeOut(m_nRecordEnd, true);
+        } else {
+            // One record larger than the buffer: its first part goes ahead of its end.
+            writeOut(m_nUsed, false);
+            if (m_bRecordLost) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
 void LogFile::write(const void* p, unsigned long n) {
     requireOpen(L"write to file");
-    m_pBufferedStream->writeData(p, n);
+    const char* pBytes = static_cast<const char*>(p);
+    while (n != 0 && !m_bRecordLost) {
+        if (m_nUsed == kBufferSize && !makeRoom(1)) {
+            return;
+        }
+        const unsigned long nRoom = kBufferSize - m_nUsed;
+        const unsigned long nPiece = n < nRoom ? n : nRoom;
+        std::memcpy(m_pBuffer.get() + m_nUsed, pBytes, nPiece);
+        m_nUsed += nPiece;
+        pBytes += nPiece;
+        n -= nPiece;
+    }
 }
 
 void LogFile::writeUtf8InPieces(const wchar_t* p, std::size_t n) {
     requireOpen(L"write to file");
-    // A UTF-8 sequence is at most 4 bytes; pieces of 1024 characters fit any buffer we use.
+    // A UTF-8 sequence is at most 4 bytes; pieces of 1024 characters fit the buffer.
     constexpr std::size_t kPieceChars = 1024;
     constexpr std::size_t kMaxBytesPerChar = 4;
-    while (n != 0) {
+    while (n != 0 && !m_bRecordLost) {
         const std::size_t nPiece = n < kPieceChars ? n : kPieceChars;
-        char* pOut = m_pBufferedStream->reserve(nPiece * kMaxBytesPerChar);
-        if (pOut == nullptr) {
-            // A buffer smaller than one piece: convert aside and write through.
-            char arrBytes[kPieceChars * kMaxBytesPerChar];
-            std::size_t nBytes = 0;
-            T2NEncodingUTF8<wchar_t>::encode(p, nPiece, arrBytes, sizeof(arrBytes), nBytes);
-            m_pBufferedStream->writeData(arrBytes, nBytes);
-        } else {
-            std::size_t nBytes = 0;
-            T2NEncodingUTF8<wchar_t>::encode(p, nPiece, pOut, nPiece * kMaxBytesPerChar, nBytes);
-            m_pBufferedStream->commit(nBytes);
+        const unsigned long nNeeded = static_cast<unsigned long>(nPiece * kMaxBytesPerChar);
+        if (kBufferSize - m_nUsed < nNeeded && !makeRoom(nNeeded)) {
+            return;
         }
+        std::size_t nBytes = 0;
+        T2NEncodingUTF8<wchar_t>::encode(p, nPiece, m_pBuffer.get() + m_nUsed, nNeeded, nBytes);
+        m_nUsed += static_cast<unsigned long>(nBytes);
         p += nPiece;
         n -= nPiece;
     }
 }
 
-void LogFile::flush() {
-    if (m_file.isOpen()) {
-        m_pBufferedStream->flush();
+void LogFile::endRecord() {
+    if (m_bRecordLost) {
+        m_bRecordLost = false;
+        m_nUsed = m_nRecordEnd;
+        ++m_nDroppedRecords;
+        return;
     }
+    if (m_nUsed == m_nRecordEnd) {
+        return;
+    }
+    m_nRecordEnd = m_nUsed;
+    ++m_nRecordsBuffered;
+    if (m_bPartialInFile) {
+        // The head of this record is in the file already: its end follows at once, so that a
+        // torn record never waits in the file for a later write.
+        writeOut(m_nRecordEnd, true);
+        if (m_bStalled) {
+            // The failed write cut the head off again: the tail alone is no record.
+            m_nUsed = 0;
+            m_nRecordEnd = 0;
+            m_nRecordsBuffered = 0;
+            ++m_nDroppedRecords;
+            ZQ_THROW(FileException(L"write to file", m_file.getPath(), m_nStallErrno));
+        }
+    }
+}
+
+void LogFile::discardRecord() noexcept {
+    if (m_bPartialInFile && !m_bStalled) {
+        // Its head is in the file: cut it off again.
+        m_file.truncate(m_nCleanEnd, BinaryFile::kReturnFalse);
+    }
+    m_nUsed = m_nRecordEnd;
+    m_bRecordLost = false;
+    m_bPartialInFile = false;
+}
+
+void LogFile::flush() {
+    if (!m_file.isOpen()) {
+        return;
+    }
+    endRecord();
+    if (m_bStalled || m_nUsed == 0) {
+        return;
+    }
+    writeOut(m_nUsed, true);
+    if (m_bStalled) {
+        ZQ_THROW(FileException(L"write to file", m_file.getPath(), m_nStallErrno));
+    }
+}
+
+bool LogFile::retryWrite() noexcept {
+    if (!m_bStalled) {
+        return true;
+    }
+    if (!m_file.truncate(m_nCleanEnd, BinaryFile::kReturnFalse)) {
+        m_nStallErrno = errno;
+        return false;
+    }
+    m_bStalled = false;
+    if (m_nRecordEnd > 0) {
+        writeOut(m_nRecordEnd, true);
+    }
+    return !m_bStalled;
 }
 
 void LogFile::close() {
     if (!m_file.isOpen()) {
         return;
     }
+    int nErrno = 0;
     try {
-        m_pBufferedStream->flush();
-    } catch (...) {
-        m_file.close(BinaryFile::kReturnFalse);
-        throw;
+        endRecord();
+    } catch (const FileException& failure) {
+        nErrno = failure.getErrno();
     }
+    m_nUsed = m_nRecordEnd;
+    // One more try for a stalled file: closing is rare, and what fails now is lost.
+    if (retryWrite() && m_nUsed != 0) {
+        writeOut(m_nUsed, true);
+    }
+    if (m_bStalled) {
+        nErrno = m_nStallErrno;
+        m_nDroppedRecords += m_nRecordsBuffered;
+    }
+    m_nUsed = 0;
+    m_nRecordEnd = 0;
+    m_nRecordsBuffered = 0;
+    m_bRecordLost = false;
     m_file.close(BinaryFile::kReturnFalse);
+    startFile();
+    if (nErrno != 0) {
+        ZQ_THROW(FileException(L"write to file", m_file.getPath(), nErrno));
+    }
+}
+
+void LogFile::detach() noexcept {
+    m_file.close(BinaryFile::kReturnFalse);
+    startFile();
 }
 
 long long LogFile::getSize() {
     requireOpen(L"get the size of file");
-    m_pBufferedStream->flush();
+    flush();
     return m_file.getSize(BinaryFile::kThrowException);
 }
 
@@ -124,7 +278,7 @@ bool LogFile::sync() {
     if (!m_file.isOpen()) {
         return false;
     }
-    m_pBufferedStream->flush();
+    flush();
     return m_file.sync(BinaryFile::kReturnFalse);
 }
 
