@@ -35,6 +35,16 @@ extern const ExternalMessage kmsgLogConfigFilesNInvalid;
 // "Log writer " insert 1 " stopped writing to " insert 2 " and is disabled: " insert 3
 extern const ExternalMessage kmsgLogWriterFileFailure;
 
+// "Failed to init log writer " insert 1 ". Its Writer element needs the attribute " insert 2
+// "."
+extern const ExternalMessage kmsgLogConfigAttributeMissing;
+// "Failed to init log writer " insert 1 ". The attribute " insert 2 " of its Writer element
+// cannot be '" insert 3 "'."
+extern const ExternalMessage kmsgLogConfigAttributeInvalid;
+// "Log writer " insert 1 " cannot reach the system log at " insert 2 " (" insert 3 "); the
+// messages it cannot send are dropped and counted."
+extern const ExternalMessage kmsgLogWriterSystemLogDropping;
+
 // The long and short names of the five message types.
 extern const ExternalMessage kmsgLogIncidentErrorLong;   // "INCIDENT_ERROR"
 extern const ExternalMessage kmsgLogIncidentErrorShort;  // "I_E"
