@@ -32,10 +32,14 @@ constexpr int kWorkers = 4;
 constexpr int kRequestsPerWorker = 250;
 
 // Console: errors and warnings, the important notifications; no traces. Files: everything.
+// The system log: incident errors and errors.
 void setThresholds(const LogSource& root) {
     LogFilter& filter = const_cast<LogSource&>(root).getLogFilter();
     filter.setLogLevelsForId(1, LogLevels(32, 32, 16, 1, 0));
     filter.setLogLevelsForId(2, LogLevels(65534, 65534, 65534, 65534, 65534));
+    // System log: incident errors and errors only.
+    filter.setLogLevelsForId(
+        3, LogLevels(65534, 65534, LogLevels::kNotSet, LogLevels::kNotSet, LogLevels::kNotSet));
 }
 
 // Unset thresholds of a source take its parent's, as the configuration does down the tree.

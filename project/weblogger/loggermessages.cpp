@@ -194,6 +194,26 @@ const ExternalMessage kmsgLogWriterFileNotRegular(
     "Log writer <kivm:param insert=\"1\"/> does not write to <kivm:param insert=\"2\"/>: it "
     "is a symbolic link or not a regular file. The writer skips it.</TEXT></WebMessage>");
 
+const ExternalMessage kmsgLogConfigAttributeMissing(
+    L"kmsgLogConfigAttributeMissing", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigAttributeMissing\" xmlns:kivm=\"urn:kiv:webmessages\">"
+    "<TEXT>Failed to init log writer <kivm:param insert=\"1\"/>. Its Writer element needs the "
+    "attribute <kivm:param insert=\"2\"/>.</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigAttributeInvalid(
+    L"kmsgLogConfigAttributeInvalid", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigAttributeInvalid\" xmlns:kivm=\"urn:kiv:webmessages\">"
+    "<TEXT>Failed to init log writer <kivm:param insert=\"1\"/>. The attribute "
+    "<kivm:param insert=\"2\"/> of its Writer element cannot be '<kivm:param insert=\"3\"/>'."
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogWriterSystemLogDropping(
+    L"kmsgLogWriterSystemLogDropping", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogWriterSystemLogDropping\" xmlns:kivm=\"urn:kiv:webmessages\">"
+    "<TEXT>Log writer <kivm:param insert=\"1\"/> cannot reach the system log at "
+    "<kivm:param insert=\"2\"/> (<kivm:param insert=\"3\"/>); the messages it cannot send are "
+    "dropped and counted.</TEXT></WebMessage>");
+
 void reportLoggerProblem(const GDValue& message) noexcept {
     try {
         StringBufferTemplate<511, wchar_t> text;

@@ -76,6 +76,16 @@ extern const ExternalMessage kmsgLogConfigGroupNotReferenced;
 // a pattern that matches no existing log source."
 extern const ExternalMessage kmsgLogConfigPatternMatchesNoSource;
 
+// "Failed to init log writer " insert 1 ". Its Writer element needs the attribute " insert 2
+// "."
+extern const ExternalMessage kmsgLogConfigAttributeMissing;
+// "Failed to init log writer " insert 1 ". The attribute " insert 2 " of its Writer element
+// cannot be '" insert 3 "'."
+extern const ExternalMessage kmsgLogConfigAttributeInvalid;
+// "Log writer " insert 1 " cannot reach the system log at " insert 2 " (" insert 3 "); the
+// messages it cannot send are dropped and counted."
+extern const ExternalMessage kmsgLogWriterSystemLogDropping;
+
 // The long and short names of the five message types.
 extern const ExternalMessage kmsgLogIncidentErrorLong;   // "INCIDENT_ERROR"
 extern const ExternalMessage kmsgLogIncidentErrorShort;  // "I_E"
