@@ -6,15 +6,10 @@
 #include "zq/webkeel/assert.h"
 #include "zq/webkeel/wildcard.h"
 
-// Internal checks of this unit report under the unit's name rather than the build path.
-#define LOGSOURCE_ASSERT(cond) \
-    ((cond)                    \
-         ? (void)0             \
-         : ::kiv::reportAssertion(::kiv::AssertionType::kAssert, #cond, kUnitFileName, __LINE__))
-
 namespace kiv {
 namespace {
 
+// Internal checks of this unit report under the unit's name rather than the build path.
 constexpr const char* kUnitFileName = "./project/weblogger/logsource";
 const wchar_t kSeparator = L'.';
 
@@ -59,9 +54,10 @@ ZQWString LogSource::toString() const {
 }
 
 void LogSource::addChildSource(LogSource& src) {
-    // clang-format off
-    LOGSOURCE_ASSERT(m_mapChildSources.insert(std::make_pair(src.getName(), &src )).second);
-    // clang-format on
+    const bool bAdded = m_mapChildSources.insert(std::make_pair(src.getName(), &src)).second;
+    ZQ_ASSERT_TEXT_IN(bAdded,
+                      "m_mapChildSources.insert(std::make_pair(src.getName(), &src )).second",
+                      kUnitFileName);
 }
 
 void LogSource::getSourceNames(std::vector<ZQWString>& names) const {
@@ -139,10 +135,10 @@ void LogSourcesMan::addLogSource(LogSource& src, bool bTopLevel) {
     LockGuard<CriticalSection> lock(m_tMonitor);
     if (bTopLevel) {
         const bool bInserted = m_mapChildSources.insert(std::make_pair(src.getName(), &src)).second;
-        LOGSOURCE_ASSERT(bInserted);
+        ZQ_ASSERT_TEXT_IN(bInserted, "bInserted", kUnitFileName);
     }
     const bool bInserted = m_mapAllChildSources.insert(std::make_pair(src.getPath(), &src)).second;
-    LOGSOURCE_ASSERT(bInserted);
+    ZQ_ASSERT_TEXT_IN(bInserted, "bInserted", kUnitFileName);
 }
 
 LogSource* LogSourcesMan::findLogSource(const ZQWString& fullPath) const {
@@ -169,7 +165,7 @@ LogSource* LogSourcesMan::getLogSource(const LogSource* pParent, const ZQWString
     if (pCur == nullptr) {
         const ZQWString::size_type iDot = name.find(kSeparator);
         const ZQWString strName = name.substr(0, iDot);
-        LOGSOURCE_ASSERT(!strName.empty());
+        ZQ_ASSERT_TEXT_IN(!strName.empty(), "!strName.empty()", kUnitFileName);
         pCur = getOrCreateChild(nullptr, strName);
         if (iDot == ZQWString::npos) {
             return pCur;
@@ -178,13 +174,16 @@ LogSource* LogSourcesMan::getLogSource(const LogSource* pParent, const ZQWString
     }
     for (;;) {
         const ZQWString::size_type iNewCurParseIndex = name.find(kSeparator, iCurParseIndex);
-        LOGSOURCE_ASSERT(iNewCurParseIndex == ZQWString::npos ||
-                         iNewCurParseIndex > iCurParseIndex);
+        ZQ_ASSERT_TEXT_IN(
+            iNewCurParseIndex == ZQWString::npos || iNewCurParseIndex > iCurParseIndex,
+            "iNewCurParseIndex == ZQWString::npos || iNewCurParseIndex > "
+            "iCurParseIndex",
+            kUnitFileName);
         const ZQWString strName =
             iNewCurParseIndex == ZQWString::npos
                 ? name.substr(iCurParseIndex)
                 : name.substr(iCurParseIndex, iNewCurParseIndex - iCurParseIndex);
-        LOGSOURCE_ASSERT(!strName.empty());
+        ZQ_ASSERT_TEXT_IN(!strName.empty(), "!strName.empty()", kUnitFileName);
         pCur = getOrCreateChild(pCur, strName);
         if (iNewCurParseIndex == ZQWString::npos) {
             return pCur;
