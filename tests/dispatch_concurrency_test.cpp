@@ -5,8 +5,8 @@
 #include <map>
 #include <thread>
 
-#include "weblogger/internal/dispatch.h"
 #include "weblogger/logsource.h"
+#include "weblogger/logwriters.h"
 #include "weblogger/logwritersman.h"
 #include "weblogger/tmlogger.h"
 

@@ -11,9 +11,9 @@
 #include "support/alloc_counter.h"
 #include "support/keel_logger_double.h"
 #include "support/test_writer.h"
-#include "weblogger/internal/dispatch.h"
 #include "weblogger/keelloggerlogimpl.h"
 #include "weblogger/loggermessages.h"
+#include "weblogger/logwriters.h"
 #include "weblogger/logwritersman.h"
 #include "zq/webutil/timezone.h"
 

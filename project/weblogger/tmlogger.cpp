@@ -2,11 +2,11 @@
 
 #include <atomic>
 
-#include "weblogger/internal/dispatch.h"
 #include "weblogger/internal/logtimezone.h"
 #include "weblogger/internal/ownfailures.h"
 #include "weblogger/loggermessages.h"
 #include "weblogger/logsource.h"
+#include "weblogger/logwriters.h"
 #include "zq/webkeel/keellogger.h"
 #include "zq/webthreadstorage/threadstatic.h"
 #include "zq/webutil/message.h"

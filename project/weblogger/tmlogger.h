@@ -22,7 +22,7 @@
 
 #include "weblogger/commonseverities.h"
 #include "weblogger/loggerstate.h"
-#include "weblogger/logwritersstate.h"
+#include "weblogger/logwriters.h"
 #include "zq/webkeel/exception.h"
 #include "zq/webkeel/gdvalue.h"
 #include "zq/webkeel/handle.h"
@@ -34,7 +34,6 @@ namespace kiv {
 class LogSource;
 class LogSourceHandle;
 class LogWriter;
-class LogWriters;
 class TimeZone;
 class KeelLogger;
 template <class T>

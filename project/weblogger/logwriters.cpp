@@ -1,4 +1,4 @@
-#include "weblogger/internal/dispatch.h"
+#include "weblogger/logwriters.h"
 
 #include <algorithm>
 #include <vector>
@@ -193,6 +193,19 @@ void LogWriters::redeliverToReplacements(const LogSeverity& severity, const GDVa
             return;
         }
     }
+}
+
+LogWritersState::LogWritersState() = default;
+LogWritersState::LogWritersState(const LogWritersState& other) = default;
+LogWritersState& LogWritersState::operator=(const LogWritersState& other) = default;
+LogWritersState::~LogWritersState() = default;
+
+void LogWritersState::clear() noexcept {
+    m_list.clear();
+}
+
+void LogWritersState::append(const LogWritersState& other) {
+    m_list.insert(m_list.end(), other.m_list.begin(), other.m_list.end());
 }
 
 }  // namespace kiv

@@ -1,4 +1,5 @@
-// One thread's writer set and the dispatch of a message to it.
+// One thread's writer set and the dispatch of a message to it; LogWritersState, the copyable
+// set of local writers a host saves, restores or hands over.
 //
 // LogWriters holds a copy of the registry's global writers (refreshed when the registry's
 // version changes: one relaxed load per message when it has not) and the thread's local
@@ -16,10 +17,10 @@
 #pragma once
 
 #include <atomic>
+#include <vector>
 
 #include "weblogger/commonseverities.h"
 #include "weblogger/loggerstate.h"
-#include "weblogger/logwritersstate.h"
 #include "zq/webkeel/gdvalue.h"
 #include "zq/webkeel/handle.h"
 #include "zq/webkeel/memalloc.h"
@@ -32,6 +33,23 @@ namespace logger_details {
 class LogWritersMan;
 }
 
+using LogWritersList = std::vector<Handle<LogWriter>>;
+
+class LogWritersState {
+public:
+    LogWritersState();
+    LogWritersState(const LogWritersState& other);
+    LogWritersState& operator=(const LogWritersState& other);
+    ~LogWritersState();
+    void swap(LogWritersState& other) noexcept { m_list.swap(other.m_list); }
+    void clear() noexcept;
+    // Appends the other state's writers after this state's.
+    void append(const LogWritersState& other);
+
+    LogWritersList m_list;
+};
+
+// The writer set of one thread.
 class LogWriters : public RefCountedBaseTemplate<MemAllocNewdel> {
 public:
     LogWriters();
