@@ -4,16 +4,27 @@
 // built through the writer registry's factories, as the configuration does; thresholds are set
 // on the sources directly.
 //
+// Each request runs under an execution context of its own, from the W3C Trace Context client
+// libwebctm (KIV_CTM_LIBRARY, or the one built beside this program): the "KLF-Text" lines in
+// the files show its ECID, the trace id and the span id. One request of each worker is finished
+// by a back-end thread, to which it travels as a traceparent value over a queue; the back end's
+// lines continue the same trace.
+//
 // Usage: example_server [logconfig.xml]
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
+#include <deque>
 #include <filesystem>
+#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "weblogger/executioncontext.h"
 #include "weblogger/kivmakelibloaded.h"
 #include "weblogger/loglifetime.h"
 #include "weblogger/logsource.h"
@@ -21,6 +32,8 @@
 #include "weblogger/messageformatloader.h"
 #include "weblogger/tmlogger.h"
 #include "zq/webkeel/transcode.h"
+#include "zq/webutil/configreader.h"
+#include "zq/webutil/ctmwrapper.h"
 #include "zq/webutil/message.h"
 #include "zq/webutil/timezone.h"
 
@@ -75,7 +88,48 @@ int buildWriters(const XmlElement& logging) {
     return nWriters;
 }
 
-void handleRequests(int nWorker, const LogSourceHandle& http) {
+// Requests handed from the workers to the back end, as traceparent values; an empty value
+// ends the back end.
+class HandOffQueue {
+public:
+    void push(NString strWrapped) {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_queue.push_back(std::move(strWrapped));
+        }
+        m_changed.notify_one();
+    }
+    NString pop() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [this] { return !m_queue.empty(); });
+        NString strWrapped = std::move(m_queue.front());
+        m_queue.pop_front();
+        return strWrapped;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::deque<NString> m_queue;  // guarded by m_mutex
+};
+
+void runBackEnd(HandOffQueue& queue, const LogSourceHandle& http) {
+    TmLogger& logger = TmLogger::getLogger();
+    const LogSourceHandle backEnd(http, String(L"backend"));
+    const GDString finished(L"finished the request handed over as %1");
+    for (NString strWrapped = queue.pop(); !strWrapped.empty(); strWrapped = queue.pop()) {
+        // The request's trace continues here, under a span of the back end's own.
+        logger::ExecutionContextGuard context;
+        context.initUnwrap(strWrapped);
+        const FileLocation here(L"examples/example_server.cpp", __LINE__);
+        logger.logMessage(
+            kSevInfo,
+            ReferentialParameterizedMessage(finished, GDString(fromUtf8(strWrapped.view()))),
+            backEnd.get(), &here);
+    }
+}
+
+void handleRequests(int nWorker, const LogSourceHandle& http, HandOffQueue& backEnd) {
     TmLogger& logger = TmLogger::getLogger();
     const LogSourceHandle request(http, String(L"request"));
     const LogSourceHandle database(http, String(L"db"));
@@ -89,6 +143,9 @@ void handleRequests(int nWorker, const LogSourceHandle& http) {
     for (int i = 0; i < kRequestsPerWorker; ++i) {
         const String user = widen("user" + std::to_string(random() % 20));
         logger.pushProperty(String(L"userId"), GDString(user), 0xFFFFFFFF);
+        // Every line of this request carries its own ECID.
+        logger::ExecutionContextGuard context;
+        context.initCreateNew();
         const TmLoggerPushSource pushed(&logger, request.get());
         // Requests that take 2 ms or more of real time leave a trace in the files.
         const LogLifeTime timer(L"examples/example_server.cpp", __LINE__, request,
@@ -121,6 +178,11 @@ void handleRequests(int nWorker, const LogSourceHandle& http) {
                               ReferentialParameterizedMessage(served, id, GDString(user), millis),
                               nullptr, &here);
         }
+        if (i == kRequestsPerWorker - 1) {
+            // One request per worker is finished elsewhere, as a real server would queue it (the
+            // last, so that its lines are still in the ring of files at the end).
+            backEnd.push(logger::ExecutionContext::wrap(false));
+        }
         logger.popProperty(String(L"userId"));
     }
 }
@@ -143,12 +205,31 @@ int main(int argc, char** argv) {
     }
     TmLogger::setTimeZone(TimeZone(TimeZone::kServerOS));
 
+    // The context-monitoring client first, then the configuration that looks its functions up
+    // ("ExecutionContext/Enable" is absent from this file, so tracking is on).
+    const char* pszClient = std::getenv(performance::CTMWrapper::kLibraryPathVariable);
+    NString strClientError;
+    if (!performance::CTMWrapper::initialize(
+            pszClient != nullptr && *pszClient != '\0' ? nullptr : WEBCTM_EXAMPLE_CLIENT,
+            &strClientError)) {
+        std::fprintf(stderr, "example_server: no execution context ids: %s\n",
+                     strClientError.c_str());
+    }
+    try {
+        logger::ExecutionContext::reloadConfig(
+            ConfigReader::loadFromFile(NString(strConfig.c_str())));
+    } catch (const Exception& e) {
+        std::fprintf(stderr, "example_server: %s\n", e.what());
+        return 1;
+    }
+
     const LogSourceHandle root(String(L"example"));
     setThresholds(*root);
     const LogSourceHandle http(root, String(L"http"));
     const LogSourceHandle request(http, String(L"request"));
     const LogSourceHandle database(http, String(L"db"));
-    for (const LogSourceHandle* pSource : {&http, &request, &database}) {
+    const LogSourceHandle backEnd(http, String(L"backend"));
+    for (const LogSourceHandle* pSource : {&http, &request, &database, &backEnd}) {
         inheritThresholds(*pSource);
     }
     int nWriters = 0;
@@ -162,13 +243,17 @@ int main(int argc, char** argv) {
                 nWriters, strConfig.c_str());
 
     const auto start = std::chrono::steady_clock::now();
+    HandOffQueue queue;
+    std::thread backEndThread(runBackEnd, std::ref(queue), std::cref(http));
     std::vector<std::thread> vecWorkers;
     for (int w = 0; w < kWorkers; ++w) {
-        vecWorkers.emplace_back(handleRequests, w, std::cref(http));
+        vecWorkers.emplace_back(handleRequests, w, std::cref(http), std::ref(queue));
     }
     for (std::thread& worker : vecWorkers) {
         worker.join();
     }
+    queue.push(NString());
+    backEndThread.join();
     const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::chrono::steady_clock::now() - start);
 

@@ -184,11 +184,17 @@ TEST(TmLoggerThreadsTest, ThreadEndDestroysItsLogger) {
     EXPECT_EQ(TmLogger::getLiveLoggerCount(), nBefore);
 }
 
-TEST(TmLoggerThreadsTest, NewLoggerHasNoSourceAndNoProperties) {
+TEST(TmLoggerThreadsTest, NewLoggerHasNoSourceAndOnlyTheEcidProperty) {
     std::thread([] {
         const TmLogger& logger = TmLogger::getLogger();
         EXPECT_EQ(logger.getLoggerState().getCurSource(), nullptr);
-        EXPECT_TRUE(logger.getLoggerState().propertiesMap().empty());
+        const auto& map = logger.getLoggerState().propertiesMap();
+        ASSERT_EQ(map.size(), 1u);
+        const auto it = map.find(ksExecutionContextIDLogPropName);
+        ASSERT_NE(it, map.end());
+        ASSERT_EQ(it->second.size(), 1u);
+        EXPECT_EQ(it->second.front().second, 0xF0000000u);
+        EXPECT_EQ(it->second.front().first->kind(), GDValue::kKindDeferred);
         EXPECT_FALSE(logger.isInLogCall());
     }).join();
 }

@@ -257,6 +257,31 @@ const ExternalMessage kmsgLogFormats(
     "   &lt;MessageText&gt;<MessageText/>&lt;/MessageText&gt;\n<LineBreak/>"
     "&lt;/Message&gt;<LineBreak/></Format></XML></WebMessage>");
 
+const ExternalMessage kmsgExecutionContextInitCalled(
+    L"kmsgExecutionContextInitCalled", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgExecutionContextInitCalled\"><TEXT>"
+    "ExecutionContextImpl::init called</TEXT></WebMessage>");
+
+const ExternalMessage kmsgCtmNotInitialized(
+    L"kmsgCtmNotInitialized", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgCtmNotInitialized\"><TEXT>"
+    "CTM is not initialized by the calling process, ECID tracking is disabled</TEXT></WebMessage>");
+
+const ExternalMessage kmsgEcidTrackingDisabledByConfig(
+    L"kmsgEcidTrackingDisabledByConfig", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgEcidTrackingDisabledByConfig\"><TEXT>"
+    "ECID tracking is disabled by configuration</TEXT></WebMessage>");
+
+const ExternalMessage kmsgCtmUnwrapFailed(
+    L"kmsgCtmUnwrapFailed", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgCtmUnwrapFailed\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "qamContextUnwrap failed for ctx: <kivm:param insert=\"1\"/></TEXT></WebMessage>");
+
+const ExternalMessage kmsgCtmRestoreFailed(
+    L"kmsgCtmRestoreFailed", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgCtmRestoreFailed\"><TEXT>"
+    "Failed to restore ctx from reference</TEXT></WebMessage>");
+
 LogConfigurationException::LogConfigurationException(const GDValue& message) : Exception(message) {}
 
 LogFormatNotFound::LogFormatNotFound(const String& formatName)

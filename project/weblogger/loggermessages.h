@@ -98,6 +98,18 @@ extern const ExternalMessage kmsgLogInformationShort;    // "N"
 extern const ExternalMessage kmsgLogTraceLong;           // "TRACE"
 extern const ExternalMessage kmsgLogTraceShort;          // "T"
 
+// Execution context tracking: its configuration load and the client's refusals.
+// "ExecutionContextImpl::init called"
+extern const ExternalMessage kmsgExecutionContextInitCalled;
+// "CTM is not initialized by the calling process, ECID tracking is disabled"
+extern const ExternalMessage kmsgCtmNotInitialized;
+// "ECID tracking is disabled by configuration"
+extern const ExternalMessage kmsgEcidTrackingDisabledByConfig;
+// "qamContextUnwrap failed for ctx: " insert 1
+extern const ExternalMessage kmsgCtmUnwrapFailed;
+// "Failed to restore ctx from reference"
+extern const ExternalMessage kmsgCtmRestoreFailed;
+
 // Writes a problem of the logger itself (a writer that disabled itself, a configuration value
 // refused) as one line on standard error, where an operator sees it even when no writer works.
 // Never throws.

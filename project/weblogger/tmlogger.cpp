@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "weblogger/eciddeferredpropertyvalue.h"
 #include "weblogger/internal/logtimezone.h"
 #include "weblogger/internal/ownfailures.h"
 #include "weblogger/loggermessages.h"
@@ -23,6 +24,9 @@ namespace {
 const wchar_t* const kUnitFileName = L"./project/weblogger/tmlogger";
 constexpr unsigned kDivertLineLogMessage = 79;
 constexpr unsigned kDivertLineLogToEnabledWriters = 121;
+
+// Far above every message importance, so the "ecid" property passes any level test.
+constexpr std::uint32_t kEcidImportance = 0xF0000000u;
 
 std::atomic<int> g_nLiveLoggers{0};
 std::atomic<const KeelLogger*> g_pBridge{nullptr};
@@ -80,6 +84,11 @@ private:
 
 TmLogger::TmLogger() : m_hLogWriters(new LogWriters), m_bInLogCall(false) {
     m_hLogWriters->syncGlobalWriters();
+    // A logger without the property is still a working logger.
+    logger_details::swallowOwnFailures([&] {
+        m_logState.pushProperty(ksExecutionContextIDLogPropName,
+                                logger_details::ECIDLogDeferredPropertyValue(), kEcidImportance);
+    });
     g_nLiveLoggers.fetch_add(1, std::memory_order_relaxed);
 }
 
