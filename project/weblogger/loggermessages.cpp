@@ -16,203 +16,166 @@ const bool g_bMessageFilesRegistered = [] {
 }();
 }  // namespace
 
-// Default templates. Those with parameters declare the kivm prefix with the catalogue's
-// namespace URI; the others declare nothing.
+// One catalogue entry, its id written once: it names the variable, the entry and the default
+// template's WebMessage element. Templates with parameters declare the kivm prefix with the
+// catalogue's namespace URI (KIV_CATALOGUE_MESSAGE); the others declare nothing
+// (KIV_CATALOGUE_ENTRY).
+#define KIV_CATALOGUE_ENTRY(id, body)                         \
+    const ExternalMessage id(L"" #id, ExternalMessage::kNone, \
+                             "<WebMessage name=\"" #id "\">" body "</WebMessage>")
+#define KIV_CATALOGUE_MESSAGE(id, body)                       \
+    const ExternalMessage id(L"" #id, ExternalMessage::kNone, \
+                             "<WebMessage name=\"" #id        \
+                             "\" xmlns:kivm=\"urn:kiv:webmessages\">" body "</WebMessage>")
 
-const ExternalMessage kmsgCoreDumped(
-    L"kmsgCoreDumped", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgCoreDumped\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "File:  <kivm:param insert=\"1\"/>. Line:  <kivm:param insert=\"2\"/>"
-    ". Core dumped in <kivm:param insert=\"3\"/></TEXT></WebMessage>");
+// Default templates.
 
-const ExternalMessage kmsgFormatNotFound(
-    L"kmsgFormatNotFound", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgFormatNotFound\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "Failed to init log writer. The following log format is not found: <kivm:param insert=\"1\"/>"
-    "</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgCoreDumped,
+    "<TEXT>File:  <kivm:param insert=\"1\"/>. Line:  <kivm:param insert=\"2\"/>. Core "
+    "dumped in <kivm:param insert=\"3\"/></TEXT>");
 
-const ExternalMessage kmsgLogConfigClassDefinedMoreThenOnce(
-    L"kmsgLogConfigClassDefinedMoreThenOnce", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogConfigClassDefinedMoreThenOnce\" xmlns:kivm=\"urn:kiv:webmessages\">"
-    "<TEXT>Failed to load configuration. Writers Class <kivm:param insert=\"1\"/>"
-    " is defined more then once.</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgFormatNotFound,
+    "<TEXT>Failed to init log writer. The following log format is not found: <kivm:param "
+    "insert=\"1\"/></TEXT>");
 
-const ExternalMessage kmsgLogConfigClassIdOutOfRange(
-    L"kmsgLogConfigClassIdOutOfRange", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogConfigClassIdOutOfRange\" xmlns:kivm=\"urn:kiv:webmessages\">"
-    "<TEXT>Failed to load configuration. Class id <kivm:param insert=\"1\"/>"
-    " is out of range.</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigClassDefinedMoreThenOnce,
+    "<TEXT>Failed to load configuration. Writers Class <kivm:param insert=\"1\"/> is "
+    "defined more then once.</TEXT>");
 
-const ExternalMessage kmsgLogConfigClassNotDefined(
-    L"kmsgLogConfigClassNotDefined", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogConfigClassNotDefined\" xmlns:kivm=\"urn:kiv:webmessages\">"
-    "<TEXT>Failed to load configuration. Writers Class <kivm:param insert=\"1\"/>"
-    " is not defined.</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigClassIdOutOfRange,
+    "<TEXT>Failed to load configuration. Class id <kivm:param insert=\"1\"/> is out of "
+    "range.</TEXT>");
 
-const ExternalMessage kmsgLogErrorLong(
-    L"kmsgLogErrorLong", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogErrorLong\"><TEXT>ERROR</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigClassNotDefined,
+    "<TEXT>Failed to load configuration. Writers Class <kivm:param insert=\"1\"/> is "
+    "not defined.</TEXT>");
 
-const ExternalMessage kmsgLogErrorShort(
-    L"kmsgLogErrorShort", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogErrorShort\"><TEXT>E</TEXT></WebMessage>");
+KIV_CATALOGUE_ENTRY(kmsgLogErrorLong, "<TEXT>ERROR</TEXT>");
 
-const ExternalMessage kmsgLogFromLogger(
-    L"kmsgLogFromLogger", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogFromLogger\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "Failed to log the following message. <kivm:param insert=\"1\"/> </TEXT></WebMessage>");
+KIV_CATALOGUE_ENTRY(kmsgLogErrorShort, "<TEXT>E</TEXT>");
 
-const ExternalMessage kmsgLogIncidentErrorLong(
-    L"kmsgLogIncidentErrorLong", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogIncidentErrorLong\"><TEXT>INCIDENT_ERROR</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogFromLogger,
+    "<TEXT>Failed to log the following message. <kivm:param insert=\"1\"/> </TEXT>");
 
-const ExternalMessage kmsgLogIncidentErrorShort(
-    L"kmsgLogIncidentErrorShort", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogIncidentErrorShort\"><TEXT>I_E</TEXT></WebMessage>");
+KIV_CATALOGUE_ENTRY(kmsgLogIncidentErrorLong, "<TEXT>INCIDENT_ERROR</TEXT>");
 
-const ExternalMessage kmsgLogInformationLong(
-    L"kmsgLogInformationLong", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogInformationLong\"><TEXT>NOTIFICATION</TEXT></WebMessage>");
+KIV_CATALOGUE_ENTRY(kmsgLogIncidentErrorShort, "<TEXT>I_E</TEXT>");
 
-const ExternalMessage kmsgLogInformationShort(
-    L"kmsgLogInformationShort", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogInformationShort\"><TEXT>N</TEXT></WebMessage>");
+KIV_CATALOGUE_ENTRY(kmsgLogInformationLong, "<TEXT>NOTIFICATION</TEXT>");
 
-const ExternalMessage kmsgLogTraceLong(
-    L"kmsgLogTraceLong", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogTraceLong\"><TEXT>TRACE</TEXT></WebMessage>");
+KIV_CATALOGUE_ENTRY(kmsgLogInformationShort, "<TEXT>N</TEXT>");
 
-const ExternalMessage kmsgLogTraceShort(
-    L"kmsgLogTraceShort", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogTraceShort\"><TEXT>T</TEXT></WebMessage>");
+KIV_CATALOGUE_ENTRY(kmsgLogTraceLong, "<TEXT>TRACE</TEXT>");
 
-const ExternalMessage kmsgLogWarningLong(
-    L"kmsgLogWarningLong", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogWarningLong\"><TEXT>WARNING</TEXT></WebMessage>");
+KIV_CATALOGUE_ENTRY(kmsgLogTraceShort, "<TEXT>T</TEXT>");
 
-const ExternalMessage kmsgLogWarningShort(
-    L"kmsgLogWarningShort", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogWarningShort\"><TEXT>W</TEXT></WebMessage>");
+KIV_CATALOGUE_ENTRY(kmsgLogWarningLong, "<TEXT>WARNING</TEXT>");
 
-const ExternalMessage kmsgLogConfigFilesNInvalid(
-    L"kmsgLogConfigFilesNInvalid", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogConfigFilesNInvalid\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "Failed to init log writer <kivm:param insert=\"1\"/>. The attribute filesN of its Writer "
-    "element must be a number of at least 1, not '<kivm:param insert=\"2\"/>'.</TEXT>"
-    "</WebMessage>");
+KIV_CATALOGUE_ENTRY(kmsgLogWarningShort, "<TEXT>W</TEXT>");
 
-const ExternalMessage kmsgLogWriterFileFailure(
-    L"kmsgLogWriterFileFailure", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogWriterFileFailure\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "Log writer <kivm:param insert=\"1\"/> stopped writing to <kivm:param insert=\"2\"/> and "
-    "is disabled: <kivm:param insert=\"3\"/></TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigFilesNInvalid,
+    "<TEXT>Failed to init log writer <kivm:param insert=\"1\"/>. The attribute filesN "
+    "of its Writer element must be a number of at least 1, not '<kivm:param insert=\"2\"/>"
+    "'.</TEXT>");
 
-const ExternalMessage kmsgLogConfigIdTokenWhiteSpace(
-    L"kmsgLogConfigIdTokenWhiteSpace", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogConfigIdTokenWhiteSpace\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "<kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: the writer id token '<kivm:param "
-    "insert=\"5\"/>' in <kivm:param insert=\"3\"/> holds a line break or tab; "
-    "only blanks, commas and semicolons separate ids, so it is read as writer id <kivm:param "
-    "insert=\"6\"/>."
-    "</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogWriterFileFailure,
+    "<TEXT>Log writer <kivm:param insert=\"1\"/> stopped writing to <kivm:param insert=\"2\"/>"
+    " and is disabled: <kivm:param insert=\"3\"/></TEXT>");
 
-const ExternalMessage kmsgLogConfigThresholdNotDecimal(
-    L"kmsgLogConfigThresholdNotDecimal", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogConfigThresholdNotDecimal\" xmlns:kivm=\"urn:kiv:webmessages\">"
-    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/> "
-    "attribute <kivm:param insert=\"4\"/>='<kivm:param insert=\"5\"/>' is not a plain decimal "
-    "number; it is read as <kivm:param insert=\"6\"/>."
-    "</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigIdTokenWhiteSpace,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: the writer id token "
+    "'<kivm:param insert=\"5\"/>' in <kivm:param insert=\"3\"/> holds a line break or "
+    "tab; only blanks, commas and semicolons separate ids, so it is read as writer id "
+    "<kivm:param insert=\"6\"/>.</TEXT>");
 
-const ExternalMessage kmsgLogConfigThresholdOutOfRange(
-    L"kmsgLogConfigThresholdOutOfRange", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogConfigThresholdOutOfRange\" xmlns:kivm=\"urn:kiv:webmessages\">"
-    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/> "
-    "attribute <kivm:param insert=\"4\"/>='<kivm:param insert=\"5\"/>' is outside 0 to 65535; only "
-    "its low 16 bits are kept, "
-    "so it is read as <kivm:param insert=\"6\"/>.</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigThresholdNotDecimal,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/>"
+    " attribute <kivm:param insert=\"4\"/>='<kivm:param insert=\"5\"/>' is not a plain "
+    "decimal number; it is read as <kivm:param insert=\"6\"/>.</TEXT>");
 
-const ExternalMessage kmsgLogConfigGroupNotReferenced(
-    L"kmsgLogConfigGroupNotReferenced", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogConfigGroupNotReferenced\" xmlns:kivm=\"urn:kiv:webmessages\">"
-    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/> "
-    "<kivm:param insert=\"4\"/>='<kivm:param insert=\"5\"/>' (writer ids <kivm:param "
-    "insert=\"6\"/>) is not referenced by any FilterRecord."
-    "</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigThresholdOutOfRange,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/>"
+    " attribute <kivm:param insert=\"4\"/>='<kivm:param insert=\"5\"/>' is outside 0 "
+    "to 65535; only its low 16 bits are kept, so it is read as <kivm:param insert=\"6\"/>"
+    ".</TEXT>");
 
-const ExternalMessage kmsgLogConfigPatternMatchesNoSource(
-    L"kmsgLogConfigPatternMatchesNoSource", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogConfigPatternMatchesNoSource\" "
-    "xmlns:kivm=\"urn:kiv:webmessages\"><TEXT><kivm:param insert=\"1\"/>:<kivm:param "
-    "insert=\"2\"/>: <kivm:param insert=\"3\"/> <kivm:param insert=\"4\"/>='<kivm:param "
-    "insert=\"5\"/>' (writer ids <kivm:param insert=\"6\"/>) is a pattern "
-    "that matches no existing log source.</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigGroupNotReferenced,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/>"
+    " <kivm:param insert=\"4\"/>='<kivm:param insert=\"5\"/>' (writer ids <kivm:param "
+    "insert=\"6\"/>) is not referenced by any FilterRecord.</TEXT>");
 
-const ExternalMessage kmsgLogConfigFilesNTooLarge(
-    L"kmsgLogConfigFilesNTooLarge", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogConfigFilesNTooLarge\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "Failed to init log writer <kivm:param insert=\"1\"/>. The attribute filesN of its Writer "
-    "element must be at most <kivm:param insert=\"2\"/>, not '<kivm:param insert=\"3\"/>'."
-    "</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigPatternMatchesNoSource,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/>"
+    " <kivm:param insert=\"4\"/>='<kivm:param insert=\"5\"/>' (writer ids <kivm:param "
+    "insert=\"6\"/>) is a pattern that matches no existing log source.</TEXT>");
 
-const ExternalMessage kmsgLogConfigFileModeInvalid(
-    L"kmsgLogConfigFileModeInvalid", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogConfigFileModeInvalid\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "Failed to init log writer <kivm:param insert=\"1\"/>. The attribute fileMode of its Writer "
-    "element must be permission bits in octal such as 0640, not '<kivm:param insert=\"2\"/>'."
-    "</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigFilesNTooLarge,
+    "<TEXT>Failed to init log writer <kivm:param insert=\"1\"/>. The attribute filesN "
+    "of its Writer element must be at most <kivm:param insert=\"2\"/>, not '<kivm:param "
+    "insert=\"3\"/>'.</TEXT>");
 
-const ExternalMessage kmsgLogWriterRingInUse(
-    L"kmsgLogWriterRingInUse", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogWriterRingInUse\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "Failed to init log writer <kivm:param insert=\"1\"/>. The log files "
-    "<kivm:param insert=\"2\"/> already belong to log writer <kivm:param insert=\"3\"/> of "
-    "this process.</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigFileModeInvalid,
+    "<TEXT>Failed to init log writer <kivm:param insert=\"1\"/>. The attribute fileMode "
+    "of its Writer element must be permission bits in octal such as 0640, not '<kivm:param "
+    "insert=\"2\"/>'.</TEXT>");
 
-const ExternalMessage kmsgLogWriterWriteStopped(
-    L"kmsgLogWriterWriteStopped", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogWriterWriteStopped\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "Log writer <kivm:param insert=\"1\"/> cannot write to <kivm:param insert=\"2\"/> and "
-    "tries again every second, keeping what its buffer holds: <kivm:param insert=\"3\"/>"
-    "</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogWriterRingInUse,
+    "<TEXT>Failed to init log writer <kivm:param insert=\"1\"/>. The log files <kivm:param "
+    "insert=\"2\"/> already belong to log writer <kivm:param insert=\"3\"/> of this "
+    "process.</TEXT>");
 
-const ExternalMessage kmsgLogWriterWriteResumed(
-    L"kmsgLogWriterWriteResumed", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogWriterWriteResumed\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "Log writer <kivm:param insert=\"1\"/> writes to <kivm:param insert=\"2\"/> again; "
-    "<kivm:param insert=\"3\"/> messages were dropped meanwhile.</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogWriterWriteStopped,
+    "<TEXT>Log writer <kivm:param insert=\"1\"/> cannot write to <kivm:param insert=\"2\"/>"
+    " and tries again every second, keeping what its buffer holds: <kivm:param insert=\"3\"/>"
+    "</TEXT>");
 
-const ExternalMessage kmsgLogWriterFileVanished(
-    L"kmsgLogWriterFileVanished", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogWriterFileVanished\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "Log writer <kivm:param insert=\"1\"/> found its file <kivm:param insert=\"2\"/> removed "
-    "or replaced; it goes on with a new file.</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogWriterWriteResumed,
+    "<TEXT>Log writer <kivm:param insert=\"1\"/> writes to <kivm:param insert=\"2\"/>"
+    " again; <kivm:param insert=\"3\"/> messages were dropped meanwhile.</TEXT>");
 
-const ExternalMessage kmsgLogWriterFileNotRegular(
-    L"kmsgLogWriterFileNotRegular", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogWriterFileNotRegular\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "Log writer <kivm:param insert=\"1\"/> does not write to <kivm:param insert=\"2\"/>: it "
-    "is a symbolic link or not a regular file. The writer skips it.</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogWriterFileVanished,
+    "<TEXT>Log writer <kivm:param insert=\"1\"/> found its file <kivm:param insert=\"2\"/>"
+    " removed or replaced; it goes on with a new file.</TEXT>");
 
-const ExternalMessage kmsgLogConfigAttributeMissing(
-    L"kmsgLogConfigAttributeMissing", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogConfigAttributeMissing\" xmlns:kivm=\"urn:kiv:webmessages\">"
-    "<TEXT>Failed to init log writer <kivm:param insert=\"1\"/>. Its Writer element needs the "
-    "attribute <kivm:param insert=\"2\"/>.</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogWriterFileNotRegular,
+    "<TEXT>Log writer <kivm:param insert=\"1\"/> does not write to <kivm:param insert=\"2\"/>"
+    ": it is a symbolic link or not a regular file. The writer skips it.</TEXT>");
 
-const ExternalMessage kmsgLogConfigAttributeInvalid(
-    L"kmsgLogConfigAttributeInvalid", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogConfigAttributeInvalid\" xmlns:kivm=\"urn:kiv:webmessages\">"
-    "<TEXT>Failed to init log writer <kivm:param insert=\"1\"/>. The attribute "
-    "<kivm:param insert=\"2\"/> of its Writer element cannot be '<kivm:param insert=\"3\"/>'."
-    "</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigAttributeMissing,
+    "<TEXT>Failed to init log writer <kivm:param insert=\"1\"/>. Its Writer element needs "
+    "the attribute <kivm:param insert=\"2\"/>.</TEXT>");
 
-const ExternalMessage kmsgLogWriterSystemLogDropping(
-    L"kmsgLogWriterSystemLogDropping", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogWriterSystemLogDropping\" xmlns:kivm=\"urn:kiv:webmessages\">"
-    "<TEXT>Log writer <kivm:param insert=\"1\"/> cannot reach the system log at "
-    "<kivm:param insert=\"2\"/> (<kivm:param insert=\"3\"/>); the messages it cannot send are "
-    "dropped and counted.</TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigAttributeInvalid,
+    "<TEXT>Failed to init log writer <kivm:param insert=\"1\"/>. The attribute <kivm:param "
+    "insert=\"2\"/> of its Writer element cannot be '<kivm:param insert=\"3\"/>'.</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogWriterSystemLogDropping,
+    "<TEXT>Log writer <kivm:param insert=\"1\"/> cannot reach the system log at <kivm:param "
+    "insert=\"2\"/> (<kivm:param insert=\"3\"/>); the messages it cannot send are dropped "
+    "and counted.</TEXT>");
 
 void reportLoggerProblem(const GDValue& message) noexcept {
     try {
@@ -230,57 +193,45 @@ void reportLoggerProblem(const GDValue& message) noexcept {
 
 // The catalogue's own set of formats: shorter than the library's built-in set ("Default" shows
 // one backtrace just before the message text, "xml" has no line, there are no KLF formats).
-const ExternalMessage kmsgLogFormats(
-    L"kmsgLogFormats", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgLogFormats\"><XML><Format name=\"Default\">Type: <MsgType/>"
-    "<LineBreak/>Severity: <MsgSeverity/><LineBreak/>Time: <Time/><LineBreak/>"
-    "File: <File/> Line: <Line/><LineBreak/>Properties: \n<Properties><ListElementFormat>"
-    "<PropertyName/>-\n<PropertyValues><Separator>,</Separator></PropertyValues>"
-    "</ListElementFormat><Separator>;</Separator></Properties><LineBreak/>"
-    "Location:<LineBreak/><LogSources><Prefix>\t</Prefix><Separator><LineBreak/>"
-    "</Separator></LogSources><LineBreak/><LineBreak/><Backtrace/><MessageText/>"
-    "<LineBreak/>---------------------------------------<LineBreak/></Format>"
-    "<Format name=\"Short\"><MsgType style=\"short\"/><MsgSeverity/>\t<CurrentLogSource/>"
-    "\t<MessageText/>\t<LineBreak/></Format><Format name=\"xml\" Encoding=\"Xml\">"
-    "<LineBreak/>&lt;Message&gt;\n<LineBreak/>   &lt;Type&gt;<MsgType style=\"short\"/>"
-    "&lt;/Type&gt;\n<LineBreak/>   &lt;Severity&gt;<MsgSeverity/>"
-    "&lt;/Severity&gt;\n<LineBreak/>   &lt;Time&gt;<Time style=\"short\"/>"
-    "&lt;/Time&gt;\n<LineBreak/>   &lt;File&gt;<File style=\"short\"/>"
+KIV_CATALOGUE_ENTRY(
+    kmsgLogFormats,
+    "<XML><Format name=\"Default\">Type: <MsgType/><LineBreak/>Severity: <MsgSeverity/>"
+    "<LineBreak/>Time: <Time/><LineBreak/>File: <File/> Line: <Line/><LineBreak/>Properties: "
+    "\n<Properties><ListElementFormat><PropertyName/>-\n<PropertyValues><Separator>,</Separator>"
+    "</PropertyValues></ListElementFormat><Separator>;</Separator></Properties><LineBreak/>"
+    "Location:<LineBreak/><LogSources><Prefix>\t</Prefix><Separator><LineBreak/></Separator>"
+    "</LogSources><LineBreak/><LineBreak/><Backtrace/><MessageText/><LineBreak/"
+    ">---------------------------------------<LineBreak/>"
+    "</Format><Format name=\"Short\"><MsgType style=\"short\"/><MsgSeverity/>\t<CurrentLogSource/>"
+    "\t<MessageText/>\t<LineBreak/></Format><Format name=\"xml\" Encoding=\"Xml\"><LineBreak/>"
+    "&lt;Message&gt;\n<LineBreak/>   &lt;Type&gt;<MsgType "
+    "style=\"short\"/>&lt;/Type&gt;\n<LineBreak/>"
+    "   &lt;Severity&gt;<MsgSeverity/>&lt;/Severity&gt;\n<LineBreak/>   &lt;Time&gt;<Time "
+    "style=\"short\"/>&lt;/Time&gt;\n<LineBreak/>   &lt;File&gt;<File style=\"short\"/>"
     "&lt;/File&gt;\n<LineBreak/>   &lt;Properties&gt;\n<Properties><ListElementFormat>"
     "<LineBreak/>      &lt;Property&gt;\n<LineBreak/>         &lt;Name&gt;<PropertyName/>"
-    "&lt;/Name&gt;\n<LineBreak/>         &lt;Values&gt;\n<PropertyValues><Separator>"
-    ",</Separator></PropertyValues>&lt;/Values&gt;\n<LineBreak/>"
-    "      &lt;/Property&gt;</ListElementFormat></Properties><LineBreak/>"
-    "   &lt;/Properties&gt;\n<LineBreak/>   &lt;Location&gt;\n<LogSources><Prefix>"
-    "<LineBreak/>      &lt;Logsource&gt;</Prefix><Suffix>&lt;/Logsource&gt;</Suffix>"
-    "</LogSources><LineBreak/>   &lt;/Location&gt;\n<LineBreak/>"
-    "   &lt;MessageText&gt;<MessageText/>&lt;/MessageText&gt;\n<LineBreak/>"
-    "&lt;/Message&gt;<LineBreak/></Format></XML></WebMessage>");
+    "&lt;/Name&gt;\n<LineBreak/>         &lt;Values&gt;\n<PropertyValues><Separator>,</Separator>"
+    "</PropertyValues>&lt;/Values&gt;\n<LineBreak/>      &lt;/Property&gt;</ListElementFormat>"
+    "</Properties><LineBreak/>   &lt;/Properties&gt;\n<LineBreak/>   &lt;Location&gt;\n<LogSources>"
+    "<Prefix><LineBreak/>      &lt;Logsource&gt;</Prefix><Suffix>&lt;/Logsource&gt;</Suffix>"
+    "</LogSources><LineBreak/>   &lt;/Location&gt;\n<LineBreak/>   "
+    "&lt;MessageText&gt;<MessageText/>"
+    "&lt;/MessageText&gt;\n<LineBreak/>&lt;/Message&gt;<LineBreak/></Format></XML>");
 
-const ExternalMessage kmsgExecutionContextInitCalled(
-    L"kmsgExecutionContextInitCalled", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgExecutionContextInitCalled\"><TEXT>"
-    "ExecutionContextImpl::init called</TEXT></WebMessage>");
+KIV_CATALOGUE_ENTRY(kmsgExecutionContextInitCalled,
+                    "<TEXT>ExecutionContextImpl::init called</TEXT>");
 
-const ExternalMessage kmsgCtmNotInitialized(
-    L"kmsgCtmNotInitialized", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgCtmNotInitialized\"><TEXT>"
-    "CTM is not initialized by the calling process, ECID tracking is disabled</TEXT></WebMessage>");
+KIV_CATALOGUE_ENTRY(
+    kmsgCtmNotInitialized,
+    "<TEXT>CTM is not initialized by the calling process, ECID tracking is disabled</TEXT>");
 
-const ExternalMessage kmsgEcidTrackingDisabledByConfig(
-    L"kmsgEcidTrackingDisabledByConfig", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgEcidTrackingDisabledByConfig\"><TEXT>"
-    "ECID tracking is disabled by configuration</TEXT></WebMessage>");
+KIV_CATALOGUE_ENTRY(kmsgEcidTrackingDisabledByConfig,
+                    "<TEXT>ECID tracking is disabled by configuration</TEXT>");
 
-const ExternalMessage kmsgCtmUnwrapFailed(
-    L"kmsgCtmUnwrapFailed", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgCtmUnwrapFailed\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
-    "qamContextUnwrap failed for ctx: <kivm:param insert=\"1\"/></TEXT></WebMessage>");
+KIV_CATALOGUE_MESSAGE(kmsgCtmUnwrapFailed,
+                      "<TEXT>qamContextUnwrap failed for ctx: <kivm:param insert=\"1\"/></TEXT>");
 
-const ExternalMessage kmsgCtmRestoreFailed(
-    L"kmsgCtmRestoreFailed", ExternalMessage::kNone,
-    "<WebMessage name=\"kmsgCtmRestoreFailed\"><TEXT>"
-    "Failed to restore ctx from reference</TEXT></WebMessage>");
+KIV_CATALOGUE_ENTRY(kmsgCtmRestoreFailed, "<TEXT>Failed to restore ctx from reference</TEXT>");
 
 LogConfigurationException::LogConfigurationException(const GDValue& message) : Exception(message) {}
 
