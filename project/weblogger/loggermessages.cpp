@@ -194,6 +194,109 @@ const ExternalMessage kmsgLogWriterFileNotRegular(
     "Log writer <kivm:param insert=\"1\"/> does not write to <kivm:param insert=\"2\"/>: it "
     "is a symbolic link or not a regular file. The writer skips it.</TEXT></WebMessage>");
 
+const ExternalMessage kmsgLoggerInitializationFailed(
+    L"kmsgLoggerInitializationFailed", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLoggerInitializationFailed\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "Logger initialization failed"
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigProblemAt(
+    L"kmsgLogConfigProblemAt", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigProblemAt\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "<kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/>"
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigUnterminatedVariable(
+    L"kmsgLogConfigUnterminatedVariable", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigUnterminatedVariable\" "
+    "xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "<kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>:<kivm:param insert=\"3\"/>: a variable "
+    "marker \"{%\" is not closed by "
+    "\"%}\"; no variable of the document is replaced and the document is not applied."
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigNotWellFormed(
+    L"kmsgLogConfigNotWellFormed", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigNotWellFormed\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "<kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>:<kivm:param insert=\"3\"/>: the "
+    "document is not well-formed XML: "
+    "<kivm:param insert=\"4\"/>"
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigElementMissing(
+    L"kmsgLogConfigElementMissing", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigElementMissing\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "<kivm:param insert=\"1\"/>: the document has no element '<kivm:param insert=\"2\"/>' below "
+    "its root "
+    "element."
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigAttributeMissing(
+    L"kmsgLogConfigAttributeMissing", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigAttributeMissing\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "<kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/> has no "
+    "attribute <kivm:param insert=\"4\"/>, "
+    "which it needs."
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigAttributeTooLong(
+    L"kmsgLogConfigAttributeTooLong", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigAttributeTooLong\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "<kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/> attribute "
+    "<kivm:param insert=\"4\"/> is "
+    "<kivm:param insert=\"5\"/> characters long; a value may have at most <kivm:param "
+    "insert=\"6\"/>."
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigUnknownImplementation(
+    L"kmsgLogConfigUnknownImplementation", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigUnknownImplementation\" "
+    "xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "<kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: Writer '<kivm:param insert=\"3\"/>' "
+    "names implementation "
+    "'<kivm:param insert=\"4\"/>', which no writer class of this process has."
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigWriterClassIdInvalid(
+    L"kmsgLogConfigWriterClassIdInvalid", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigWriterClassIdInvalid\" "
+    "xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "<kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: Writer '<kivm:param insert=\"3\"/>': "
+    "writerClassId "
+    "'<kivm:param insert=\"4\"/>' is not a writer id from 0 to 9; the writer is not built."
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigWriterNotBuilt(
+    L"kmsgLogConfigWriterNotBuilt", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigWriterNotBuilt\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "<kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: Writer '<kivm:param insert=\"3\"/>' "
+    "(<kivm:param insert=\"4\"/>) could "
+    "not be set up: <kivm:param insert=\"5\"/>"
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigWriterInitFailed(
+    L"kmsgLogConfigWriterInitFailed", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigWriterInitFailed\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "its initialisation failed; the reason was reported just before."
+    "</TEXT></WebMessage>");
+
+const ExternalMessage kmsgLogConfigNotApplied(
+    L"kmsgLogConfigNotApplied", ExternalMessage::kNone,
+    "<WebMessage name=\"kmsgLogConfigNotApplied\" xmlns:kivm=\"urn:kiv:webmessages\"><TEXT>"
+    "The logging configuration <kivm:param insert=\"1\"/> was not applied: <kivm:param "
+    "insert=\"2\"/> "
+    "problem(s) found; the configuration in force stays."
+    "</TEXT></WebMessage>");
+
+GDString boundedInsert(std::wstring_view text, std::size_t nMax) {
+    if (text.size() <= nMax || nMax == 0) {
+        return GDString(String(text));
+    }
+    String strCut(text.substr(0, nMax - 1));
+    strCut += L"\u2026";
+    return GDString(strCut);
+}
+
 void reportLoggerProblem(const GDValue& message) noexcept {
     try {
         StringBufferTemplate<511, wchar_t> text;
