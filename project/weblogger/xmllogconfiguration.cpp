@@ -46,6 +46,7 @@ const ZQWString kImplementationAttribute(L"implementation");
 const ZQWString kWriterClassAttribute(L"writerClassId");
 const ZQWString kWriterNameAttribute(L"name");
 const ZQWString kFileWriterClass(L"FileLogWriter");
+const ZQWString kFilePrefixAttribute(L"filePrefix");
 
 using logger_details::LogWritersMan;
 
@@ -579,11 +580,29 @@ void XmlLogConfiguration::configWriters(const XmlElement& root, LogWritersState&
                                     .setInsert(4, boundedInsert(strImplementation.view())));
             continue;
         }
+        // A tenant or session configuration with a prefix keeps file writers only, and gives
+        // them the prefix before they open anything: the ring without it may belong to a
+        // global writer of the same document.
+        XmlDocument prefixed;
+        const XmlElement* pBuildFrom = pWriter;
+        if (bPrefixed) {
+            if (!strImplementation.equals(kFileWriterClass)) {
+                continue;
+            }
+            prefixed = XmlDocument::parseString(pWriter->toXmlString(), place.strFile);
+            XmlElement* pCopy = prefixed.getDocumentElementHandle().get();
+            pCopy->setAttribute(
+                kFilePrefixAttribute,
+                FileLogWriter::prefixWithPart(
+                    pWriter->getAttributeValue(kFilePrefixAttribute.view()), *pFilePrefix));
+            pCopy->setLine(pWriter->getLine());
+            pBuildFrom = pCopy;
+        }
         const std::size_t nListed = bGlobal ? currentGlobalWriters().size() : 0;
         Handle<LogWriter> hWriter;
         try {
             hWriter = hFactory->create(
-                pWriter, chain, static_cast<LogWriter::WriterType>(type),
+                pBuildFrom, chain, static_cast<LogWriter::WriterType>(type),
                 buildWriterFilter(element, *pWriter, strClassId, pFilePrefix != nullptr));
         } catch (...) {
             // A global writer enters the registry when it is constructed: one that failed
@@ -604,20 +623,6 @@ void XmlLogConfiguration::configWriters(const XmlElement& root, LogWritersState&
                                     .setInsert(4, boundedInsert(strImplementation.view()))
                                     .setInsert(5, kmsgLogConfigWriterInitFailed));
             continue;
-        }
-        if (bPrefixed) {
-            auto* pFileWriter = strImplementation.equals(kFileWriterClass)
-                                    ? dynamic_cast<FileLogWriter*>(hWriter.get())
-                                    : nullptr;
-            if (pFileWriter == nullptr) {
-                // A tenant or session configuration with a prefix keeps file writers only.
-                if (bGlobal) {
-                    hWriter->setIsEnabled(false);
-                    registry.removeLogWriter(hWriter.get());
-                }
-                continue;
-            }
-            pFileWriter->appendFilePrefix(*pFilePrefix);
         }
         state.m_list.push_back(std::move(hWriter));
     }

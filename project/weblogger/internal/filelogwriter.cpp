@@ -656,8 +656,12 @@ void FileLogWriter::releaseRing() noexcept {
     m_bInRingTable = false;
 }
 
+String FileLogWriter::prefixWithPart(const String& configuredPrefix, const String& part) {
+    return (configuredPrefix.empty() ? kDefaultPrefix : configuredPrefix) + L"-" + part + L"-";
+}
+
 void FileLogWriter::appendFilePrefix(const String& part) {
-    m_strFilePrefix = m_strFilePrefix + L"-" + part + L"-";
+    m_strFilePrefix = prefixWithPart(m_strFilePrefix, part);
     m_iCurFile = kNoFile;
     try {
         m_CurFile.close();

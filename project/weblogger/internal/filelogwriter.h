@@ -113,6 +113,9 @@ public:
     // Gives this writer its own family of files: "<prefix>-<part>-<index>.log". The next
     // message opens that ring, resuming its newest file.
     void appendFilePrefix(const String& part);
+    // The file prefix that appendFilePrefix makes of a configured "filePrefix" (empty for the
+    // default) and a part; a configuration can give it to a writer before it opens any file.
+    static String prefixWithPart(const String& configuredPrefix, const String& part);
 
     const FilePath& getFilePath() const noexcept { return m_tCurFilePath; }
     String getFilePathNW() const { return m_tCurFilePath.getFullPath(); }
