@@ -461,5 +461,38 @@ TEST_F(XmlLogConfigurationTest, ReconfigureRefusesAnOversizedAttributeWithoutBui
         << text;
 }
 
+TEST_F(XmlLogConfigurationTest, ReconfigureSetsTheSameThresholdsAsConfigAll) {
+    const LogSourceHandle top(String(L"same"));
+    const LogSourceHandle child(String(L"same.child"));
+    const LogSourceHandle grandchild(String(L"same.child.leaf"));
+    const LogSourceHandle other(String(L"same.other"));
+    const XmlDocument document = parse(
+        "<Logging><WriterClassGroups><WriterClassGroup name='A'>1,2</WriterClassGroup>"
+        "<WriterClassGroup name='B'>2</WriterClassGroup></WriterClassGroups><Filters>"
+        "<FilterRecord writerClassGroup='A' path='same' error='10' warning='4'/>"
+        "<FilterRecord writerClassGroup='B' path='same.*' error='7'/>"
+        "<FilterRecord writerClassGroup='B' path='same.child' trace='3'/>"
+        "</Filters></Logging>");
+    const std::vector<const LogSource*> vecSources{top.get(), child.get(), grandchild.get(),
+                                                   other.get()};
+    const auto levels = [&] {
+        std::vector<LogLevels> vecLevels;
+        for (const LogSource* pSource : vecSources) {
+            for (int nId = 0; nId < 10; ++nId) {
+                vecLevels.push_back(pSource->getLogFilter().getLogLevels(nId));
+            }
+        }
+        return vecLevels;
+    };
+    XmlLogConfiguration::configAll(*document.getDocumentElement(), nullptr);
+    const std::vector<LogLevels> vecByConfigAll = levels();
+    XmlLogConfiguration::configAll(*parse("<Logging/>").getDocumentElement(), nullptr);
+    ASSERT_NE(levels(), vecByConfigAll);
+    ASSERT_TRUE(
+        XmlLogConfiguration::reconfigure(*document.getDocumentElement(), nullptr).m_bApplied);
+    EXPECT_EQ(levels(), vecByConfigAll);
+    EXPECT_EQ(grandchild->getLogFilter().getLogLevels(2), LogLevels(0, 7, 4, 0, 3));
+}
+
 }  // namespace
 }  // namespace kiv

@@ -437,7 +437,7 @@ ConfigurationReport reconfigureLocked(const XmlElement& root, const ReplacementM
     LogWritersMan& registry = LogWritersMan::getLogWritersMan();
     {
         LockGuard<CriticalSection> lock(registry.getMonitor());
-        LogSourcesMan::getLogSourcesMan().applyConfig(filters);
+        LogSourcesMan::getLogSourcesMan().applyConfigSettled(filters);
         vecOld = currentGlobalWriters();
         for (const Handle<LogWriter>& hOld : vecOld) {
             hOld->retire();
