@@ -237,6 +237,55 @@ TEST_F(XmlLogConfigurationTest, MarkupInAValueReachesTheAttributeUnchanged) {
     EXPECT_NE(LogSourcesMan::getLogSourcesMan().findLogSource(String(L"vars.a<b&c")), nullptr);
 }
 
+TEST_F(XmlLogConfigurationTest, UnknownEmptyAndLoneMarkersReadAsTheScannerLeavesThem) {
+    ReplacementMap map;
+    map[String(L"")] = String(L"E");
+    map[String(L"blank")] = String();
+    XmlLogConfiguration::configAll(
+        *parse("<Logging><Writers><Writer name='m' implementation='RecordingWriter' "
+               "writerClassId='0'><Filters>"
+               "<FilterRecord path='marks.{%unknown%}gone' error='5'/>"
+               "<FilterRecord path='marks.{%%}' error='5'/>"
+               "<FilterRecord path='marks.{%blank%}blank' error='5'/>"
+               "<FilterRecord path='marks.a{b%c{' error='5'/>"
+               "</Filters></Writer></Writers></Logging>")
+             .getDocumentElement(),
+        &map);
+    LogSourcesMan& sources = LogSourcesMan::getLogSourcesMan();
+    EXPECT_NE(sources.findLogSource(String(L"marks.gone")), nullptr);
+    EXPECT_NE(sources.findLogSource(String(L"marks.E")), nullptr);
+    EXPECT_NE(sources.findLogSource(String(L"marks.blank")), nullptr);
+    EXPECT_NE(sources.findLogSource(String(L"marks.a{b%c{")), nullptr);
+}
+
+TEST_F(XmlLogConfigurationTest, FileFormsSelectTheirElementOrReportItsAbsence) {
+    const test::TempDir temp;
+    const String file =
+        fromUtf8(temp.write("server.xml",
+                            "<Server><Log><Writers><Writer name='rec' implementation="
+                            "'RecordingWriter' writerClassId='1'/></Writers></Log></Server>"));
+    XmlLogConfiguration::configAll(file, String(L"Log"), nullptr);
+    EXPECT_NE(findRecording(L"rec"), nullptr);
+    {
+        AssertionCapture capture;
+        XmlLogConfiguration::configAll(file, String(L"Missing"), nullptr);
+        EXPECT_TRUE(capture.contains("lpConfigNode != NULL"));
+    }
+    {
+        AssertionCapture capture;
+        LogWritersState state;
+        XmlLogConfiguration::configWriters(file, String(L"Missing"), state,
+                                           XmlLogConfiguration::WT_SHARED,
+                                           XmlLogConfiguration::WD_GLOBAL, nullptr, nullptr);
+        EXPECT_TRUE(capture.contains("lpConfigNode != __null"));
+        EXPECT_TRUE(state.m_list.empty());
+    }
+    const ConfigurationReport report =
+        XmlLogConfiguration::reconfigure(file, nullptr, String(L"Missing"));
+    ASSERT_EQ(report.m_vecProblems.size(), 1u);
+    EXPECT_TRUE(contains(report.m_vecProblems[0], "has no element 'Missing'"));
+}
+
 TEST_F(XmlLogConfigurationTest, UnterminatedMarkerIsRefusedWithItsLineAndColumn) {
     ReplacementMap map;
     map[String(L"x")] = String(L"1");

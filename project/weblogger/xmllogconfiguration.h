@@ -16,6 +16,7 @@
 // is ever held while either monitor is taken.
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 #include "weblogger/logwritersstate.h"
@@ -45,6 +46,11 @@ class XmlLogConfiguration {
 public:
     enum WriterType { WT_GLOBAL = 1, WT_SHARED = 2, WT_SINGLE_THREADED = 3 };
     enum WriterDomain { WD_GLOBAL = 1, WD_TENANT = 2, WD_SESSION = 3 };
+
+    // The conventional name of a stand-alone logging file, and a select path beside it; no
+    // operation here reads either (callers name their files and paths).
+    static constexpr const wchar_t* kDefaultFileName = L"logconfig.xml";
+    static constexpr const wchar_t* kDefaultSelectPath = L"Default";
 
     // Attribute values longer than this are refused: no path, name or threshold needs more, and
     // a runaway value must not reach the writers (or the error texts) whole.
