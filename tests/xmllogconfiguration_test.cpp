@@ -361,6 +361,21 @@ TEST_F(XmlLogConfigurationTest, WriterClassIdOutsideZeroToNineIsRefusedNamingThe
     }
 }
 
+TEST_F(XmlLogConfigurationTest, ConfigAllSkipsAWriterWithAnOversizedAttributeInOneShortLine) {
+    const std::string huge(1000000, 'd');
+    testing::internal::CaptureStderr();
+    XmlLogConfiguration::configAll(
+        *parse("<Logging><Writers><Writer name='f' implementation='FileLogWriter' "
+               "writerClassId='0' dir='" +
+               huge + "'/></Writers></Logging>")
+             .getDocumentElement(),
+        nullptr);
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_LT(err.size(), 512u) << err.substr(0, 512);
+    EXPECT_NE(err.find("Writer attribute dir is 1000000 characters long"), std::string::npos);
+    EXPECT_TRUE(globalWriters().empty());
+}
+
 TEST_F(XmlLogConfigurationTest, TenantPrefixKeepsFileWritersOnlyWithFiltersFromGlobalRecords) {
     const test::TempDir temp;
     const std::string xml =
@@ -399,6 +414,7 @@ TEST_F(XmlLogConfigurationTest, BoundedInsertCutsLongValuesWithAnEllipsis) {
 // reconfigure
 
 TEST_F(XmlLogConfigurationTest, ReconfigureInstallsAValidDocumentAndReportsTheChange) {
+    const LogSourceHandle source(String(L"cfg"));
     XmlLogConfiguration::configAll(*parse(kRecordingDocument).getDocumentElement(), nullptr);
     const std::vector<Handle<LogWriter>> vecOld = globalWriters();
     const ConfigurationReport report = XmlLogConfiguration::reconfigure(
@@ -415,8 +431,7 @@ TEST_F(XmlLogConfigurationTest, ReconfigureInstallsAValidDocumentAndReportsTheCh
     EXPECT_TRUE(vecOld[0]->isRetired());
     ASSERT_NE(findRecording(L"next"), nullptr);
     // The thresholds of the new document are in force: it sets none, so nothing passes.
-    EXPECT_EQ(LogSourceHandle(String(L"cfg"))->getLogFilter().getLogLevels(1),
-              LogLevels(0, 0, 0, 0, 0));
+    EXPECT_EQ(source->getLogFilter().getLogLevels(1), LogLevels(0, 0, 0, 0, 0));
 }
 
 TEST_F(XmlLogConfigurationTest, ReconfigureWithProblemsChangesNothingAndNamesEveryProblem) {

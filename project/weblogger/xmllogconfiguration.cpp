@@ -176,8 +176,42 @@ void dropWritersAfter(std::size_t nKeep) {
     }
 }
 
-// Logs through the lower library's logger, or on standard error when none is installed.
-void logInitializationFailure(Exception& failure) {
+// Calls onOversized(element, attribute) for every attribute of element and below it that is
+// longer than the loader accepts; whether there was none.
+template <class OnOversized>
+bool forEachOversizedAttribute(const XmlElement& element, OnOversized&& onOversized) {
+    bool bFine = true;
+    for (const XmlElement::Attribute& attribute : element.getAttributes()) {
+        if (attribute.second.size() > XmlLogConfiguration::kMaxAttributeLength) {
+            onOversized(element, attribute);
+            bFine = false;
+        }
+    }
+    for (const XmlElement* pChild = element.getFirstChildElement(); pChild != nullptr;
+         pChild = pChild->getNextSiblingElement()) {
+        bFine = forEachOversizedAttribute(*pChild, onOversized) && bFine;
+    }
+    return bFine;
+}
+
+ParamMessage attributeTooLong(const SourcePlace& place, const XmlElement& element,
+                              const XmlElement::Attribute& attribute) {
+    return ParamMessage(kmsgLogConfigAttributeTooLong)
+        .setInsert(1, boundedInsert(place.strFile.view()))
+        .setInsert(2, GDUInteger64(place.lineOf(element)))
+        .setInsert(3, boundedInsert(element.getName().view()))
+        .setInsert(4, boundedInsert(attribute.first.view()))
+        .setInsert(5, GDUInteger64(attribute.second.size()))
+        .setInsert(6, GDUInteger64(XmlLogConfiguration::kMaxAttributeLength));
+}
+
+// Logs through the lower library's logger, or on standard error when none is installed. A
+// text longer than an error line should be is logged cut, in an exception of the same place.
+void logInitializationFailure(Exception& original) {
+    const String text = textOf(original.getMsg());
+    Exception cut(boundedInsert(text.view(), 4 * kMaxInsertLength));
+    cut.setLocation(original.getFile(), original.getLine());
+    Exception& failure = text.size() > 4 * kMaxInsertLength ? cut : original;
     failure.setSeverity(Exception::kSeverityCritical);
     KeelLogger* pLogger = KeelLogger::getKeelLogger();
     if (pLogger == nullptr) {
@@ -235,24 +269,10 @@ public:
     // Every attribute of element and below it longer than the loader accepts; whether there
     // was none.
     bool checkAttributeLengths(const XmlElement& element) {
-        bool bFine = true;
-        for (const XmlElement::Attribute& attribute : element.getAttributes()) {
-            if (attribute.second.size() > XmlLogConfiguration::kMaxAttributeLength) {
-                add(ParamMessage(kmsgLogConfigAttributeTooLong)
-                        .setInsert(1, boundedInsert(m_place.strFile.view()))
-                        .setInsert(2, GDUInteger64(m_place.lineOf(element)))
-                        .setInsert(3, boundedInsert(element.getName().view()))
-                        .setInsert(4, boundedInsert(attribute.first.view()))
-                        .setInsert(5, GDUInteger64(attribute.second.size()))
-                        .setInsert(6, GDUInteger64(XmlLogConfiguration::kMaxAttributeLength)));
-                bFine = false;
-            }
-        }
-        for (const XmlElement* pChild = element.getFirstChildElement(); pChild != nullptr;
-             pChild = pChild->getNextSiblingElement()) {
-            bFine = checkAttributeLengths(*pChild) && bFine;
-        }
-        return bFine;
+        return forEachOversizedAttribute(
+            element, [this](const XmlElement& owner, const XmlElement::Attribute& attribute) {
+                add(attributeTooLong(m_place, owner, attribute));
+            });
     }
 
     // Groups and global records: what the filter-records reader would throw for, found all at
@@ -562,6 +582,13 @@ void XmlLogConfiguration::configWriters(const XmlElement& root, LogWritersState&
         const String strClassId = pWriter->getAttributeValue(kWriterClassAttribute.view());
         const String strName = pWriter->getAttributeValue(kWriterNameAttribute.view());
         // A writer that cannot be what it says is reported and skipped; the others are built.
+        const bool bLengthsFine = forEachOversizedAttribute(
+            *pWriter, [&place](const XmlElement& owner, const XmlElement::Attribute& attribute) {
+                reportLoggerProblem(attributeTooLong(place, owner, attribute));
+            });
+        if (!bLengthsFine) {
+            continue;
+        }
         if (!isValidClassId(strClassId)) {
             reportLoggerProblem(ParamMessage(kmsgLogConfigWriterClassIdInvalid)
                                     .setInsert(1, boundedInsert(place.strFile.view()))
