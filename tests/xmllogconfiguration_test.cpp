@@ -258,6 +258,45 @@ TEST_F(XmlLogConfigurationTest, UnknownEmptyAndLoneMarkersReadAsTheScannerLeaves
     EXPECT_NE(sources.findLogSource(String(L"marks.a{b%c{")), nullptr);
 }
 
+TEST_F(XmlLogConfigurationTest, FileFormOfConfigAllNamesItsFileInWhatItReports) {
+    const test::TempDir temp;
+    const std::string strFile =
+        temp.write("ids.xml",
+                   "<Logging>\n<Writers>\n<Writer name='w' implementation='RecordingWriter' "
+                   "writerClassId='12'/>\n</Writers>\n</Logging>");
+    testing::internal::CaptureStderr();
+    XmlLogConfiguration::configAll(fromUtf8(strFile), String(), nullptr);
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find(strFile + ":3: Writer 'w': writerClassId '12'"), std::string::npos) << err;
+}
+
+TEST_F(XmlLogConfigurationTest, HandOverFlushesWhatTheReplacedWriterStillBuffered) {
+    const test::TempDir temp;
+    const LogSourceHandle source(String(L"buffered"));
+    const std::string xml =
+        "<Logging><WriterClassGroups><WriterClassGroup name='R'>0"
+        "</WriterClassGroup></WriterClassGroups><Filters><FilterRecord "
+        "writerClassGroup='R' path='buffered' error='100'/></Filters>"
+        "<Formats><Format name='Line'><MessageText/><LineBreak/>"
+        "</Format></Formats><Writers><Writer name='ring' "
+        "implementation='FileLogWriter' writerClassId='0' fmtName='Line' "
+        "autoFlush='no' dir='" +
+        temp.path() + "' filePrefix='b'/></Writers></Logging>";
+    const XmlDocument document = parse(xml);
+    ASSERT_TRUE(
+        XmlLogConfiguration::reconfigure(*document.getDocumentElement(), nullptr).m_bApplied);
+    logUnder(L"buffered", kSevError, L"kept in the buffer");
+    EXPECT_EQ(test::readFile(temp.file("b0.log")), "\xEF\xBB\xBF");
+    ASSERT_TRUE(
+        XmlLogConfiguration::reconfigure(*document.getDocumentElement(), nullptr).m_bApplied);
+    // The old writer was flushed before its replacement took the ring over.
+    EXPECT_EQ(test::readFile(temp.file("b0.log")), "\xEF\xBB\xBFkept in the buffer\n");
+    logUnder(L"buffered", kSevError, L"after the hand-over");
+    XmlLogConfiguration::configAll(*parse("<Logging/>").getDocumentElement(), nullptr);
+    EXPECT_EQ(test::readFile(temp.file("b0.log")),
+              "\xEF\xBB\xBFkept in the buffer\nafter the hand-over\n");
+}
+
 TEST_F(XmlLogConfigurationTest, FileFormsSelectTheirElementOrReportItsAbsence) {
     const test::TempDir temp;
     const String file =

@@ -58,6 +58,28 @@ std::recursive_mutex& configurationMutex() {
     return s_mutex;
 }
 
+// The file that the file forms of configAll and configWriters are reading on this thread, so
+// that the element forms they call name it in what they report.
+thread_local const ZQWString* t_pFileBeingRead = nullptr;
+
+class FileBeingRead {
+public:
+    explicit FileBeingRead(const ZQWString& file) noexcept : m_pPrevious(t_pFileBeingRead) {
+        t_pFileBeingRead = &file;
+    }
+    ~FileBeingRead() { t_pFileBeingRead = m_pPrevious; }
+    FileBeingRead(const FileBeingRead&) = delete;
+    FileBeingRead& operator=(const FileBeingRead&) = delete;
+
+    // What an element form names as its file.
+    static ZQWString current() {
+        return t_pFileBeingRead != nullptr ? *t_pFileBeingRead : ZQWString(L"<element>");
+    }
+
+private:
+    const ZQWString* m_pPrevious;
+};
+
 // Where the elements being read were written: the file named in problems, and how far the
 // lines of a document that was serialised and parsed again are from the lines of the original.
 struct SourcePlace {
@@ -162,6 +184,21 @@ std::vector<Handle<LogWriter>> currentGlobalWriters() {
     AtomicEntity<int> version(0);
     LogWritersMan::getLogWritersMan().getWriters(vecWriters, version);
     return vecWriters;
+}
+
+// Takes writers out of service: when this returns none of them writes any more, and what the
+// file writers among them still buffered is in their files (before a replacement resumes the
+// same ring, and without waiting for the last thread that holds one to let it go). Called
+// under the registry's monitor.
+void retireWriters(const std::vector<Handle<LogWriter>>& vecWriters) {
+    for (const Handle<LogWriter>& hWriter : vecWriters) {
+        hWriter->retire();
+    }
+    for (const Handle<LogWriter>& hWriter : vecWriters) {
+        if (auto* pFile = dynamic_cast<FileLogWriter*>(hWriter.get())) {
+            pFile->flush();
+        }
+    }
 }
 
 // Takes global writers that entered the registry after its first nKeep entries out of service
@@ -459,16 +496,7 @@ ConfigurationReport reconfigureLocked(const XmlElement& root, const ReplacementM
         LockGuard<CriticalSection> lock(registry.getMonitor());
         LogSourcesMan::getLogSourcesMan().applyConfigSettled(filters);
         vecOld = currentGlobalWriters();
-        for (const Handle<LogWriter>& hOld : vecOld) {
-            hOld->retire();
-        }
-        // What the old file writers still buffer reaches their files before a replacement
-        // resumes the same ring.
-        for (const Handle<LogWriter>& hOld : vecOld) {
-            if (auto* pFile = dynamic_cast<FileLogWriter*>(hOld.get())) {
-                pFile->flush();
-            }
-        }
+        retireWriters(vecOld);
         registry.clearWriters();
         for (const Handle<LogWriter>& hNew : vecNew) {
             registry.addLogWriter(hNew.get());
@@ -514,7 +542,7 @@ void XmlLogConfiguration::initialize(const ConfigReader& config, const PathFilte
 void XmlLogConfiguration::configAll(const XmlElement& root, const ReplacementMap* pReplacements) {
     const std::lock_guard<std::recursive_mutex> lock(configurationMutex());
     XmlDocument replaced;
-    SourcePlace place{ZQWString(L"<element>"), 0};
+    SourcePlace place{FileBeingRead::current(), 0};
     const XmlElement& element =
         pReplacements != nullptr ? replaceVariables(root, *pReplacements, place, replaced) : root;
     configGlobalFilters(element);
@@ -529,6 +557,7 @@ void XmlLogConfiguration::configAll(const ZQWString& file, const ZQWString& sele
         document.getDocumentElement()->selectSingleElement(selectPath.view());
     ZQ_ASSERT_TEXT(lpConfigNode != nullptr, "lpConfigNode != NULL");
     if (lpConfigNode != nullptr) {
+        const FileBeingRead reading(file);
         configAll(*lpConfigNode, pReplacements);
     }
 }
@@ -546,7 +575,7 @@ void XmlLogConfiguration::configWriters(const XmlElement& root, LogWritersState&
                                         const ZQWString* pFilePrefix) {
     const std::lock_guard<std::recursive_mutex> configLock(configurationMutex());
     XmlDocument replaced;
-    SourcePlace place{ZQWString(L"<element>"), 0};
+    SourcePlace place{FileBeingRead::current(), 0};
     const XmlElement& element =
         pReplacements != nullptr ? replaceVariables(root, *pReplacements, place, replaced) : root;
 
@@ -568,9 +597,7 @@ void XmlLogConfiguration::configWriters(const XmlElement& root, LogWritersState&
     };
     if (bGlobal) {
         registryLock.emplace(registry.getMonitor());
-        for (const Handle<LogWriter>& hOld : currentGlobalWriters()) {
-            hOld->retire();
-        }
+        retireWriters(currentGlobalWriters());
         registry.clearWriters();
     }
     const VersionBump bump{bGlobal ? &registry : nullptr};
@@ -664,6 +691,7 @@ void XmlLogConfiguration::configWriters(const ZQWString& file, const ZQWString& 
         document.getDocumentElement()->selectSingleElement(selectPath.view());
     ZQ_ASSERT_TEXT(lpConfigNode != nullptr, "lpConfigNode != __null");
     if (lpConfigNode != nullptr) {
+        const FileBeingRead reading(file);
         configWriters(*lpConfigNode, state, type, domain, pReplacements, pFilePrefix);
     }
 }
