@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <string>
 
+#include "support/keel_logger_double.h"
 #include "support/temp_dir.h"
 #include "support/test_writer.h"
 #include "weblogger/loggermessages.h"
@@ -170,16 +171,24 @@ TEST_F(XmlLogConfigurationTest, InitializeReadsTheSectionPathAndSwallowsFailures
     XmlLogConfiguration::initialize(config, &section);
     EXPECT_NE(findRecording(L"rec"), nullptr);
 
-    // A group defined twice: the exception is logged with "Logger initialization failed".
+    // A group defined twice: the exception and "Logger initialization failed" go to the lower
+    // library's logger, as critical errors, and initialize returns normally.
     const ConfigReader broken = ConfigReader::parseString(
         "<Server><Logging><WriterClassGroups><WriterClassGroup name='A'>1</WriterClassGroup>"
         "<WriterClassGroup name='A'>2</WriterClassGroup></WriterClassGroups></Logging></Server>");
-    testing::internal::CaptureStderr();
+    test::KeelLoggerDouble lower;
+    KeelLogger* const pPrevious = KeelLogger::getKeelLogger();
+    KeelLogger::setKeelLogger(&lower);
     EXPECT_NO_THROW(XmlLogConfiguration::initialize(broken, nullptr));
-    const std::string err = testing::internal::GetCapturedStderr();
-    if (KeelLogger::getKeelLogger() == nullptr) {
-        EXPECT_NE(err.find("Logger initialization failed"), std::string::npos) << err;
-    }
+    KeelLogger::setKeelLogger(pPrevious);
+    ASSERT_EQ(lower.m_vecExceptions.size(), 1u);
+    EXPECT_TRUE(contains(lower.m_vecExceptions[0], "Writers Class A is defined more then once"));
+    ASSERT_EQ(lower.m_vecEntries.size(), 1u);
+    EXPECT_TRUE(lower.m_vecEntries[0].strText.equals(String(L"Logger initialization failed")));
+    EXPECT_EQ(lower.m_vecEntries[0].nType, KeelLogger::kError);
+    EXPECT_EQ(lower.m_vecEntries[0].nSeverity, KeelLogger::kSeverityCritical);
+    // What the first configuration installed is still in force.
+    EXPECT_NE(findRecording(L"rec"), nullptr);
 }
 
 TEST_F(XmlLogConfigurationTest, MissingLoggingElementIsReportedByAssertion) {
