@@ -71,9 +71,14 @@ public:
                           const ReplacementMap* pReplacements);
 
     // Builds the writers of root into state. With WT_GLOBAL the previous global writers are
-    // retired first and the new ones enter the writer registry. With a file prefix and a tenant
-    // or session domain only file writers are kept, each with the prefix in its file names;
-    // their filters then come from the global records of their writer id.
+    // retired first (file writers flushed) and the new ones enter the writer registry. With a
+    // file prefix and a tenant or session domain only file writers are built, each with the
+    // prefix in its file names before it opens any; their filters then come from the global
+    // records of their writer id. A writer whose implementation is unknown, whose
+    // "writerClassId" is outside 0 to 9, which has an attribute longer than
+    // kMaxAttributeLength, or whose initialisation fails is reported on standard error and
+    // skipped (a global one leaves the registry again, so it never writes); an exception from
+    // a factory (unknown format, missing attribute) ends the loop and passes on.
     static void configWriters(const XmlElement& root, LogWritersState& state, WriterType type,
                               WriterDomain domain, const ReplacementMap* pReplacements,
                               const ZQWString* pFilePrefix);
@@ -86,7 +91,12 @@ public:
 
     // Checks the whole document first; installs thresholds and global writers together only
     // when nothing is wrong. Never throws the configuration's exceptions: every problem is in
-    // the report. selectPath as for configAll.
+    // the report. selectPath as for configAll. With a replacement map, the variables of a
+    // UTF-8 file are replaced in the file's own text, so problems name the lines as written;
+    // an unterminated "{%" is refused before any replacement. New writers are built as
+    // WT_SHARED (outside the registry) and enter its list only when installed; a file writer
+    // that replaces one on the same ring takes the ring over (see FileLogWriter). Writers built
+    // for a document that is then refused may have created their directories and files.
     static ConfigurationReport reconfigure(const ZQWString& file,
                                            const ReplacementMap* pReplacements,
                                            const ZQWString& selectPath = ZQWString());
