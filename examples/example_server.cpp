@@ -1,8 +1,10 @@
 // The example server: a few worker threads handle simulated requests, each under its own log
 // sources and properties, and log at all five message types through the writers that
-// logconfig.xml declares: a console writer and a ring of rotating log files. The writers are
-// built through the writer registry's factories, as the configuration does; thresholds are set
-// on the sources directly.
+// logconfig.xml declares: a console writer and a ring of rotating log files. Everything about
+// logging comes from that file, through one call to the configuration loader with a value for
+// its {%logDir%} variable. On SIGHUP the server reads the file again: a valid file replaces
+// the writers and thresholds in one step, a file with problems changes nothing, and either way
+// the server prints what happened.
 //
 // Each request runs under an execution context of its own, from the W3C Trace Context client
 // libwebctm (KIV_CTM_LIBRARY, or the one built beside this program): the "KLF-Text" lines in
@@ -10,8 +12,14 @@
 // by a back-end thread, to which it travels as a traceparent value over a queue; the back end's
 // lines continue the same trace.
 //
-// Usage: example_server [logconfig.xml]
+// Usage: example_server [logconfig.xml [seconds]]
+//   seconds: keep serving that long (so that there is time to edit the file and send SIGHUP);
+//   without it the workers stop after a fixed number of requests.
+#include <pthread.h>
+#include <signal.h>
+
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -28,9 +36,8 @@
 #include "weblogger/kivmakelibloaded.h"
 #include "weblogger/loglifetime.h"
 #include "weblogger/logsource.h"
-#include "weblogger/logwritersman.h"
-#include "weblogger/messageformatloader.h"
 #include "weblogger/tmlogger.h"
+#include "weblogger/xmllogconfiguration.h"
 #include "zq/webkeel/transcode.h"
 #include "zq/webutil/configreader.h"
 #include "zq/webutil/ctmwrapper.h"
@@ -43,49 +50,54 @@ using namespace kiv;
 
 constexpr int kWorkers = 4;
 constexpr int kRequestsPerWorker = 250;
+// Relative to where the server is started.
+constexpr const char* kLogDir = "build/example-logs";
 
-// Console: errors and warnings, the important notifications; no traces. Files: everything.
-// The system log: incident errors and errors.
-void setThresholds(const LogSource& root) {
-    LogFilter& filter = const_cast<LogSource&>(root).getLogFilter();
-    filter.setLogLevelsForId(1, LogLevels(32, 32, 16, 1, 0));
-    filter.setLogLevelsForId(2, LogLevels(65534, 65534, 65534, 65534, 65534));
-    // System log: incident errors and errors only.
-    filter.setLogLevelsForId(
-        3, LogLevels(65534, 65534, LogLevels::kNotSet, LogLevels::kNotSet, LogLevels::kNotSet));
+std::atomic<bool> g_bServing{true};
+
+void printList(const char* pszTitle, const std::vector<String>& vecLines) {
+    std::printf("  %s\n", pszTitle);
+    for (const String& line : vecLines) {
+        std::printf("    %s\n", toUtf8(line.view()).c_str());
+    }
+    if (vecLines.empty()) {
+        std::printf("    (none)\n");
+    }
+    // The console writer writes to the same descriptor, unbuffered.
+    std::fflush(stdout);
 }
 
-// Unset thresholds of a source take its parent's, as the configuration does down the tree.
-void inheritThresholds(const LogSourceHandle& source) {
-    const LogSource* pParent = source->getParent();
-    const_cast<LogSource&>(*source).getLogFilter().setMissingSettings(
-        pParent != nullptr ? &pParent->getLogFilter() : nullptr);
+// Loads the file (at start-up and on SIGHUP) and says what happened.
+bool loadConfiguration(const std::string& strConfig, const ReplacementMap& vars) {
+    const ConfigurationReport report = XmlLogConfiguration::reconfigure(fromUtf8(strConfig), &vars);
+    if (!report.m_bApplied) {
+        std::printf("example_server: %s was not applied; the logging in force stays:\n",
+                    strConfig.c_str());
+        printList("problems:", report.m_vecProblems);
+        return false;
+    }
+    std::printf("example_server: %s applied (%u filter records)\n", strConfig.c_str(),
+                report.m_nFilterRecords);
+    if (report.m_vecWritersBefore != report.m_vecWritersAfter) {
+        printList("writers before:", report.m_vecWritersBefore);
+    }
+    printList("writers now:", report.m_vecWritersAfter);
+    return true;
 }
 
-// Builds every writer of the Writers element through its factory; formats are looked up in the
-// logging element first, then among the catalogue's and the library's built-in formats.
-int buildWriters(const XmlElement& logging) {
-    logger_details::LogWritersMan& registry = logger_details::LogWritersMan::getLogWritersMan();
-    LogWritersFactory::ConfigChain chain;
-    for (const XmlElement* pFormats : logging.selectElements(L"Formats")) {
-        chain.push_back(pFormats);
-    }
-    chain.push_back(MessageFormatLoader::getFallbackLoggerFormats());
-    int nWriters = 0;
-    for (const XmlElement* pWriter : logging.selectElements(L"Writers/Writer")) {
-        const Handle<const LogWritersFactory> hFactory =
-            registry.getLogWritersFactory(pWriter->getAttributeValue(L"implementation", true));
-        if (hFactory.isNull()) {
-            std::fprintf(stderr, "unknown writer implementation in %s\n",
-                         toUtf8(pWriter->toXmlString().view()).c_str());
-            continue;
-        }
-        if (!hFactory->create(pWriter, chain, LogWriter::WT_GLOBAL, nullptr).isNull()) {
-            ++nWriters;
+// Waits for SIGHUP (blocked in every other thread) and reloads the configuration.
+void reloadOnSighup(const std::string& strConfig, const ReplacementMap& vars) {
+    sigset_t hangup;
+    sigemptyset(&hangup);
+    sigaddset(&hangup, SIGHUP);
+    const timespec tick{0, 100 * 1000 * 1000};
+    while (g_bServing.load()) {
+        if (sigtimedwait(&hangup, nullptr, &tick) == SIGHUP) {
+            std::printf("example_server: SIGHUP, reading %s again\n", strConfig.c_str());
+            std::fflush(stdout);
+            loadConfiguration(strConfig, vars);
         }
     }
-    registry.versionIncrement();
-    return nWriters;
 }
 
 // Requests handed from the workers to the back end, as traceparent values; an empty value
@@ -129,7 +141,8 @@ void runBackEnd(HandOffQueue& queue, const LogSourceHandle& http) {
     }
 }
 
-void handleRequests(int nWorker, const LogSourceHandle& http, HandOffQueue& backEnd) {
+void handleRequests(int nWorker, const LogSourceHandle& http, HandOffQueue& backEnd,
+                    std::chrono::steady_clock::time_point deadline) {
     TmLogger& logger = TmLogger::getLogger();
     const LogSourceHandle request(http, String(L"request"));
     const LogSourceHandle database(http, String(L"db"));
@@ -140,7 +153,12 @@ void handleRequests(int nWorker, const LogSourceHandle& http, HandOffQueue& back
     const GDString slow(L"request %1 took %2 ms, more than the 200 ms budget");
     const GDString parsed(L"parsed %1 headers");
     const GDString failed(L"request %1 failed: the database did not answer");
-    for (int i = 0; i < kRequestsPerWorker; ++i) {
+    const bool bByTime = deadline != std::chrono::steady_clock::time_point();
+    for (int i = 0; bByTime ? std::chrono::steady_clock::now() < deadline : i < kRequestsPerWorker;
+         ++i) {
+        if (bByTime) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
         const String user = widen("user" + std::to_string(random() % 20));
         logger.pushProperty(String(L"userId"), GDString(user), 0xFFFFFFFF);
         // Every line of this request carries its own ECID.
@@ -178,9 +196,10 @@ void handleRequests(int nWorker, const LogSourceHandle& http, HandOffQueue& back
                               ReferentialParameterizedMessage(served, id, GDString(user), millis),
                               nullptr, &here);
         }
-        if (i == kRequestsPerWorker - 1) {
-            // One request per worker is finished elsewhere, as a real server would queue it (the
-            // last, so that its lines are still in the ring of files at the end).
+        if (bByTime ? i % 50 == 49 : i == kRequestsPerWorker - 1) {
+            // Some requests are finished elsewhere, as a real server would queue them (when
+            // counting requests, each worker's last, so that its lines are still in the ring
+            // of files at the end).
             backEnd.push(logger::ExecutionContext::wrap(false));
         }
         logger.popProperty(String(L"userId"));
@@ -196,13 +215,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     const std::string strConfig = argc > 1 ? argv[1] : WEBLOGGER_EXAMPLE_CONFIG;
-    XmlDocument config;
-    try {
-        config = XmlDocument::loadFromFile(NString(strConfig.c_str()));
-    } catch (const Exception& e) {
-        std::fprintf(stderr, "example_server: %s\n", e.what());
-        return 1;
-    }
+    const int nSeconds = argc > 2 ? std::atoi(argv[2]) : 0;
     TmLogger::setTimeZone(TimeZone(TimeZone::kServerOS));
 
     // The context-monitoring client first, then the configuration that looks its functions up
@@ -223,31 +236,36 @@ int main(int argc, char** argv) {
         return 1;
     }
 
+    // Sources exist before the configuration is applied, so that its thresholds reach them.
     const LogSourceHandle root(String(L"example"));
-    setThresholds(*root);
     const LogSourceHandle http(root, String(L"http"));
     const LogSourceHandle request(http, String(L"request"));
     const LogSourceHandle database(http, String(L"db"));
     const LogSourceHandle backEnd(http, String(L"backend"));
-    for (const LogSourceHandle* pSource : {&http, &request, &database, &backEnd}) {
-        inheritThresholds(*pSource);
-    }
-    int nWriters = 0;
-    try {
-        nWriters = buildWriters(*config.getDocumentElement());
-    } catch (const Exception& e) {
-        std::fprintf(stderr, "example_server: %s\n", e.what());
+
+    // SIGHUP is taken by the reloading thread only.
+    sigset_t hangup;
+    sigemptyset(&hangup);
+    sigaddset(&hangup, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &hangup, nullptr);
+
+    ReplacementMap vars;
+    vars[String(L"logDir")] = fromUtf8(kLogDir);
+    std::printf("example_server: libweblogger %s\n", webloggerVersion());
+    std::fflush(stdout);
+    if (!loadConfiguration(strConfig, vars)) {
         return 1;
     }
-    std::printf("example_server: libweblogger %s, %d writers from %s\n", webloggerVersion(),
-                nWriters, strConfig.c_str());
+    std::thread reloader(reloadOnSighup, std::cref(strConfig), std::cref(vars));
 
     const auto start = std::chrono::steady_clock::now();
+    const auto deadline = nSeconds > 0 ? start + std::chrono::seconds(nSeconds)
+                                       : std::chrono::steady_clock::time_point();
     HandOffQueue queue;
     std::thread backEndThread(runBackEnd, std::ref(queue), std::cref(http));
     std::vector<std::thread> vecWorkers;
     for (int w = 0; w < kWorkers; ++w) {
-        vecWorkers.emplace_back(handleRequests, w, std::cref(http), std::ref(queue));
+        vecWorkers.emplace_back(handleRequests, w, std::cref(http), std::ref(queue), deadline);
     }
     for (std::thread& worker : vecWorkers) {
         worker.join();
@@ -256,14 +274,16 @@ int main(int argc, char** argv) {
     backEndThread.join();
     const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::chrono::steady_clock::now() - start);
+    g_bServing = false;
+    reloader.join();
 
-    // Retire the writers: their files are flushed and closed.
-    logger_details::LogWritersMan::getLogWritersMan().clearWriters();
-    logger_details::LogWritersMan::getLogWritersMan().versionIncrement();
+    // An empty configuration retires the writers: their files are flushed and closed.
+    XmlLogConfiguration::configAll(
+        *XmlDocument::parseString(std::string_view("<Logging/>")).getDocumentElement(), nullptr);
 
-    const std::filesystem::path logs = std::filesystem::absolute("build/example-logs");
-    std::printf("example_server: %d workers handled %d requests in %lld ms\n", kWorkers,
-                kWorkers * kRequestsPerWorker, static_cast<long long>(elapsed.count()));
+    const std::filesystem::path logs = std::filesystem::absolute(kLogDir);
+    std::printf("example_server: %d workers served for %lld ms\n", kWorkers,
+                static_cast<long long>(elapsed.count()));
     std::printf("example_server: log files in %s:\n", logs.string().c_str());
     if (std::filesystem::exists(logs)) {
         std::vector<std::filesystem::directory_entry> vecFiles{

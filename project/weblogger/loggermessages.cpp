@@ -162,7 +162,7 @@ KIV_CATALOGUE_MESSAGE(
     ": it is a symbolic link or not a regular file. The writer skips it.</TEXT>");
 
 KIV_CATALOGUE_MESSAGE(
-    kmsgLogConfigAttributeMissing,
+    kmsgLogWriterAttributeMissing,
     "<TEXT>Failed to init log writer <kivm:param insert=\"1\"/>. Its Writer element needs "
     "the attribute <kivm:param insert=\"2\"/>.</TEXT>");
 
@@ -176,6 +176,76 @@ KIV_CATALOGUE_MESSAGE(
     "<TEXT>Log writer <kivm:param insert=\"1\"/> cannot reach the system log at <kivm:param "
     "insert=\"2\"/> (<kivm:param insert=\"3\"/>); the messages it cannot send are dropped "
     "and counted.</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(kmsgLoggerInitializationFailed, "<TEXT>Logger initialization failed</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigProblemAt,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/>"
+    "</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigUnterminatedVariable,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>:<kivm:param insert=\"3\"/>"
+    ": a variable marker \"{%\" is not closed by \"%}\"; no variable of the document "
+    "is replaced and the document is not applied.</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigNotWellFormed,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>:<kivm:param insert=\"3\"/>"
+    ": the document is not well-formed XML: <kivm:param insert=\"4\"/></TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigElementMissing,
+    "<TEXT><kivm:param insert=\"1\"/>: the document has no element '<kivm:param insert=\"2\"/>"
+    "' below its root element.</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigAttributeMissing,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/>"
+    " has no attribute <kivm:param insert=\"4\"/>, which it needs.</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigAttributeTooLong,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/>"
+    " attribute <kivm:param insert=\"4\"/> is <kivm:param insert=\"5\"/> characters long; "
+    "a value may have at most <kivm:param insert=\"6\"/>.</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigUnknownImplementation,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: Writer '<kivm:param "
+    "insert=\"3\"/>' names implementation '<kivm:param insert=\"4\"/>', which no writer "
+    "class of this process has.</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigWriterClassIdInvalid,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: Writer '<kivm:param "
+    "insert=\"3\"/>': writerClassId '<kivm:param insert=\"4\"/>' is not a writer id from "
+    "0 to 9; the writer is not built.</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigWriterNotBuilt,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: Writer '<kivm:param "
+    "insert=\"3\"/>' (<kivm:param insert=\"4\"/>) could not be set up: <kivm:param insert=\"5\"/>"
+    "</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigWriterInitFailed,
+    "<TEXT>its initialisation failed; the reason was reported just before.</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigNotApplied,
+    "<TEXT>The logging configuration <kivm:param insert=\"1\"/> was not applied: <kivm:param "
+    "insert=\"2\"/> problem(s) found; the configuration in force stays.</TEXT>");
+
+GDString boundedInsert(std::wstring_view text, std::size_t nMax) {
+    if (text.size() <= nMax || nMax == 0) {
+        return GDString(String(text));
+    }
+    String strCut(text.substr(0, nMax - 1));
+    strCut += L"\u2026";
+    return GDString(strCut);
+}
 
 void reportLoggerProblem(const GDValue& message) noexcept {
     try {

@@ -6,6 +6,9 @@
 // these messages, so what an operator reads is always the catalogue's text with its inserts.
 #pragma once
 
+#include <cstddef>
+#include <string_view>
+
 #include "zq/webkeel/exception.h"
 #include "zq/webutil/message.h"
 
@@ -78,13 +81,52 @@ extern const ExternalMessage kmsgLogConfigPatternMatchesNoSource;
 
 // "Failed to init log writer " insert 1 ". Its Writer element needs the attribute " insert 2
 // "."
-extern const ExternalMessage kmsgLogConfigAttributeMissing;
+extern const ExternalMessage kmsgLogWriterAttributeMissing;
 // "Failed to init log writer " insert 1 ". The attribute " insert 2 " of its Writer element
 // cannot be '" insert 3 "'."
 extern const ExternalMessage kmsgLogConfigAttributeInvalid;
 // "Log writer " insert 1 " cannot reach the system log at " insert 2 " (" insert 3 "); the
 // messages it cannot send are dropped and counted."
 extern const ExternalMessage kmsgLogWriterSystemLogDropping;
+
+// The configuration loader's texts. Places are "file:line" (with ":column" where the parser
+// or the variable scanner gives one); values from the document are cut by boundedInsert.
+// "Logger initialization failed"
+extern const ExternalMessage kmsgLoggerInitializationFailed;
+// insert 1 ":" insert 2 ": " insert 3 (what is wrong, as the reader or a writer said it)
+extern const ExternalMessage kmsgLogConfigProblemAt;
+// insert 1 ":" insert 2 ":" insert 3 ": a variable marker \"{%\" is not closed by \"%}\"; no
+// variable of the document is replaced and the document is not applied."
+extern const ExternalMessage kmsgLogConfigUnterminatedVariable;
+// insert 1 ":" insert 2 ":" insert 3 ": the document is not well-formed XML: " insert 4
+extern const ExternalMessage kmsgLogConfigNotWellFormed;
+// insert 1 ": the document has no element '" insert 2 "' below its root element."
+extern const ExternalMessage kmsgLogConfigElementMissing;
+// insert 1 ":" insert 2 ": " insert 3 " has no attribute " insert 4 ", which it needs."
+extern const ExternalMessage kmsgLogConfigAttributeMissing;
+// insert 1 ":" insert 2 ": " insert 3 " attribute " insert 4 " is " insert 5 " characters long;
+// a value may have at most " insert 6 "."
+extern const ExternalMessage kmsgLogConfigAttributeTooLong;
+// insert 1 ":" insert 2 ": Writer '" insert 3 "' names implementation '" insert 4 "', which no
+// writer class of this process has."
+extern const ExternalMessage kmsgLogConfigUnknownImplementation;
+// insert 1 ":" insert 2 ": Writer '" insert 3 "': writerClassId '" insert 4 "' is not a writer
+// id from 0 to 9; the writer is not built."
+extern const ExternalMessage kmsgLogConfigWriterClassIdInvalid;
+// insert 1 ":" insert 2 ": Writer '" insert 3 "' (" insert 4 ") could not be set up: " insert 5
+extern const ExternalMessage kmsgLogConfigWriterNotBuilt;
+// "its initialisation failed; the reason was reported just before."
+extern const ExternalMessage kmsgLogConfigWriterInitFailed;
+// "The logging configuration " insert 1 " was not applied: " insert 2 " problem(s) found; the
+// configuration in force stays."
+extern const ExternalMessage kmsgLogConfigNotApplied;
+
+// The longest text of one insert taken from a document or an exception in the loader's
+// messages; a longer one is cut and ends with an ellipsis.
+constexpr std::size_t kMaxInsertLength = 256;
+// text as a message insert, at most nMax characters: a longer text keeps its first nMax - 1
+// characters followed by "\u2026".
+GDString boundedInsert(std::wstring_view text, std::size_t nMax = kMaxInsertLength);
 
 // The long and short names of the five message types.
 extern const ExternalMessage kmsgLogIncidentErrorLong;   // "INCIDENT_ERROR"

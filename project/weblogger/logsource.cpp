@@ -67,20 +67,22 @@ void LogSource::getSourceNames(std::vector<ZQWString>& names) const {
     }
 }
 
-void LogSource::applyFilterConfigToSelfAndChilds(const GlobalFilterConfiguration& cfg) {
-    const FilterConfigurationRecord* pRecord = nullptr;
+const FilterConfigurationRecord* LogSource::findRecord(const GlobalFilterConfiguration& cfg) const {
     const auto it = cfg.m_lstSetLogLevels.find(m_strFullPath);
     if (it != cfg.m_lstSetLogLevels.end()) {
-        pRecord = it->second;
-    } else {
-        // Document order decides among patterns, not how specific they are.
-        for (const auto& entry : cfg.m_lstWildCardSetLogLevels) {
-            if (matchesWildcard(entry.first.view(), m_strFullPath.view())) {
-                pRecord = entry.second;
-                break;
-            }
+        return it->second;
+    }
+    // Document order decides among patterns, not how specific they are.
+    for (const auto& entry : cfg.m_lstWildCardSetLogLevels) {
+        if (matchesWildcard(entry.first.view(), m_strFullPath.view())) {
+            return entry.second;
         }
     }
+    return nullptr;
+}
+
+void LogSource::applyFilterConfigToSelfAndChilds(const GlobalFilterConfiguration& cfg) {
+    const FilterConfigurationRecord* pRecord = findRecord(cfg);
     if (pRecord != nullptr) {
         *m_plogFilter = pRecord->m_ThisFilter;
     } else {
@@ -88,6 +90,16 @@ void LogSource::applyFilterConfigToSelfAndChilds(const GlobalFilterConfiguration
     }
     for (auto& entry : m_mapChildSources) {
         entry.second->applyFilterConfigToSelfAndChilds(cfg);
+    }
+}
+
+void LogSource::applySettledFilterConfigToSelfAndChilds(const GlobalFilterConfiguration& cfg) {
+    const FilterConfigurationRecord* pRecord = findRecord(cfg);
+    LogFilter settled = pRecord != nullptr ? pRecord->m_ThisFilter : LogFilter();
+    settled.setMissingSettings(m_pParent != nullptr ? m_pParent->m_plogFilter : nullptr);
+    *m_plogFilter = settled;
+    for (auto& entry : m_mapChildSources) {
+        entry.second->applySettledFilterConfigToSelfAndChilds(cfg);
     }
 }
 
@@ -206,6 +218,13 @@ void LogSourcesMan::applyConfig(const GlobalFilterConfiguration& cfg) {
         entry.second->applyFilterConfigToSelfAndChilds(cfg);
     }
     onConfigChanged();
+}
+
+void LogSourcesMan::applyConfigSettled(const GlobalFilterConfiguration& cfg) {
+    LockGuard<CriticalSection> lock(m_tMonitor);
+    for (auto& entry : m_mapChildSources) {
+        entry.second->applySettledFilterConfigToSelfAndChilds(cfg);
+    }
 }
 
 void LogSourcesMan::applyConfig(const GlobalFilterConfiguration& cfg,

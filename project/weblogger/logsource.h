@@ -32,6 +32,7 @@
 
 namespace kiv {
 
+class FilterConfigurationRecord;
 class GlobalFilterConfiguration;
 class LogWriter;
 class LogSource;
@@ -70,6 +71,9 @@ public:
     void applyFilterConfigToSelfAndChilds(const GlobalFilterConfiguration& cfg);
     // Adjust pass: unset thresholds take the parent's value (a top-level node's become 0).
     void adjustSelfAndChildFilters();
+    // Both passes at once, node by node: each threshold goes from its old value straight to
+    // its new one (the parent is settled first), never through "not set" in between.
+    void applySettledFilterConfigToSelfAndChilds(const GlobalFilterConfiguration& cfg);
     // Unsets the thresholds of every writer id in the group; other ids keep theirs. Call
     // LogSourcesMan::onConfigChanged afterwards to have the gaps inherited again.
     void resetSelfAndChildFilters(const LogWritersGroup& group);
@@ -78,6 +82,8 @@ public:
     void resetSelfAndChildFilters(const LogWriter& writer);
 
 private:
+    // The exact record for this node's path, else the first pattern record that matches it.
+    const FilterConfigurationRecord* findRecord(const GlobalFilterConfiguration& cfg) const;
     friend class LogSourcesMan;  // links children while it holds the monitor
 
     const ZQWString m_strName;
@@ -112,6 +118,10 @@ public:
     // The same for the given nodes, each with its subtree; a count of 0 or less does nothing.
     void applyConfig(const GlobalFilterConfiguration& cfg, const LogSource* const* sources,
                      int count);
+    // The same result as applyConfig, but threads that log meanwhile never see a threshold
+    // unset that is set before and after (a reconfiguration under load rejects nothing it
+    // would accept under either configuration).
+    void applyConfigSettled(const GlobalFilterConfiguration& cfg);
     // Adjust pass on every top-level node, so that nodes made since the last configuration
     // inherit their parents' thresholds.
     void onConfigChanged();

@@ -109,6 +109,33 @@ bool LogWriters::forEachAcceptingWriter(const LogSeverity& severity, const Logge
     return bRetiredMet;
 }
 
+class LogWriters::WrittenBy {
+public:
+    void add(const LogWriter* pWriter) noexcept {
+        if (m_nCount < kMaxTracked) {
+            m_arrWriters[m_nCount++] = pWriter;
+        }
+    }
+    // Whether a writer of the same name and id took the message. The writers recorded must
+    // still be alive: the redelivery keeps the list they came from.
+    bool hasNamesake(const LogWriter& writer) const noexcept {
+        for (std::size_t i = 0; i < m_nCount; ++i) {
+            if (m_arrWriters[i]->getClassId() == writer.getClassId() &&
+                m_arrWriters[i]->getName() == writer.getName()) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+private:
+    // More global writers than this are not seen in practice; beyond it a replacement may
+    // receive a message its predecessor took.
+    static constexpr std::size_t kMaxTracked = 16;
+    const LogWriter* m_arrWriters[kMaxTracked];
+    std::size_t m_nCount = 0;
+};
+
 void LogWriters::waitForReplacementAndSync() {
     // The configuration replaces the global writers under the registry's lock: passing
     // through it waits for a replacement in progress, so the copy holds the new writers.
@@ -137,36 +164,53 @@ bool LogWriters::calcEnabledWriters(const LogSeverity& severity, const LoggerSta
 void LogWriters::logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,
                                      const LoggerState& state, const FileLocation* pLocation) {
     bool bRefused = false;
+    WrittenBy written;
     for (const Handle<LogWriter>& hWriter : m_vecEnabledWriters) {
         hWriter->logMessage(severity, msg, state, pLocation);
-        bRefused |= LogWriter::takeWriteRefusal();
+        if (LogWriter::takeWriteRefusal()) {
+            bRefused = true;
+        } else {
+            written.add(hWriter.get());
+        }
+    }
+    if (bRefused) {
+        redeliverToReplacements(severity, msg, state, pLocation, written);
     }
     m_vecEnabledWriters.clear();
-    if (bRefused) {
-        redeliverToReplacements(severity, msg, state, pLocation);
-    }
 }
 
 void LogWriters::logMessage(const LogSeverity& severity, const GDValue& msg,
                             const LoggerState& state, const FileLocation* pLocation) {
     bringGlobalWritersUpToDate();
     bool bRefused = false;
+    WrittenBy written;
     const bool bRetiredMet =
         forEachAcceptingWriter(severity, state, [&](const Handle<LogWriter>& hWriter) {
             hWriter->logMessage(severity, msg, state, pLocation);
-            bRefused |= LogWriter::takeWriteRefusal();
+            if (LogWriter::takeWriteRefusal()) {
+                bRefused = true;
+            } else {
+                written.add(hWriter.get());
+            }
         });
     if (bRefused || bRetiredMet) {
-        redeliverToReplacements(severity, msg, state, pLocation);
+        redeliverToReplacements(severity, msg, state, pLocation, written);
     }
 }
 
 void LogWriters::redeliverToReplacements(const LogSeverity& severity, const GDValue& msg,
-                                         const LoggerState& state, const FileLocation* pLocation) {
+                                         const LoggerState& state, const FileLocation* pLocation,
+                                         const WrittenBy& written) {
     const LogSource* pSource = state.getCurSource();
     if (pSource == nullptr) {
         return;
     }
+    // Keeps alive the writers that written refers to, and those of every later round.
+    std::vector<LogWritersList> vecKeptLists;
+    // Grows with the writers that take the message in each round.
+    WrittenBy took = written;
+    vecKeptLists.push_back(m_LogWritersGlobal);
+    vecKeptLists.push_back(m_vecEnabledWriters);
     // Every writer of an earlier list either wrote the message or refused it because it was
     // retired; only writers that were not in any of those lists may still receive it. A
     // replacement can itself be replaced before the message reaches it, hence the rounds.
@@ -176,15 +220,21 @@ void LogWriters::redeliverToReplacements(const LogSeverity& severity, const GDVa
             vecAlreadyTried.push_back(hWriter.get());
         }
         waitForReplacementAndSync();
+        vecKeptLists.push_back(m_LogWritersGlobal);
         bool bAgain = false;
         for (const Handle<LogWriter>& hWriter : m_LogWritersGlobal) {
             if (std::find(vecAlreadyTried.begin(), vecAlreadyTried.end(), hWriter.get()) !=
-                vecAlreadyTried.end()) {
+                    vecAlreadyTried.end() ||
+                took.hasNamesake(*hWriter)) {
                 continue;
             }
             if (accepts(*hWriter, severity, state, *pSource)) {
                 hWriter->logMessage(severity, msg, state, pLocation);
-                bAgain |= LogWriter::takeWriteRefusal();
+                if (LogWriter::takeWriteRefusal()) {
+                    bAgain = true;
+                } else {
+                    took.add(hWriter.get());
+                }
             } else {
                 bAgain |= hWriter->isRetired();
             }

@@ -10,7 +10,9 @@
 // the old ones. A retired writer refuses the write under its own lock (LogWriter's write
 // guard); the dispatcher then waits for the replacement to finish (by passing through the
 // registry's monitor) and hands the message to the writers that replaced the retired ones, so
-// a message that races with a reconfiguration is neither lost nor written twice.
+// a message that races with a reconfiguration is neither lost nor written twice. A writer and
+// its replacement carry the same name and id: a replacement whose predecessor already wrote the
+// message (the reconfiguration retires old writers one at a time) is skipped.
 //
 // Threads: a LogWriters belongs to one thread's logger and takes no lock of its own; it takes
 // the registry's monitor only to copy the global list and to wait for a replacement.
@@ -92,12 +94,16 @@ private:
                                 OnAccepted&& onAccepted);
     // Waits for a replacement of the global writers in progress, then copies the new list.
     [[gnu::cold, gnu::noinline]] void waitForReplacementAndSync();
+    // The writers that took one message (a fixed few, without allocating).
+    class WrittenBy;
     // A retired writer refused the message: hand it to the global writers that replaced the
-    // retired ones (rare: only while the configuration replaces the writers).
+    // retired ones, except those whose predecessor took it (rare: only while the configuration
+    // replaces the writers).
     [[gnu::cold, gnu::noinline]] void redeliverToReplacements(const LogSeverity& severity,
                                                               const GDValue& msg,
                                                               const LoggerState& state,
-                                                              const FileLocation* pLocation);
+                                                              const FileLocation* pLocation,
+                                                              const WrittenBy& written);
 
     std::atomic<int> m_GlobalWritersVersion;
     // The registry outlives every thread's writer set; looked up once, not per message.

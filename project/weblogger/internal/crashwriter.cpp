@@ -16,7 +16,7 @@ const String& requiredAttribute(const XmlElement& config, const String& writerNa
                                 const String& attribute) {
     const String* pValue = config.findAttribute(attribute.view());
     if (pValue == nullptr) {
-        ZQ_THROW(LogConfigurationException(ParamMessage(kmsgLogConfigAttributeMissing)
+        ZQ_THROW(LogConfigurationException(ParamMessage(kmsgLogWriterAttributeMissing)
                                                .setInsert(1, GDString(writerName))
                                                .setInsert(2, GDString(attribute))));
     }

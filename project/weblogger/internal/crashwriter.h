@@ -25,7 +25,7 @@ public:
 
     // Reads "file" (compared exactly, letter case included, with the file the call site
     // reports) and "line" (base 10; text that is not a number gives 0). Either one missing
-    // throws LogConfigurationException (kmsgLogConfigAttributeMissing): a trigger bound to no
+    // throws LogConfigurationException (kmsgLogWriterAttributeMissing): a trigger bound to no
     // place is a configuration mistake, not a trigger that never fires. The format is unused.
     bool initialize(const XmlElement* pConfig, const XmlElement* pFormat) override;
     // Reacts when the location's line and file are both the configured ones; a message without

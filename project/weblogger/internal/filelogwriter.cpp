@@ -110,6 +110,33 @@ FileLogWriter* g_pRingOwners = nullptr;
 
 }  // namespace
 
+namespace {
+// The writers a reconfiguration on this thread is about to replace, or null.
+thread_local const std::vector<Handle<LogWriter>>* t_pReplacedWriters = nullptr;
+
+bool isBeingReplaced(const LogWriter* pWriter) noexcept {
+    if (t_pReplacedWriters == nullptr) {
+        return false;
+    }
+    for (const Handle<LogWriter>& hReplaced : *t_pReplacedWriters) {
+        if (hReplaced.get() == pWriter) {
+            return true;
+        }
+    }
+    return false;
+}
+}  // namespace
+
+FileLogWriter::RingHandOver::RingHandOver(
+    const std::vector<Handle<LogWriter>>& vecReplaced) noexcept
+    : m_pPrevious(t_pReplacedWriters) {
+    t_pReplacedWriters = &vecReplaced;
+}
+
+FileLogWriter::RingHandOver::~RingHandOver() {
+    t_pReplacedWriters = m_pPrevious;
+}
+
 FileLogWriter::FileLogWriter(const String& name, short id, WriterType type,
                              const Handle<const WriterFilter>& filter)
     : LogWriter(name, id, type, filter) {}
@@ -225,7 +252,7 @@ bool FileLogWriter::initializeRing(ERotationType eType, const String& dir, const
     }
     bool bResult = false;
     try {
-        bResult = openFile();
+        bResult = m_bAwaitingHandOver || openFile();
     } catch (...) {
         releaseRing();
         throw;
@@ -586,14 +613,20 @@ bool FileLogWriter::claimRing() {
     }
     String strKey = FilePath(DirectoryPath(strCanonical), m_strFilePrefix).getFullPath();
     std::lock_guard<std::mutex> lock(g_ringTableMutex);
+    m_bAwaitingHandOver = false;
     for (FileLogWriter* pOwner = g_pRingOwners; pOwner != nullptr;
          pOwner = pOwner->m_pNextRingOwner) {
         if (pOwner != this && !pOwner->isRetired() && pOwner->m_strRingKey == strKey) {
+            if (isBeingReplaced(pOwner)) {
+                m_bAwaitingHandOver = true;
+                continue;
+            }
             reportLoggerProblem(ParamMessage(kmsgLogWriterRingInUse)
                                     .setInsert(1, GDString(getName()))
                                     .setInsert(2, GDString(strKey + L"*.log"))
                                     .setInsert(3, GDString(pOwner->getName())));
             m_strRingKey.clear();
+            m_bAwaitingHandOver = false;
             return false;
         }
     }
@@ -623,8 +656,12 @@ void FileLogWriter::releaseRing() noexcept {
     m_bInRingTable = false;
 }
 
+String FileLogWriter::prefixWithPart(const String& configuredPrefix, const String& part) {
+    return (configuredPrefix.empty() ? kDefaultPrefix : configuredPrefix) + L"-" + part + L"-";
+}
+
 void FileLogWriter::appendFilePrefix(const String& part) {
-    m_strFilePrefix = m_strFilePrefix + L"-" + part + L"-";
+    m_strFilePrefix = prefixWithPart(m_strFilePrefix, part);
     m_iCurFile = kNoFile;
     try {
         m_CurFile.close();

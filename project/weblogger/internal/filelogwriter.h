@@ -19,6 +19,12 @@
 // - A ring belongs to one writer of the process: a second writer initialised on the same
 //   directory (after links are resolved) and prefix is refused with a report, since the two
 //   would overwrite each other's files. A retired writer no longer holds its ring.
+// - Hand-over: a reconfiguration builds the new writers before it retires the old ones. Inside
+//   a RingHandOver scope, a writer may claim a ring held by one of the writers being replaced;
+//   it then opens no file at initialisation. The configuration installs it only after the old
+//   writer is retired (no write in progress, none to come) and flushed, and its first message
+//   resumes the ring's newest file as a restarted server would. So reloading the same document
+//   neither refuses the ring nor lets two writers rotate one ring.
 // - Files are never opened through a symbolic link, and only regular files are written: a
 //   link or anything else found under a ring file's name is reported and that slot skipped
 //   (never followed, never truncated). Links in the directory are not resumed either.
@@ -49,6 +55,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <vector>
 
 #include "weblogger/internal/logfile.h"
 #include "weblogger/internal/messagewriter.h"
@@ -68,6 +75,19 @@ public:
     // The largest "filesN": a million files is more than any directory of logs is read with.
     static constexpr std::uint32_t kMaxNumberOfFiles = 1000000;
     static constexpr unsigned kDefaultFileMode = 0640;
+
+    // While it lives, file writers initialised on this thread may take over the rings of the
+    // writers in vecReplaced (see Hand-over above). The vector must outlive the scope.
+    class RingHandOver {
+    public:
+        explicit RingHandOver(const std::vector<Handle<LogWriter>>& vecReplaced) noexcept;
+        ~RingHandOver();
+        RingHandOver(const RingHandOver&) = delete;
+        RingHandOver& operator=(const RingHandOver&) = delete;
+
+    private:
+        const std::vector<Handle<LogWriter>>* m_pPrevious;
+    };
 
     FileLogWriter(const String& name, short id, WriterType type,
                   const Handle<const WriterFilter>& filter);
@@ -93,6 +113,9 @@ public:
     // Gives this writer its own family of files: "<prefix>-<part>-<index>.log". The next
     // message opens that ring, resuming its newest file.
     void appendFilePrefix(const String& part);
+    // The file prefix that appendFilePrefix makes of a configured "filePrefix" (empty for the
+    // default) and a part; a configuration can give it to a writer before it opens any file.
+    static String prefixWithPart(const String& configuredPrefix, const String& part);
 
     const FilePath& getFilePath() const noexcept { return m_tCurFilePath; }
     String getFilePathNW() const { return m_tCurFilePath.getFullPath(); }
@@ -162,6 +185,9 @@ private:
     // once a second allocates nothing.
     NString m_strCurFileNative;
     bool m_bInRingTable = false;
+    // The ring was taken over from a writer still being replaced: no file is opened until the
+    // first message, which comes only after that writer has been retired.
+    bool m_bAwaitingHandOver = false;
 };
 
 }  // namespace kiv
