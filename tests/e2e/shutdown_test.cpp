@@ -12,6 +12,8 @@
 #include <string>
 
 #include "support/temp_dir.h"
+#include "support/writer_config.h"
+#include "weblogger/logwritersman.h"
 
 namespace kiv {
 namespace {
@@ -133,6 +135,28 @@ TEST(ShutdownTest, HundredLoadsAndUnloadsWriteEveryLineAndLeakNothing) {
         Lines lines = readLines(dir.path() + "/" + std::to_string(i));
         EXPECT_EQ(lines.nTotal, kLines) << "round " << i;
     }
+}
+
+TEST(ShutdownTest, FlushAllWritesWhatEveryWriterHoldsBack) {
+    test::TempDir dir;
+    const std::string strLogs = dir.file("logs");
+    const test::WriterConfig config("<Writer name='held' writerClassId='3' dir='" + strLogs +
+                                    "' maxFileSizeKb='100000' filesN='10' autoFlush='false'/>");
+    // A shared writer that is in no global list: only the list of live writers reaches it.
+    const Handle<LogWriter> hWriter = config.create(L"FileLogWriter", LogWriter::WT_SHARED);
+    ASSERT_FALSE(hWriter.isNull());
+    const test::WriterConfig console("<Writer name='console' writerClassId='1'/>");
+    const Handle<LogWriter> hConsole = console.create(L"CoutWriter", LogWriter::WT_SHARED);
+    ASSERT_FALSE(hConsole.isNull());
+
+    const LoggerState state = test::stateWithSource(L"flushall");
+    for (int i = 0; i < 10; ++i) {
+        const std::string text = "T0 S" + std::to_string(i);
+        hWriter->logMessage(kSevError, GDString(fromUtf8(text)), state, nullptr);
+    }
+    EXPECT_EQ(readLines(strLogs).nTotal, 0) << "autoFlush off keeps the lines in the buffer";
+    logger_details::LogWritersMan::flushAll();
+    EXPECT_EQ(readLines(strLogs).nTotal, 10);
 }
 
 }  // namespace
