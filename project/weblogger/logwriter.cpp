@@ -37,13 +37,20 @@ LogWriter::LogWriter(const String& name, short id, WriterType type,
     if (type == WT_GLOBAL) {
         logger_details::LogWritersMan::getLogWritersMan().addLogWriter(this);
     }
-    // Last: nothing after it can throw, so a listed writer always runs the unlinking
-    // destructor.
-    logger_details::LogWritersMan::linkLiveWriter(this);
 }
 
 LogWriter::~LogWriter() {
-    logger_details::LogWritersMan::unlinkLiveWriter(this);
+    if (m_bLiveListed) {
+        logger_details::LogWritersMan::unlinkLiveWriter(this);
+    }
+}
+
+void LogWriter::listAsLive() const noexcept {
+    // Not from the constructor: the list would hand out a writer whose derived part is still
+    // being built. Its first write comes after construction and initialisation are complete.
+    LogWriter* pSelf = const_cast<LogWriter*>(this);
+    logger_details::LogWritersMan::linkLiveWriter(pSelf);
+    m_bLiveListed = true;
 }
 
 void LogWriter::close() noexcept {
@@ -246,7 +253,8 @@ void LogWritersMan::unlinkLiveWriter(LogWriter* pWriter) noexcept {
 void LogWritersMan::collectLiveWriters(std::vector<Handle<LogWriter>>& out) {
     const std::lock_guard<std::mutex> lock(g_liveWritersMutex);
     for (LogWriter* pWriter = g_pLiveWriters; pWriter != nullptr; pWriter = pWriter->m_pNextLive) {
-        // A writer no handle holds is being built or being deleted: not ours to touch.
+        // A writer no handle holds is being deleted (or lives on its owner's stack, outside
+        // handles): not ours to touch.
         if (pWriter->m_tCs.hasLock() && pWriter->tryAddRef()) {
             out.emplace_back(pWriter);
             pWriter->releaseRef();

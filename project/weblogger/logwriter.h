@@ -12,10 +12,10 @@
 // chain of enclosing configuration elements, constructs the writer and initialises it.
 //
 // Lock order: a writer's constructor takes the registry's monitor while holding no lock of its
-// own; a writer never takes the registry's monitor while it holds its own lock. Every writer is
-// also on the process-wide list of live writers (through which flushAll and the library's
-// shutdown reach writers that are not global); that list's lock is taken last and nothing is
-// taken while it is held.
+// own; a writer never takes the registry's monitor while it holds its own lock. A writer that
+// has written is also on the process-wide list of live writers (through which flushAll and the
+// library's shutdown reach writers that are not global); that list's lock is taken last (at the
+// first write, under the writer's lock) and nothing is taken while it is held.
 #pragma once
 
 #include <cstdint>
@@ -95,7 +95,11 @@ protected:
     class WriteGuard {
     public:
         explicit WriteGuard(const LogWriter& writer)
-            : m_lock(writer.m_tCs), m_bAccepted(writer.acceptWrite()) {}
+            : m_lock(writer.m_tCs), m_bAccepted(writer.acceptWrite()) {
+            if (!writer.m_bLiveListed) [[unlikely]] {
+                writer.listAsLive();
+            }
+        }
         WriteGuard(const WriteGuard&) = delete;
         WriteGuard& operator=(const WriteGuard&) = delete;
         explicit operator bool() const noexcept { return m_bAccepted; }
@@ -111,6 +115,9 @@ protected:
     bool acceptWrite() const noexcept;
 
 private:
+    // Enters the list of live writers; at the first write, under the writer's lock.
+    void listAsLive() const noexcept;
+
     friend class logger_details::LogWritersMan;
 
     mutable WriterSynchro m_tCs;
@@ -120,9 +127,12 @@ private:
     String m_strName;
     short m_id;
     Handle<const WriterFilter> m_hWriterFilter;
-    // The process-wide list of live writers, guarded by its own lock (see LogWritersMan).
+    // The process-wide list of live writers, guarded by its own lock (see LogWritersMan). A
+    // writer enters it at its first write (only what was written can need flushing); the flag
+    // is touched under the writer's lock, and by the destructor.
     LogWriter* m_pPrevLive = nullptr;
     LogWriter* m_pNextLive = nullptr;
+    mutable bool m_bLiveListed = false;
 };
 
 class LogWritersFactory : public RefCountedBaseTemplate<MemAllocNewdel> {

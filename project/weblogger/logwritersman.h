@@ -14,12 +14,12 @@
 // "nLogWriterManState == 0" is asserted by the constructor, "nLogWriterManState == 1" by the
 // destructor and by every getLogWritersMan(), so a use during or after the shutdown is reported.
 //
-// Flushing: flushAll() reaches every live writer that has a lock (global and shared writers,
-// local ones included) through the process-wide list of live writers, not through the global
-// list. It takes that list's lock only to collect the writers, then each writer's own lock in
-// turn (a console writer takes the console lock first), never two writer locks at once and
-// never the monitor. A WT_SINGLE_THREADED writer has no lock, so only its own thread may touch
-// it: flushAll leaves it alone.
+// Flushing: flushAll() reaches every live writer that has a lock and has written (global and
+// shared writers, local ones included) through the process-wide list of live writers, not
+// through the global list. It takes that list's lock only to collect the writers, then each
+// writer's own lock in turn (a console writer takes the console lock first), never two writer locks
+// at once and never the monitor. A WT_SINGLE_THREADED writer has no lock, so only its own thread
+// may touch it: flushAll leaves it alone.
 #pragma once
 
 #include <memory>

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/temp_dir.h"
+#include "support/test_writer.h"
 #include "support/writer_config.h"
 #include "weblogger/logwritersman.h"
 
@@ -39,11 +40,13 @@ TEST(FlushAllConcurrencyTest, FlushingWhileThreadsLogLosesAndRepeatsNothing) {
             nDone.fetch_add(1);
         });
     }
-    // Writers made and dropped meanwhile: the live list changes under flushAll.
+    // Writers that write once and go meanwhile: the live list changes under flushAll.
     std::thread churn([&] {
-        const test::WriterConfig other("<Writer name='churn' writerClassId='1'/>");
+        const LoggerState state = test::stateWithSource(L"flushall.churn");
         while (nDone.load() < kThreads) {
-            const Handle<LogWriter> hShortLived = other.create(L"CoutWriter", LogWriter::WT_SHARED);
+            const Handle<LogWriter> hShortLived(
+                new test::RecordingWriter(String(L"churn"), 1, LogWriter::WT_SHARED, nullptr));
+            hShortLived->logMessage(kSevError, GDString(L"churn"), state, nullptr);
         }
     });
     int nFlushes = 0;
