@@ -85,9 +85,12 @@ bool isPrefix(const std::set<long>& setSequences) {
 TEST(ShutdownTest, ReturningFromMainWritesEveryBufferedLine) {
     test::TempDir dir;
     const std::string strLogs = dir.file("logs");
+    // Standard error too: an assertion of the registry's state word would be reported there.
     const ProcessRun result =
-        run(std::string(SHUTDOWN_HELPER) + " main-return " + strLogs + " 1000");
+        run(std::string(SHUTDOWN_HELPER) + " main-return " + strLogs + " 1000 2>&1");
     ASSERT_EQ(result.nExitStatus, 0) << result.strOutput;
+    // The writer registry was destroyed (state 1 -> 2) and nothing else was reported.
+    EXPECT_EQ(result.strOutput, "state 2\n");
 
     Lines lines = readLines(strLogs);
     EXPECT_EQ(lines.nTotal, 4000);

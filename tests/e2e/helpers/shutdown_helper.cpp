@@ -2,6 +2,8 @@
 //
 //   shutdown_helper main-return <dir> <lines>
 //       Three threads and main each log <lines> lines; the threads are joined and main returns.
+//       After the library's shutdown the program prints "state <n>": the writer registry's
+//       state word.
 //   shutdown_helper worker-exit <dir> <lines>
 //       Four threads log without pause; thread 0 calls exit() after its <lines>th line while
 //       the others go on. After the library's shutdown (from a destructor of this program that
@@ -82,6 +84,10 @@ int workerExit(long nLines) {
 // other threads still log into the shut-down library.
 [[gnu::destructor]] void reportAfterShutdown() {
     if (!g_bWorkerExitMode.load()) {
+        const std::string line =
+            "state " + std::to_string(logger_details::LogWritersMan::getState()) + "\n";
+        const ssize_t nWritten = write(1, line.data(), line.size());
+        static_cast<void>(nWritten);
         return;
     }
     g_bStop = true;
