@@ -16,10 +16,20 @@
 //    in time) these are kept, so that the threads still running find what they use; the process
 //    ends right after and takes them with it.
 //
-// Locks: step 1 takes the live-loggers lock alone; step 2 the live-writers lock alone, then
-// each writer's own lock in turn (the console lock first for a console writer); step 3 the
-// registries' monitors, one at a time. A writer's lock is never held while a registry's monitor
-// or a list lock is taken.
+// Limits, stated plainly:
+// - Step 2 takes each writer's lock as a log call does: a thread stuck inside a write (a full
+//   pipe on standard output) past the drain's limit holds the shutdown there too, as it holds
+//   every other thread that logs to that writer.
+// - Step 3 assumes that a thread which never logged does not make its first logger while the
+//   library is being freed: that is using the library during its unload.
+// - Lines logged after step 1 are refused and counted, not written: the files are closed.
+//
+// Locks: step 1 takes the live-loggers lock alone (and waits under it; a log call never takes
+// it); step 2 the live-writers lock alone to collect the writers, then each writer's own lock in
+// turn (the console lock first for a console writer), never two writer locks at once; step 3
+// takes no lock of a writer. A writer's lock is never held while a registry's monitor or the
+// live-loggers lock is taken; the live-writers lock is taken under a writer's lock only at that
+// writer's first write, and nothing is taken while it is held.
 #pragma once
 
 namespace kiv::logger_details {
