@@ -250,12 +250,12 @@ void LogWritersMan::unlinkLiveWriter(LogWriter* pWriter) noexcept {
     pWriter->m_pPrevLive = pWriter->m_pNextLive = nullptr;
 }
 
-void LogWritersMan::collectLiveWriters(std::vector<Handle<LogWriter>>& out) {
+void LogWritersMan::collectLiveWriters(std::vector<Handle<LogWriter>>& out, bool bWithoutLockToo) {
     const std::lock_guard<std::mutex> lock(g_liveWritersMutex);
     for (LogWriter* pWriter = g_pLiveWriters; pWriter != nullptr; pWriter = pWriter->m_pNextLive) {
         // A writer no handle holds is being deleted (or lives on its owner's stack, outside
         // handles): not ours to touch.
-        if (pWriter->m_tCs.hasLock() && pWriter->tryAddRef()) {
+        if ((bWithoutLockToo || pWriter->m_tCs.hasLock()) && pWriter->tryAddRef()) {
             out.emplace_back(pWriter);
             pWriter->releaseRef();
         }
@@ -268,7 +268,7 @@ void LogWritersMan::flushAll() noexcept {
     }
     try {
         std::vector<Handle<LogWriter>> vecWriters;
-        collectLiveWriters(vecWriters);
+        collectLiveWriters(vecWriters, false);
         for (const Handle<LogWriter>& hWriter : vecWriters) {
             hWriter->flush();
         }
@@ -277,11 +277,11 @@ void LogWritersMan::flushAll() noexcept {
     }
 }
 
-void LogWritersMan::closeAll() noexcept {
+void LogWritersMan::closeAll(bool bSingleThreadedToo) noexcept {
     g_bWritersClosed.store(true);
     try {
         std::vector<Handle<LogWriter>> vecWriters;
-        collectLiveWriters(vecWriters);
+        collectLiveWriters(vecWriters, bSingleThreadedToo);
         for (const Handle<LogWriter>& hWriter : vecWriters) {
             hWriter->close();
         }

@@ -67,7 +67,9 @@ public:
     // the signal handler itself). Never throws. Does nothing once the library shut down.
     static void flushAll() noexcept;
     // Closes every live writer with a lock (LogWriter::close), for the library's shutdown.
-    static void closeAll() noexcept;
+    // With bSingleThreadedToo, WT_SINGLE_THREADED writers as well: only when no other thread
+    // can be inside a log call any more (the shutdown has closed the gate and waited for them).
+    static void closeAll(bool bSingleThreadedToo) noexcept;
     // Deletes the registry (state 2), releasing its factories and writer handles. Called by
     // the library's shutdown only, once no thread can reach the registry any more.
     static void destroyLogWritersMan() noexcept;
@@ -83,8 +85,9 @@ public:
 private:
     LogWritersMan();
     friend class kiv::LogWriter;
-    // Handles on every live writer that has a lock, taken under the list's lock.
-    static void collectLiveWriters(std::vector<Handle<LogWriter>>& out);
+    // Handles on every live writer that has a lock (or any live writer), taken under the
+    // list's lock.
+    static void collectLiveWriters(std::vector<Handle<LogWriter>>& out, bool bWithoutLockToo);
     static void linkLiveWriter(LogWriter* pWriter) noexcept;
     static void unlinkLiveWriter(LogWriter* pWriter) noexcept;
 

@@ -99,6 +99,18 @@ TEST(ShutdownTest, ReturningFromMainWritesEveryBufferedLine) {
     }
 }
 
+TEST(ShutdownTest, ExitWhileAnotherThreadHasALoggerWritesASingleThreadedWritersLines) {
+    test::TempDir dir;
+    const std::string strLogs = dir.file("logs");
+    const ProcessRun result =
+        run(std::string(SHUTDOWN_HELPER) + " local-writer " + strLogs + " 1000");
+    ASSERT_EQ(result.nExitStatus, 0) << result.strOutput;
+
+    EXPECT_EQ(readLines(strLogs + "-local").nTotal, 1000);
+    // The global writer: main's lines and the other thread's one.
+    EXPECT_EQ(readLines(strLogs).nTotal, 1001);
+}
+
 TEST(ShutdownTest, ExitFromAWorkerThreadWhileOthersLogWritesEveryLineLoggedBeforeIt) {
     test::TempDir dir;
     const std::string strLogs = dir.file("logs");

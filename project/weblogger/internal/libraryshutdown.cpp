@@ -15,7 +15,9 @@ void LibraryShutdown::run() noexcept {
         return;
     }
     const bool bDrained = TmLogger::closeAndDrain(kDrainLimitMillis);
-    LogWritersMan::closeAll();
+    // Once every call has left, no thread touches a single-threaded writer through its logger
+    // any more: those are closed too, from here.
+    LogWritersMan::closeAll(bDrained);
     if (!bDrained || TmLogger::otherThreadsHaveLoggers()) {
         return;
     }

@@ -5,8 +5,9 @@
 // LogWritersMan::armShutdown), while every other process-wide object of the library is alive:
 // 1. Log calls are refused from now on (counted, never written, never blocked), and calls in
 //    progress on other threads are waited for, at most kDrainLimitMillis.
-// 2. Every live writer with a lock is flushed and closed (LogWriter::close): nothing that was
-//    logged before is lost.
+// 2. Every live writer is flushed and closed (LogWriter::close): nothing that was logged before
+//    is lost. A single-threaded writer is closed from here only when every call has left (its
+//    own thread can no longer be writing to it through its logger).
 // 3. When no other thread has a logger (an unload, which requires that no other thread uses the
 //    library, or an exit after the workers were joined): the bridge from the lower library is
 //    unplugged and deleted, then the writer registry (state 1 -> 2, releasing the global

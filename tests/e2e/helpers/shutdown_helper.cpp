@@ -4,6 +4,10 @@
 //       Three threads and main each log <lines> lines; the threads are joined and main returns.
 //       After the library's shutdown the program prints "state <n>": the writer registry's
 //       state word.
+//   shutdown_helper local-writer <dir> <lines>
+//       A thread logs once and stays (so the exit keeps the process-wide objects for it); main
+//       gives its own logger a single-threaded file writer on <dir>-local besides the global one
+//       and logs <lines> lines, then returns.
 //   shutdown_helper worker-exit <dir> <lines>
 //       Four threads log without pause; thread 0 calls exit() after its <lines>th line while
 //       the others go on. After the library's shutdown (from a destructor of this program that
@@ -49,6 +53,32 @@ int mainReturn(long nLines) {
     }
     for (std::thread& thread : vecThreads) {
         thread.join();
+    }
+    return 0;
+}
+
+int localWriter(const std::string& strDir, long nLines) {
+    std::atomic<bool> bLogged{false};
+    std::thread([&bLogged] {
+        test::logLine(1, 0);
+        bLogged = true;
+        for (;;) {
+            pause();
+        }
+    }).detach();
+    while (!bLogged.load()) {
+        std::this_thread::yield();
+    }
+    const test::WriterConfig config("<Writer name='local' writerClassId='3' dir='" + strDir +
+                                    "-local' maxFileSizeKb='100000' filesN='10' "
+                                    "autoFlush='false'/>");
+    const Handle<LogWriter> hLocal = config.create(L"FileLogWriter", LogWriter::WT_SINGLE_THREADED);
+    if (hLocal.isNull()) {
+        return 2;
+    }
+    TmLogger::getLogger().addLocalWriter(hLocal.get());
+    for (long i = 0; i < nLines; ++i) {
+        test::logLine(0, i);
     }
     return 0;
 }
@@ -120,6 +150,9 @@ int main(int argc, char** argv) {
     }
     if (strMode == "main-return") {
         return mainReturn(nLines);
+    }
+    if (strMode == "local-writer") {
+        return localWriter(argv[2], nLines);
     }
     if (strMode == "worker-exit") {
         return workerExit(nLines);
