@@ -21,8 +21,10 @@
 // - Step 2 takes each writer's lock as a log call does: a thread stuck inside a write (a full
 //   pipe on standard output) past the drain's limit holds the shutdown there too, as it holds
 //   every other thread that logs to that writer.
-// - Step 3 assumes that a thread which never logged does not make its first logger while the
-//   library is being freed: that is using the library during its unload.
+// - Step 3 assumes that a thread which never logged does not make its first logger while or
+//   after the library is freed (that is using the library during its unload), and that no
+//   static destructor that runs after the library's own (one of a library loaded before it)
+//   logs. Threads that already have a logger are safe: their calls are refused.
 // - Lines logged after step 1 are refused and counted, not written: the files are closed.
 //
 // Locks: step 1 takes the live-loggers lock alone (and waits under it; a log call never takes
