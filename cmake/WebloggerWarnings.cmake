@@ -5,6 +5,13 @@ endfunction()
 
 # Calls between functions of libweblogger.so bind directly instead of through the PLT: nothing
 # outside the library is meant to interpose its functions, and the hot path is a chain of them.
+#
+# No "unique" symbols (GCC gives them to the statics of inline functions and templates): the
+# dynamic linker never unloads a library that defines one, so dlclose would neither run the
+# library's shutdown nor free it, and each dlopen after the first would reuse the old copy.
 function(weblogger_library_options target)
     target_compile_options(${target} PRIVATE -fno-semantic-interposition)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+        target_compile_options(${target} PRIVATE -fno-gnu-unique)
+    endif()
 endfunction()

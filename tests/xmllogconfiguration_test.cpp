@@ -180,6 +180,11 @@ TEST_F(XmlLogConfigurationTest, InitializeReadsTheSectionPathAndSwallowsFailures
     KeelLogger* const pPrevious = KeelLogger::getKeelLogger();
     KeelLogger::setKeelLogger(&lower);
     EXPECT_NO_THROW(XmlLogConfiguration::initialize(broken, nullptr));
+    // Installing a logger makes the current one its predecessor: clear the hook first, so that
+    // the bridge does not keep this stack double as the logger it replaced.
+    KeelLogger* const pBridgePredecessor =
+        pPrevious != nullptr ? pPrevious->getPrevKeelLogger() : nullptr;
+    KeelLogger::setKeelLogger(pBridgePredecessor);
     KeelLogger::setKeelLogger(pPrevious);
     ASSERT_EQ(lower.m_vecExceptions.size(), 1u);
     EXPECT_TRUE(contains(lower.m_vecExceptions[0], "Writers Class A is defined more then once"));

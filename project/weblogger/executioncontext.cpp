@@ -64,8 +64,8 @@ private:
 namespace logger_details {
 
 ExecutionContextImpl& ExecutionContextImpl::instance() {
-    static ExecutionContextImpl* s_pInstance = new ExecutionContextImpl;
-    return *s_pInstance;
+    static ExecutionContextImpl s_instance;
+    return s_instance;
 }
 
 ExecutionContextImpl::ExecutionContextImpl()

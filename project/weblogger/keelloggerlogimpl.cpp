@@ -1,5 +1,7 @@
 #include "weblogger/keelloggerlogimpl.h"
 
+#include <atomic>
+
 #include "weblogger/logsource.h"
 #include "weblogger/tmlogger.h"
 #include "zq/webkeel/transcode.h"
@@ -11,10 +13,34 @@ KeelLoggerLogImpl::KeelLoggerLogImpl() {
     TmLogger::setBridge(this);
 }
 
+namespace {
+// Deleted by the library's shutdown only when no other thread can be calling it.
+std::atomic<KeelLoggerLogImpl*> g_pBridgeInstance{nullptr};
+}  // namespace
+
 KeelLoggerLogImpl& KeelLoggerLogImpl::getKeelLoggerLogImpl() {
-    // Never destroyed: the foundation may still hold it while the process exits.
-    static KeelLoggerLogImpl* s_pInstance = new KeelLoggerLogImpl;
+    static KeelLoggerLogImpl* const s_pInstance = [] {
+        auto* pInstance = new KeelLoggerLogImpl;
+        g_pBridgeInstance.store(pInstance);
+        return pInstance;
+    }();
     return *s_pInstance;
+}
+
+void KeelLoggerLogImpl::destroyBridge() noexcept {
+    KeelLoggerLogImpl* pInstance = g_pBridgeInstance.exchange(nullptr);
+    if (pInstance == nullptr) {
+        return;
+    }
+    if (KeelLogger::getKeelLogger() == pInstance) {
+        // Installing a logger makes the current one its predecessor: clear the hook first, so
+        // that the restored logger does not point back at the deleted bridge.
+        KeelLogger* pPrevious = pInstance->getPrevKeelLogger();
+        KeelLogger::setKeelLogger(nullptr);
+        KeelLogger::setKeelLogger(pPrevious);
+    }
+    TmLogger::setBridge(nullptr);
+    delete pInstance;
 }
 
 void KeelLoggerLogImpl::plugMeIn() {

@@ -4,7 +4,9 @@
 // thread's TmLogger and so this library's writers. The bridge also remembers the foundation
 // logger that was installed before it: messages logged from inside a log call are diverted
 // there instead of recursing. The bridge is stateless and shared by all threads; every
-// operation acts on the calling thread's logger only and takes no lock.
+// operation acts on the calling thread's logger only and takes no lock. The library's shutdown
+// unplugs it (the foundation gets back the logger it had before) and deletes it first of the
+// process-wide objects, when no other thread can still be calling it.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +14,10 @@
 #include "zq/webkeel/keellogger.h"
 
 namespace kiv {
+
+namespace logger_details {
+class LibraryShutdown;
+}
 
 class KeelLoggerLogImpl : public KeelLogger {
 public:
@@ -36,7 +42,10 @@ public:
     bool isInLogCall() const override;
 
 private:
+    friend class logger_details::LibraryShutdown;
     KeelLoggerLogImpl();
+    // Unplugs and deletes the instance, if there is one.
+    static void destroyBridge() noexcept;
 };
 
 }  // namespace kiv

@@ -1,5 +1,6 @@
 #include "weblogger/logsource.h"
 
+#include <atomic>
 #include <memory>
 
 #include "weblogger/logfilterconfig.h"
@@ -130,9 +131,23 @@ void LogSource::resetSelfAndChildFilters(const LogWriter& writer) {
     resetSelfAndChildFilters(group);
 }
 
+namespace {
+// Deleted by the library's shutdown, and only when no other thread has a logger: threads still
+// running at exit keep their sources.
+std::atomic<LogSourcesMan*> g_pLogSourcesManInstance{nullptr};
+}  // namespace
+
 LogSourcesMan& LogSourcesMan::getLogSourcesMan() {
-    static LogSourcesMan s_registry;
-    return s_registry;
+    static LogSourcesMan* const s_pRegistry = [] {
+        auto* pRegistry = new LogSourcesMan;
+        g_pLogSourcesManInstance.store(pRegistry);
+        return pRegistry;
+    }();
+    return *s_pRegistry;
+}
+
+void LogSourcesMan::destroyLogSourcesMan() noexcept {
+    delete g_pLogSourcesManInstance.exchange(nullptr);
 }
 
 LogSourcesMan::LogSourcesMan() : m_tMonitor(CriticalSection::kAllowRecursion, "LogSourcesMan") {}

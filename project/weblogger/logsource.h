@@ -97,6 +97,9 @@ class LogSourcesMan : public MemAllocNewdel {
 public:
     // The registry, built on first use.
     static LogSourcesMan& getLogSourcesMan();
+    // Deletes the registry and every source; for the library's shutdown, when no thread can
+    // reach a source any more.
+    static void destroyLogSourcesMan() noexcept;
 
     LogSourcesMan();
     ~LogSourcesMan();

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cwchar>
+#include <mutex>
 
 #include "weblogger/loggermessages.h"
 #include "weblogger/logsource.h"
 #include "weblogger/logwritersman.h"
 #include "zq/webkeel/assert.h"
+#include "zq/webutil/message.h"
 
 namespace kiv {
 
@@ -31,12 +33,33 @@ LogWriter::LogWriter(const String& name, short id, WriterType type,
       m_hWriterFilter(filter) {
     ZQ_ASSERT(id < 10);
     m_strName = name;
+    logger_details::LogWritersMan::armShutdown();
     if (type == WT_GLOBAL) {
         logger_details::LogWritersMan::getLogWritersMan().addLogWriter(this);
     }
 }
 
-LogWriter::~LogWriter() = default;
+LogWriter::~LogWriter() {
+    if (m_bLiveListed) {
+        logger_details::LogWritersMan::unlinkLiveWriter(this);
+    }
+}
+
+void LogWriter::listAsLive() const noexcept {
+    // Not from the constructor: the list would hand out a writer whose derived part is still
+    // being built. Its first write comes after construction and initialisation are complete.
+    LogWriter* pSelf = const_cast<LogWriter*>(this);
+    logger_details::LogWritersMan::linkLiveWriter(pSelf);
+    m_bLiveListed = true;
+}
+
+void LogWriter::close() noexcept {
+    flush();
+    setIsEnabled(false);
+    // Wait out a write in progress: none starts after this returns.
+    m_tCs.acquire();
+    m_tCs.release();
+}
 
 namespace {
 thread_local bool t_bWriteRefused = false;
@@ -154,12 +177,117 @@ Handle<LogWriter> LogWritersFactory::createWriter(WriterConstructor pfnConstruct
 namespace logger_details {
 namespace {
 std::atomic<int> nLogWriterManState{0};
+// The registry is deleted by the library's shutdown, not by the exit-time destructor list: at
+// exit other threads may still hold loggers, and the shutdown keeps it for them (see
+// internal/libraryshutdown.h).
+std::atomic<LogWritersMan*> g_pLogWritersManInstance{nullptr};
+
+// Every live writer, linked through m_pPrevLive/m_pNextLive. Constant-initialised and never
+// destroyed, so a writer released after the library's statics are gone can still unlink.
+std::mutex g_liveWritersMutex;
+LogWriter* g_pLiveWriters = nullptr;
+std::atomic<bool> g_bWritersClosed{false};
+
+std::atomic<LogWritersMan::ShutdownRoutine> g_pfnShutdown{nullptr};
+
+// Its destructor starts the library's shutdown. Made when logging is first used, after every
+// object built at load, so the exit-time destructor list reaches it before any of them.
+struct ShutdownSentinel {
+    ~ShutdownSentinel() {
+        if (const LogWritersMan::ShutdownRoutine pfnShutdown = g_pfnShutdown.load()) {
+            pfnShutdown();
+        }
+    }
+};
 }  // namespace
 
 LogWritersMan& LogWritersMan::getLogWritersMan() {
-    static std::unique_ptr<LogWritersMan> delLogWritersMan_(new LogWritersMan);
+    static LogWritersMan* const delLogWritersMan_ = [] {
+        LogWritersMan* pRegistry = new LogWritersMan;
+        g_pLogWritersManInstance.store(pRegistry);
+        return pRegistry;
+    }();
     ZQ_ASSERT(nLogWriterManState == 1);
     return *delLogWritersMan_;
+}
+
+void LogWritersMan::destroyLogWritersMan() noexcept {
+    delete g_pLogWritersManInstance.exchange(nullptr);
+}
+
+void LogWritersMan::setShutdownRoutine(ShutdownRoutine pfnShutdown) noexcept {
+    g_pfnShutdown.store(pfnShutdown);
+}
+
+void LogWritersMan::armShutdown() noexcept {
+    // The text formatter renders reports during the shutdown: made first, it is destroyed
+    // after the sentinel.
+    static const ShutdownSentinel s_sentinel =
+        (static_cast<void>(WebTextMessageFormatter::getInstance()), ShutdownSentinel());
+    static_cast<void>(s_sentinel);
+}
+
+void LogWritersMan::linkLiveWriter(LogWriter* pWriter) noexcept {
+    const std::lock_guard<std::mutex> lock(g_liveWritersMutex);
+    pWriter->m_pPrevLive = nullptr;
+    pWriter->m_pNextLive = g_pLiveWriters;
+    if (g_pLiveWriters != nullptr) {
+        g_pLiveWriters->m_pPrevLive = pWriter;
+    }
+    g_pLiveWriters = pWriter;
+}
+
+void LogWritersMan::unlinkLiveWriter(LogWriter* pWriter) noexcept {
+    const std::lock_guard<std::mutex> lock(g_liveWritersMutex);
+    if (pWriter->m_pPrevLive != nullptr) {
+        pWriter->m_pPrevLive->m_pNextLive = pWriter->m_pNextLive;
+    } else if (g_pLiveWriters == pWriter) {
+        g_pLiveWriters = pWriter->m_pNextLive;
+    }
+    if (pWriter->m_pNextLive != nullptr) {
+        pWriter->m_pNextLive->m_pPrevLive = pWriter->m_pPrevLive;
+    }
+    pWriter->m_pPrevLive = pWriter->m_pNextLive = nullptr;
+}
+
+void LogWritersMan::collectLiveWriters(std::vector<Handle<LogWriter>>& out, bool bWithoutLockToo) {
+    const std::lock_guard<std::mutex> lock(g_liveWritersMutex);
+    for (LogWriter* pWriter = g_pLiveWriters; pWriter != nullptr; pWriter = pWriter->m_pNextLive) {
+        // A writer no handle holds is being deleted (or lives on its owner's stack, outside
+        // handles): not ours to touch.
+        if ((bWithoutLockToo || pWriter->m_tCs.hasLock()) && pWriter->tryAddRef()) {
+            out.emplace_back(pWriter);
+            pWriter->releaseRef();
+        }
+    }
+}
+
+void LogWritersMan::flushAll() noexcept {
+    if (g_bWritersClosed.load()) {
+        return;
+    }
+    try {
+        std::vector<Handle<LogWriter>> vecWriters;
+        collectLiveWriters(vecWriters, false);
+        for (const Handle<LogWriter>& hWriter : vecWriters) {
+            hWriter->flush();
+        }
+    } catch (...) {
+        // Out of memory for the list: nothing was flushed, the writers still hold everything.
+    }
+}
+
+void LogWritersMan::closeAll(bool bSingleThreadedToo) noexcept {
+    g_bWritersClosed.store(true);
+    try {
+        std::vector<Handle<LogWriter>> vecWriters;
+        collectLiveWriters(vecWriters, bSingleThreadedToo);
+        for (const Handle<LogWriter>& hWriter : vecWriters) {
+            hWriter->close();
+        }
+    } catch (...) {
+        // Out of memory for the list: the writers' destructors still close what they hold.
+    }
 }
 
 namespace {

@@ -12,7 +12,10 @@
 // chain of enclosing configuration elements, constructs the writer and initialises it.
 //
 // Lock order: a writer's constructor takes the registry's monitor while holding no lock of its
-// own; a writer never takes the registry's monitor while it holds its own lock.
+// own; a writer never takes the registry's monitor while it holds its own lock. A writer that
+// has written is also on the process-wide list of live writers (through which flushAll and the
+// library's shutdown reach writers that are not global); that list's lock is taken last (at the
+// first write, under the writer's lock) and nothing is taken while it is held.
 #pragma once
 
 #include <cstdint>
@@ -28,6 +31,10 @@
 #include "zq/webutil/xmldocument.h"
 
 namespace kiv {
+
+namespace logger_details {
+class LogWritersMan;
+}
 
 using WriterSynchro = OptionalSynchroAdaptor<CriticalSection>;
 
@@ -46,6 +53,14 @@ public:
     // Writes one message.
     virtual void logMessage(const LogSeverity& severity, const GDValue& message,
                             const LoggerState& state, const FileLocation* pLocation) = 0;
+    // Writes out whatever the writer holds back, under the writer's own lock (and whatever
+    // lock its logMessage takes before it). Never throws; a writer that holds nothing back
+    // keeps this default, which does nothing.
+    virtual void flush() noexcept {}
+    // Flushes and stops writing for good: later messages are refused, files are closed. The
+    // library's shutdown calls it for every writer before it destroys the registries. The
+    // default flushes and disables the writer.
+    virtual void close() noexcept;
 
     // A writer without a writer filter accepts every message; otherwise the state's current
     // source (which must exist: "rLoggerState.getCurSource() != __null") decides through it.
@@ -80,7 +95,11 @@ protected:
     class WriteGuard {
     public:
         explicit WriteGuard(const LogWriter& writer)
-            : m_lock(writer.m_tCs), m_bAccepted(writer.acceptWrite()) {}
+            : m_lock(writer.m_tCs), m_bAccepted(writer.acceptWrite()) {
+            if (!writer.m_bLiveListed) [[unlikely]] {
+                writer.listAsLive();
+            }
+        }
         WriteGuard(const WriteGuard&) = delete;
         WriteGuard& operator=(const WriteGuard&) = delete;
         explicit operator bool() const noexcept { return m_bAccepted; }
@@ -96,6 +115,11 @@ protected:
     bool acceptWrite() const noexcept;
 
 private:
+    // Enters the list of live writers; at the first write, under the writer's lock.
+    void listAsLive() const noexcept;
+
+    friend class logger_details::LogWritersMan;
+
     mutable WriterSynchro m_tCs;
     // Cleared by the configuration on another thread while logging threads test it.
     std::atomic<bool> m_bIsEnabled;
@@ -103,6 +127,12 @@ private:
     String m_strName;
     short m_id;
     Handle<const WriterFilter> m_hWriterFilter;
+    // The process-wide list of live writers, guarded by its own lock (see LogWritersMan). A
+    // writer enters it at its first write (only what was written can need flushing); the flag
+    // is touched under the writer's lock, and by the destructor.
+    LogWriter* m_pPrevLive = nullptr;
+    LogWriter* m_pNextLive = nullptr;
+    mutable bool m_bLiveListed = false;
 };
 
 class LogWritersFactory : public RefCountedBaseTemplate<MemAllocNewdel> {

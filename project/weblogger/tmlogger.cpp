@@ -1,6 +1,13 @@
 #include "weblogger/tmlogger.h"
 
+#include <linux/membarrier.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <chrono>
+#include <mutex>
+#include <thread>
 
 #include "weblogger/eciddeferredpropertyvalue.h"
 #include "weblogger/internal/logtimezone.h"
@@ -8,6 +15,7 @@
 #include "weblogger/loggermessages.h"
 #include "weblogger/logsource.h"
 #include "weblogger/logwriters.h"
+#include "weblogger/logwritersman.h"
 #include "zq/webkeel/keellogger.h"
 #include "zq/webthreadstorage/threadstatic.h"
 #include "zq/webutil/message.h"
@@ -31,12 +39,43 @@ constexpr std::uint32_t kEcidImportance = 0xF0000000u;
 std::atomic<int> g_nLiveLoggers{0};
 std::atomic<const KeelLogger*> g_pBridge{nullptr};
 
+// Open until the library's shutdown begins; read by every log call without a lock.
+std::atomic<bool> g_bGateOpen{true};
+std::atomic<std::uint64_t> g_nRefusedAtShutdown{0};
+
+// Live loggers, linked through m_pPrevLive/m_pNextLive. Constant-initialised and never
+// destroyed: a thread may end after the library's other statics are gone.
+std::mutex g_liveLoggersMutex;
+TmLogger* g_pLiveLoggers = nullptr;
+
+// Deleted by the library's shutdown only when no other thread has a logger; otherwise kept,
+// so that threads still running at exit can go on using their loggers.
+std::atomic<ThreadSpecificStatic<TmLogger>*> g_pLoggerSlot{nullptr};
+
+// Makes every thread of the process pass a full memory barrier: the shutdown's half of the
+// handshake with the log calls, whose half costs them only a compiler barrier.
+void processWideBarrier() noexcept {
+    if (syscall(__NR_membarrier, MEMBARRIER_CMD_GLOBAL, 0) != 0) {
+        // Without the system call: by the time the stores of a call that saw the gate open
+        // are visible everywhere; a store buffer drains in far less.
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+// The calling thread's logger, without making the slot.
+const TmLogger* callingThreadsLogger() noexcept {
+    const ThreadSpecificStatic<TmLogger>* pSlot = g_pLoggerSlot.load();
+    return pSlot != nullptr ? pSlot->get() : nullptr;
+}
+
 }  // namespace
 
 ThreadSpecificStatic<TmLogger>& TmLogger::loggerSlot() {
-    // Never destroyed: a thread may end (and run its clean-up) while the process exits.
-    static ThreadSpecificStatic<TmLogger>* s_pSlot =
-        new ThreadSpecificStatic<TmLogger>(&TmLogger::destroyLogger);
+    static ThreadSpecificStatic<TmLogger>* const s_pSlot = [] {
+        auto* pSlot = new ThreadSpecificStatic<TmLogger>(&TmLogger::destroyLogger);
+        g_pLoggerSlot.store(pSlot);
+        return pSlot;
+    }();
     return *s_pSlot;
 }
 
@@ -82,8 +121,52 @@ private:
     int m_nPushed = 0;
 };
 
+// Marks the thread as inside a log call for the library's shutdown, and says whether the call
+// may go on. Nested calls (a writer that logs) keep the outermost mark.
+class TmLogger::ShutdownGate {
+public:
+    explicit ShutdownGate(TmLogger& logger) noexcept
+        : m_logger(logger), m_bOutermost(!logger.m_bInGate.load(std::memory_order_relaxed)) {
+        if (m_bOutermost) {
+            m_logger.m_bInGate.store(true, std::memory_order_relaxed);
+            // With the shutdown's process-wide barrier: either it sees this thread inside, or
+            // this thread sees the gate closed.
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+        }
+        m_bOpen = g_bGateOpen.load(std::memory_order_relaxed);
+    }
+    ~ShutdownGate() {
+        if (m_bOutermost) {
+            // Release: what the call did happens before the shutdown's teardown.
+            m_logger.m_bInGate.store(false, std::memory_order_release);
+        }
+    }
+    ShutdownGate(const ShutdownGate&) = delete;
+    ShutdownGate& operator=(const ShutdownGate&) = delete;
+
+    explicit operator bool() const noexcept { return m_bOpen; }
+    // For a call that would have written a message.
+    static void countRefused() noexcept {
+        g_nRefusedAtShutdown.fetch_add(1, std::memory_order_relaxed);
+    }
+
+private:
+    TmLogger& m_logger;
+    const bool m_bOutermost;
+    bool m_bOpen;
+};
+
 TmLogger::TmLogger() : m_hLogWriters(new LogWriters), m_bInLogCall(false) {
     m_hLogWriters->syncGlobalWriters();
+    logger_details::LogWritersMan::armShutdown();
+    {
+        const std::lock_guard<std::mutex> lock(g_liveLoggersMutex);
+        m_pNextLive = g_pLiveLoggers;
+        if (g_pLiveLoggers != nullptr) {
+            g_pLiveLoggers->m_pPrevLive = this;
+        }
+        g_pLiveLoggers = this;
+    }
     // A logger without the property is still a working logger.
     logger_details::swallowOwnFailures([&] {
         m_logState.pushProperty(ksExecutionContextIDLogPropName,
@@ -94,6 +177,58 @@ TmLogger::TmLogger() : m_hLogWriters(new LogWriters), m_bInLogCall(false) {
 
 TmLogger::~TmLogger() {
     g_nLiveLoggers.fetch_sub(1, std::memory_order_relaxed);
+    const std::lock_guard<std::mutex> lock(g_liveLoggersMutex);
+    if (m_pPrevLive != nullptr) {
+        m_pPrevLive->m_pNextLive = m_pNextLive;
+    } else if (g_pLiveLoggers == this) {
+        g_pLiveLoggers = m_pNextLive;
+    }
+    if (m_pNextLive != nullptr) {
+        m_pNextLive->m_pPrevLive = m_pPrevLive;
+    }
+}
+
+std::uint64_t TmLogger::getMessagesRefusedAtShutdown() noexcept {
+    return g_nRefusedAtShutdown.load(std::memory_order_relaxed);
+}
+
+bool TmLogger::closeAndDrain(int nMillisLimit) noexcept {
+    g_bGateOpen.store(false);
+    processWideBarrier();
+    const TmLogger* pOwn = callingThreadsLogger();
+    const auto tLimit = std::chrono::steady_clock::now() + std::chrono::milliseconds(nMillisLimit);
+    // Held while waiting: a thread that leaves its call and then ends waits here to unlink its
+    // logger, which is harmless; a log call never takes this lock.
+    const std::lock_guard<std::mutex> lock(g_liveLoggersMutex);
+    for (const TmLogger* pLogger = g_pLiveLoggers; pLogger != nullptr;
+         pLogger = pLogger->m_pNextLive) {
+        if (pLogger == pOwn) {
+            continue;
+        }
+        while (pLogger->m_bInGate.load(std::memory_order_acquire)) {
+            if (std::chrono::steady_clock::now() >= tLimit) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    return true;
+}
+
+bool TmLogger::otherThreadsHaveLoggers() noexcept {
+    const TmLogger* pOwn = callingThreadsLogger();
+    const std::lock_guard<std::mutex> lock(g_liveLoggersMutex);
+    for (const TmLogger* pLogger = g_pLiveLoggers; pLogger != nullptr;
+         pLogger = pLogger->m_pNextLive) {
+        if (pLogger != pOwn) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void TmLogger::destroyLoggerSlot() noexcept {
+    delete g_pLoggerSlot.exchange(nullptr);
 }
 
 TmLogger& TmLogger::getLogger() {
@@ -142,6 +277,10 @@ void TmLogger::appendLocalWriters(const LogWritersState& state) {
 bool TmLogger::calcEnabledWriters(const LogSeverity& severity) {
     // The flag is set without testing it first and cleared at the end, also when this call was
     // made from inside another log call.
+    const ShutdownGate gate(*this);
+    if (!gate) [[unlikely]] {
+        return false;
+    }
     bool bAny = false;
     const bool bDone = logger_details::swallowOwnFailures([&] {
         CallScope scope(*this);
@@ -157,6 +296,11 @@ bool TmLogger::calcEnabledWriters(const LogSeverity& severity) {
 
 void TmLogger::logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,
                                    const FileLocation* pLocation) {
+    const ShutdownGate gate(*this);
+    if (!gate) [[unlikely]] {
+        ShutdownGate::countRefused();
+        return;
+    }
     if (m_bInLogCall) [[unlikely]] {
         divert(msg, kDivertLineLogToEnabledWriters);
         return;
@@ -226,6 +370,11 @@ void TmLogger::logToEnabledWriters8(const LogSeverity& severity, const GDValue& 
 
 void TmLogger::logMessage(const LogSeverity& severity, const GDValue& msg, const LogSource* pSource,
                           const FileLocation* pLocation) {
+    const ShutdownGate gate(*this);
+    if (!gate) [[unlikely]] {
+        ShutdownGate::countRefused();
+        return;
+    }
     if (m_bInLogCall) [[unlikely]] {
         divert(msg, kDivertLineLogMessage);
         return;
@@ -242,6 +391,11 @@ void TmLogger::logMessage(const LogSeverity& severity, const GDValue& msg, const
 
 void TmLogger::logException(const Exception& exception, const LogSeverity* pSeverity,
                             const FileLocation* pLocation, const LogSource* pSource) {
+    const ShutdownGate gate(*this);
+    if (!gate) [[unlikely]] {
+        ShutdownGate::countRefused();
+        return;
+    }
     logger_details::swallowOwnFailures([&] {
         if (m_bInLogCall) {
             if (KeelLogger* pPrevious = getDivertTarget()) {

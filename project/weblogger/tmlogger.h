@@ -14,9 +14,18 @@
 // cleared and temporary sources are popped.
 //
 // Threads: a TmLogger, its state and its writer set are touched only by their own thread and
-// hold no lock. The logging time zone is process-wide and guarded by its own lock.
+// hold no lock. The logging time zone is process-wide and guarded by its own lock. Every logger
+// is also on the process-wide list of live loggers (its own lock, taken by logger construction
+// and destruction and by the library's shutdown, with nothing else held), and says through an
+// atomic flag whether its thread is inside a log call, so that the shutdown can wait for calls
+// in progress.
+//
+// Shutdown: once the library's shutdown has begun (unload, or exit from any thread), every log
+// call returns at once without writing: the writers are being flushed and closed. Such a call
+// is counted (getMessagesRefusedAtShutdown); it never crashes and never blocks.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -38,6 +47,9 @@ class TimeZone;
 class KeelLogger;
 template <class T>
 class ThreadSpecificStatic;
+namespace logger_details {
+class LibraryShutdown;
+}
 
 class TmLogger : public MemAllocNewdel {
 public:
@@ -53,6 +65,8 @@ public:
     static TmLogger& getLogger();
     // Loggers alive in the process (each thread that logged and has not ended has one).
     static int getLiveLoggerCount() noexcept;
+    // Log calls refused because the library's shutdown had begun; nothing of them was written.
+    static std::uint64_t getMessagesRefusedAtShutdown() noexcept;
 
     TmLogger(const TmLogger&) = delete;
     TmLogger& operator=(const TmLogger&) = delete;
@@ -137,6 +151,17 @@ private:
     // Rare (a message logged from inside a log call): kept out of the callers' code.
     [[gnu::cold, gnu::noinline]] void divert(const GDValue& msg, unsigned nLine);
     class CallScope;
+    class ShutdownGate;
+
+    // For the library's shutdown.
+    friend class logger_details::LibraryShutdown;
+    // Refuses every later log call, then waits until no other thread is inside one, at most
+    // nMillisLimit; false when a thread was still inside at the limit.
+    static bool closeAndDrain(int nMillisLimit) noexcept;
+    // Whether a thread other than the caller has a logger.
+    static bool otherThreadsHaveLoggers() noexcept;
+    // Deletes the slot and with it the calling thread's logger.
+    static void destroyLoggerSlot() noexcept;
 
     // The bridge from the lower library registers itself here when it is made, so that a
     // message logged from inside a log call can go to the logger that was installed before it.
@@ -148,6 +173,11 @@ private:
     LoggerState m_logState;
     Handle<LogWriters> m_hLogWriters;
     bool m_bInLogCall;
+    // True while the thread is inside a log call; read by the shutdown from another thread.
+    std::atomic<bool> m_bInGate{false};
+    // The list of live loggers (see the top of this file).
+    TmLogger* m_pPrevLive = nullptr;
+    TmLogger* m_pNextLive = nullptr;
 };
 
 // The source used when a caller names none: "kiv.unknown".

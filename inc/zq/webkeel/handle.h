@@ -34,6 +34,19 @@ public:
     virtual ~RefCountedBaseTemplate() = default;
 
     void addRef() const noexcept { m_nRefCount.fetch_add(1, std::memory_order_relaxed); }
+    // Takes a reference only while someone else still holds one: false for an object whose
+    // last holder has let go (it is being deleted) or that no holder has taken yet. Lets a
+    // registry of plain pointers hand out handles without reviving a dying object.
+    bool tryAddRef() const noexcept {
+        std::int32_t nCount = m_nRefCount.load(std::memory_order_relaxed);
+        while (nCount > 0) {
+            if (m_nRefCount.compare_exchange_weak(nCount, nCount + 1, std::memory_order_acquire,
+                                                  std::memory_order_relaxed)) {
+                return true;
+            }
+        }
+        return false;
+    }
     // True when this was the last reference: the caller deletes the object.
     bool releaseRef() const noexcept {
         return m_nRefCount.fetch_sub(1, std::memory_order_acq_rel) == 1;

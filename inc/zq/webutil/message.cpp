@@ -230,10 +230,15 @@ struct MessageTable::State {
 
 MessageTable::MessageTable() : m_pState(new State) {}
 
+MessageTable::~MessageTable() {
+    delete m_pState;
+}
+
 MessageTable& MessageTable::getDefault() {
-    // Never destroyed, for the same reason as the registry.
-    static MessageTable* s_pTable = new MessageTable;
-    return *s_pTable;
+    // Made by the first catalogue entry, so destroyed after every entry defined at load; freed
+    // when the library that holds it is unloaded.
+    static MessageTable s_table;
+    return s_table;
 }
 
 void MessageTable::setLanguage(const String& language) {

@@ -166,6 +166,10 @@ public:
 
     void registerMessage(const ExternalMessage& message);
 
+    ~MessageTable();
+    MessageTable(const MessageTable&) = delete;
+    MessageTable& operator=(const MessageTable&) = delete;
+
 private:
     MessageTable();
     struct State;

@@ -69,10 +69,15 @@ MessageFilesRegistry::MessageFilesRegistry() : m_pState(new State) {
     }
 }
 
+MessageFilesRegistry::~MessageFilesRegistry() {
+    delete m_pState;
+}
+
 MessageFilesRegistry& MessageFilesRegistry::getInstance() {
-    // Never destroyed: catalogue entries of other units may be resolved during exit.
-    static MessageFilesRegistry* s_pInstance = new MessageFilesRegistry;
-    return *s_pInstance;
+    // Made before the catalogue entries that it translates, so destroyed after them; freed
+    // when the library that holds it is unloaded.
+    static MessageFilesRegistry s_instance;
+    return s_instance;
 }
 
 void MessageFilesRegistry::registerMessageFiles(const String& fileName) {

@@ -55,6 +55,10 @@ public:
         return m_nGeneration.load(std::memory_order_acquire);
     }
 
+    ~MessageFilesRegistry();
+    MessageFilesRegistry(const MessageFilesRegistry&) = delete;
+    MessageFilesRegistry& operator=(const MessageFilesRegistry&) = delete;
+
 private:
     MessageFilesRegistry();
     struct State;

@@ -48,8 +48,10 @@ public:
         bool bWrappedCtxInit = false;
     };
 
-    // The one instance, made on first use (at library load at the latest) and kept until the
-    // process ends: threads may still log while the library's statics are destroyed.
+    // The one instance, made on first use (at library load at the latest) and destroyed with
+    // the library's statics, so an unloaded library leaves no cache behind. Log calls are
+    // refused by then (the library's shutdown runs before any of its statics is destroyed), so
+    // no thread renders an ECID from a destroyed instance.
     static ExecutionContextImpl& instance();
 
     // Whether tracking is on now: the flag is set and the client reports itself initialised.

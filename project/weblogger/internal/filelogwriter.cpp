@@ -536,6 +536,19 @@ void FileLogWriter::flush() noexcept {
     reportWriteState();
 }
 
+void FileLogWriter::close() noexcept {
+    LockGuard<WriterSynchro> guard(getWriterSynchro());
+    // Under the lock, so that no message is between its check of the flag and its write.
+    setIsEnabled(false);
+    try {
+        // Closing gives a stalled file one more try.
+        m_CurFile.close();
+    } catch (const FileException&) {
+        // The file counted what it could not write; it is closed all the same.
+    }
+    reportWriteState();
+}
+
 void FileLogWriter::noteOpenFailure(const FileException& failure) noexcept {
     m_bOpenFailed = true;
     m_bRetrySameSlot = m_iCurFile != kNoFile;

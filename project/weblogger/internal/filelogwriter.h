@@ -108,7 +108,10 @@ public:
     // Writes what the buffer holds to the file now (for a host before fork or in a signal
     // handler's thread, and for shutdown); a stalled file is tried once more. Never throws; a
     // failure is handled as any other.
-    void flush() noexcept;
+    void flush() noexcept override;
+    // Flushes and closes the current file under the writer's lock, and refuses every later
+    // message (the library's shutdown).
+    void close() noexcept override;
 
     // Gives this writer its own family of files: "<prefix>-<part>-<index>.log". The next
     // message opens that ring, resuming its newest file.

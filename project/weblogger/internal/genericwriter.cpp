@@ -6,10 +6,11 @@ namespace kiv {
 namespace {
 
 // Serialises the output of every console writer of the process. Taken before a writer's own
-// lock, never after it.
+// lock, never after it. Made at load, so it is destroyed after the library's shutdown has
+// flushed and closed the console writers (and freed with the library when it is unloaded).
 CriticalSection& consoleLock() {
-    static CriticalSection* s_pLock = new CriticalSection(0, "g_tGlobalConsoleLock");
-    return *s_pLock;
+    static CriticalSection s_lock(0, "g_tGlobalConsoleLock");
+    return s_lock;
 }
 
 CriticalSection& g_tGlobalConsoleLock = consoleLock();
@@ -31,6 +32,11 @@ void CoutWriter::logMessage(const LogSeverity& severity, const GDValue& message,
                             const LoggerState& state, const FileLocation* pLocation) {
     LockGuard<CriticalSection> consoleGuard(g_tGlobalConsoleLock);
     renderAndFlush(severity, message, state, pLocation);
+}
+
+void CoutWriter::flush() noexcept {
+    LockGuard<CriticalSection> consoleGuard(g_tGlobalConsoleLock);
+    GenericWriter<CoutStream, HoopyAdaptor>::flush();
 }
 
 // The console writer's factory, registered when the library loads; the flag keeps this unit

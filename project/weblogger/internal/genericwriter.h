@@ -28,6 +28,9 @@ public:
     void logMessage(const LogSeverity& severity, const GDValue& message, const LoggerState& state,
                     const FileLocation* pLocation) override;
 
+    // Every message is flushed already; this flushes the stream once more under the lock.
+    void flush() noexcept override;
+
     void setStream(Stream* pStream) noexcept { m_pwc = pStream; }
 
 protected:
@@ -49,6 +52,8 @@ public:
     // Takes the console lock, then the writer's own lock, renders, flushes.
     void logMessage(const LogSeverity& severity, const GDValue& message, const LoggerState& state,
                     const FileLocation* pLocation) override;
+    // Takes the console lock, then the writer's own lock, and flushes standard output.
+    void flush() noexcept override;
 
 private:
     CoutStream& m_CoutStream;
@@ -79,6 +84,18 @@ void GenericWriter<Stream, Adaptor>::renderAndFlush(const LogSeverity& severity,
     m_pwr->msg_log(severity, message, state, pLocation, m_pwc);
     if (m_pwc != nullptr) {
         m_pwc->flush();
+    }
+}
+
+template <class Stream, class Adaptor>
+void GenericWriter<Stream, Adaptor>::flush() noexcept {
+    LockGuard<WriterSynchro> guard(getWriterSynchro());
+    try {
+        if (m_pwc != nullptr) {
+            m_pwc->flush();
+        }
+    } catch (...) {
+        // A stream that cannot take its bytes now keeps them for the next message.
     }
 }
 

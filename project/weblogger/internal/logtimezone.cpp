@@ -18,10 +18,11 @@ struct ZoneState {
     std::atomic<std::uint64_t> m_nGeneration{1};
 };
 
-// Never destroyed: a thread may still render a stamp while the process exits.
+// Destroyed with the library's other statics, after its shutdown: from then on no log call
+// renders a stamp (they are refused), and an unloaded library leaves nothing behind.
 ZoneState& zoneState() {
-    static ZoneState* s_pZone = new ZoneState;
-    return *s_pZone;
+    static ZoneState s_zone;
+    return s_zone;
 }
 
 }  // namespace
