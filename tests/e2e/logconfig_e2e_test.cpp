@@ -1,7 +1,8 @@
 // From a logconfig.xml file on disk to bytes: the loader reads the file with a variable for its
 // directory, and messages logged through TmLogger end up in the ring of files and on standard
 // output exactly as the formats say, filtered by patterns, exact paths and per-writer records.
-// A tenant configuration with a file prefix gets its own files.
+// A tenant configuration with a file prefix gets its own files. The system log writer sends to a
+// socket the test binds, and the crash trigger reacts to its one source line.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -10,7 +11,10 @@
 #include <filesystem>
 #include <string>
 
+#include "support/syslog_sink.h"
 #include "support/temp_dir.h"
+#include "weblogger/internal/crashwriter.h"
+#include "weblogger/internal/eventlogwriter.h"
 #include "weblogger/logsource.h"
 #include "weblogger/logwritersman.h"
 #include "weblogger/tmlogger.h"
@@ -150,6 +154,86 @@ TEST(LogConfigEndToEnd, TenantConfigurationWritesFileWritersOnlyUnderItsPrefix) 
     // The audit writer's filter now comes from the global records of its id: errors of app.
     EXPECT_EQ(test::readFile(temp.file("audit/audit-acme-0.log")), kBom + "E app tenant error\n");
     EXPECT_FALSE(std::filesystem::exists(temp.file("ring/app0.log")));
+}
+
+const char* const kSystemLogConfig = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!-- Errors of the app go to the system log; the crash trigger watches one line of one file. -->
+<Logging>
+  <WriterClassGroups>
+    <WriterClassGroup name="SystemLog">4</WriterClassGroup>
+    <WriterClassGroup name="Crash">5</WriterClassGroup>
+  </WriterClassGroups>
+  <Filters>
+    <FilterRecord writerClassGroup="SystemLog" path="app" incident_error="65534" error="65534"
+                  warning="0" information="0" trace="0"/>
+    <FilterRecord writerClassGroup="Crash" path="app" incident_error="65534" error="65534"
+                  warning="65534" information="65534" trace="65534"/>
+  </Filters>
+  <Writers>
+    <Writer name="syslog" implementation="EventLogWriter" writerClassId="4" fmtName="Line"
+            socket="{%socket%}" appName="e2e" facility="local3"/>
+    <Writer name="trigger" implementation="CrashWriter" writerClassId="5"
+            file="{%crashFile%}" line="42"/>
+  </Writers>
+  <Formats>
+    <Format name="Line"><CurrentLogSource/>: <MessageText/></Format>
+  </Formats>
+</Logging>
+)";
+
+template <class Writer>
+Writer* findGlobalWriter(const wchar_t* pszName) {
+    std::vector<Handle<LogWriter>> vecWriters;
+    AtomicEntity<int> version;
+    logger_details::LogWritersMan::getLogWritersMan().getWriters(vecWriters, version);
+    for (const Handle<LogWriter>& hWriter : vecWriters) {
+        if (hWriter->getName().equals(pszName)) {
+            return dynamic_cast<Writer*>(hWriter.get());
+        }
+    }
+    return nullptr;
+}
+
+TEST(LogConfigEndToEnd, FileToTheSystemLogAndTheCrashTrigger) {
+    const test::TempDir temp;
+    const std::string strConfig = temp.write("logconfig.xml", kSystemLogConfig);
+    test::SyslogSink sink(temp.file("log.sock"));
+    ASSERT_TRUE(sink.isBound());
+    const LogSourceHandle app(String(L"app"));
+    const LogSourceHandle web(String(L"app.web"));
+
+    ReplacementMap map;
+    map[String(L"socket")] = fromUtf8(sink.path());
+    map[String(L"crashFile")] = String(L"server.cpp");
+    const ConfigurationReport report = XmlLogConfiguration::reconfigure(fromUtf8(strConfig), &map);
+    ASSERT_TRUE(report.m_bApplied);
+    CrashWriter* pTrigger = findGlobalWriter<CrashWriter>(L"trigger");
+    ASSERT_NE(pTrigger, nullptr);
+    ASSERT_NE(findGlobalWriter<EventLogWriter>(L"syslog"), nullptr);
+
+    TmLogger& logger = TmLogger::getLogger();
+    const FileLocation elsewhere(L"server.cpp", 41);
+    const FileLocation trigger(L"server.cpp", 42);
+    logger.logMessage(kSevWarning, GDString(L"a warning stays off the system log"), web.get(),
+                      &elsewhere);
+    logger.logMessage(kSevError, GDString(L"the database is gone"), web.get(), &trigger);
+
+    // Only the error travelled, as an RFC 5424 message with the writer's settings; the warning
+    // was filtered out before the writer.
+    const std::optional<std::string> datagram = sink.receive();
+    ASSERT_TRUE(datagram.has_value());
+    const test::SyslogMessage message = test::parseSyslog(*datagram);
+    ASSERT_TRUE(message.bValid);
+    EXPECT_EQ(message.nPriority, 19 * 8 + 3);  // local3, err
+    EXPECT_EQ(message.appName, "e2e");
+    EXPECT_NE(message.structuredData.find("app.web"), std::string::npos);
+    EXPECT_EQ(message.text, "app.web: the database is gone");
+    EXPECT_FALSE(sink.receive(200).has_value());
+    // The trigger saw both messages but reacted to the one from its line only.
+    EXPECT_EQ(pTrigger->getReachedCount(), 1u);
+
+    XmlLogConfiguration::configAll(
+        *XmlDocument::parseString(std::string_view("<Logging/>")).getDocumentElement(), nullptr);
 }
 
 }  // namespace
