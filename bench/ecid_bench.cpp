@@ -8,10 +8,9 @@
 
 #include <cstdio>
 
-#include "support/alloc_counter.h"
+#include "rendering_bench_support.h"
 #include "weblogger/eciddeferredpropertyvalue.h"
 #include "weblogger/executioncontext.h"
-#include "weblogger/internal/messagewriter_impl.h"
 #include "weblogger/logsource.h"
 #include "weblogger/tmlogger.h"
 #include "zq/webutil/configreader.h"
@@ -22,37 +21,10 @@ namespace {
 
 using logger::ExecutionContext;
 
-class ByteSink {
-public:
-    void write(const void* p, unsigned long n) {
-        m_buffer.append(static_cast<const char*>(p), static_cast<std::size_t>(n));
-    }
-    void clear() { m_buffer.clear(); }
-    const char* data() const { return m_buffer.data(); }
-
-private:
-    StringBufferTemplate<4096, char> m_buffer;
-};
-
-using Utf8Adaptor = EncodingAdapter<StreamWriterAdapter<ByteSink, char>, T2NEncodingUTF8<wchar_t>>;
-
-const XmlElement* klfText() {
-    for (const XmlElement* p :
-         MessageFormatLoader::getFallbackLoggerFormats()->selectElements(L"Format")) {
-        if (p->getAttributeValue(L"name").equals(L"KLF-Text")) {
-            return p;
-        }
-    }
-    return nullptr;
-}
-
 enum class Ecid { kNoProperty, kNoContext, kContext, kFixedText };
 
 void render(benchmark::State& state, Ecid nEcid) {
-    auto* pFormat = new CompiledMsgFormat;
-    MessageFormatLoader::loadFormat(*pFormat, *klfText(), CompiledMsgFormat::kEncodingPlain);
-    const auto hWriter =
-        MessageWriterFactory<ByteSink, Utf8Adaptor>::createMessageWriter(pFormat, true);
+    const auto hWriter = bench::builtInWriter(L"KLF-Text");
     const LogSourceHandle source(String(L"bench.http.request"));
     LoggerState logState;
     logState.pushSource(*source);
@@ -76,23 +48,7 @@ void render(benchmark::State& state, Ecid nEcid) {
     }
     // Without a context the thread's ECID is empty: BM_KlfTextEcidWithoutContext runs before
     // the first context is made on this thread.
-    const GDString tmpl(L"user %1 requested %2");
-    const GDString user(L"ann");
-    const GDUInteger64 item(42);
-    const FileLocation location(L"/build/project/weblogger/server.cpp", 120);
-    ByteSink sink;
-    hWriter->msg_log(kSevInfo, ReferentialParameterizedMessage(tmpl, user, item), logState,
-                     &location, &sink);
-    const std::size_t nStart = test::threadAllocationCount();
-    for (auto _ : state) {
-        sink.clear();
-        hWriter->msg_log(kSevInfo, ReferentialParameterizedMessage(tmpl, user, item), logState,
-                         &location, &sink);
-        benchmark::DoNotOptimize(sink.data());
-    }
-    state.counters["allocs/msg"] =
-        benchmark::Counter(static_cast<double>(test::threadAllocationCount() - nStart),
-                           benchmark::Counter::kAvgIterations);
+    bench::measureRendering(state, *hWriter, logState);
 }
 
 void BM_KlfTextWithoutEcidProperty(benchmark::State& state) {
