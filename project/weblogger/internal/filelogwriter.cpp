@@ -2,13 +2,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cwchar>
 #include <memory>
-#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "weblogger/internal/filewriterattributes.h"
+#include "weblogger/internal/ringresume.h"
 #include "weblogger/loggermessages.h"
 #include "weblogger/logwritersman.h"
 #include "zq/webkeel/assert.h"
@@ -39,103 +40,7 @@ const String kDefaultPrefix(L"kiv");
 const String kExtension(L"log");
 const unsigned char kByteOrderMark[] = {0xEF, 0xBB, 0xBF};
 
-bool isAutoFlushOff(const String& value) {
-    for (const wchar_t* pszWord : {L"no", L"n", L"false", L"0"}) {
-        if (value.compareNoCase(pszWord) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// Hours to seconds, rounded; anything outside (0, 2^32 - 1) seconds gives the default.
-std::uint32_t intervalSeconds(const String& hours) {
-    if (hours.empty()) {
-        return FileLogWriter::kDefaultRotationIntervalSeconds;
-    }
-    const double dSeconds = std::floor(std::wcstod(hours.c_str(), nullptr) * 3600.0 + 0.5);
-    if (dSeconds > 0 && dSeconds < 4294967295.0) {
-        return static_cast<std::uint32_t>(dSeconds);
-    }
-    return FileLogWriter::kDefaultRotationIntervalSeconds;
-}
-
-// "filesN" as written: decimal digits only, optionally surrounded by blanks. 0 for anything
-// else, which the caller refuses; values past the bound are kept past it (saturating), so that
-// they are refused as too large rather than wrapped into range.
-unsigned long long parseFilesN(const String& text) {
-    const wchar_t* p = text.c_str();
-    while (*p == L' ' || *p == L'\t') {
-        ++p;
-    }
-    unsigned long long nValue = 0;
-    const wchar_t* pDigits = p;
-    while (*p >= L'0' && *p <= L'9') {
-        nValue = std::min<unsigned long long>(nValue * 10 + static_cast<unsigned>(*p - L'0'),
-                                              0xFFFFFFFFFFull);
-        ++p;
-    }
-    while (*p == L' ' || *p == L'\t') {
-        ++p;
-    }
-    return p == pDigits || *p != 0 ? 0 : nValue;
-}
-
-// "fileMode": octal permission bits that let the owner read and write (a ring the writer could
-// not open again after a restart is no ring); -1 for anything else.
-long parseFileMode(const String& text) {
-    if (text.empty() || text.size() > 4) {
-        return -1;
-    }
-    long nMode = 0;
-    for (wchar_t c : text.view()) {
-        if (c < L'0' || c > L'7') {
-            return -1;
-        }
-        nMode = nMode * 8 + (c - L'0');
-    }
-    return nMode <= 0777 && (nMode & 0600) == 0600 ? nMode : -1;
-}
-
-// Search permission wherever reading is granted, so that the directory of files one may read
-// can be entered; the owner always has all three.
-unsigned directoryModeFor(unsigned nFileMode) {
-    return nFileMode | ((nFileMode & 0444) >> 2) | 0700;
-}
-
-// Writers that hold a ring, linked through m_pNextRingOwner. Both are constant-initialised and
-// need no destruction, so a writer that outlives the library's other statics can still leave.
-std::mutex g_ringTableMutex;
-FileLogWriter* g_pRingOwners = nullptr;
-
 }  // namespace
-
-namespace {
-// The writers a reconfiguration on this thread is about to replace, or null.
-thread_local const std::vector<Handle<LogWriter>>* t_pReplacedWriters = nullptr;
-
-bool isBeingReplaced(const LogWriter* pWriter) noexcept {
-    if (t_pReplacedWriters == nullptr) {
-        return false;
-    }
-    for (const Handle<LogWriter>& hReplaced : *t_pReplacedWriters) {
-        if (hReplaced.get() == pWriter) {
-            return true;
-        }
-    }
-    return false;
-}
-}  // namespace
-
-FileLogWriter::RingHandOver::RingHandOver(
-    const std::vector<Handle<LogWriter>>& vecReplaced) noexcept
-    : m_pPrevious(t_pReplacedWriters) {
-    t_pReplacedWriters = &vecReplaced;
-}
-
-FileLogWriter::RingHandOver::~RingHandOver() {
-    t_pReplacedWriters = m_pPrevious;
-}
 
 FileLogWriter::FileLogWriter(const String& name, short id, WriterType type,
                              const Handle<const WriterFilter>& filter)
@@ -158,14 +63,15 @@ bool FileLogWriter::initialize(const XmlElement* pElemConfig, const XmlElement* 
         strMaxKb.empty()
             ? 0x100000
             : static_cast<std::uint64_t>(std::wcstoul(strMaxKb.c_str(), nullptr, 10)) << 10;
-    const std::uint32_t nSeconds = intervalSeconds(
-        pElemConfig->unchecked_getAttributeValue(kAttrRotationIntervalHours.view()));
+    const std::uint32_t nSeconds = logger_details::intervalSeconds(
+        pElemConfig->unchecked_getAttributeValue(kAttrRotationIntervalHours.view()),
+        kDefaultRotationIntervalSeconds);
     const String& strFilesN = pElemConfig->unchecked_getAttributeValue(kAttrFilesN.view());
     const unsigned long long nFilesN =
-        strFilesN.empty() ? kDefaultNumberOfFiles : parseFilesN(strFilesN);
+        strFilesN.empty() ? kDefaultNumberOfFiles : logger_details::parseFilesN(strFilesN);
     const String& strPrefix = pElemConfig->unchecked_getAttributeValue(kAttrFilePrefix.view());
-    const bool bAutoFlush =
-        !isAutoFlushOff(pElemConfig->unchecked_getAttributeValue(kAttrAutoFlush.view()));
+    const bool bAutoFlush = !logger_details::isAutoFlushOff(
+        pElemConfig->unchecked_getAttributeValue(kAttrAutoFlush.view()));
 
     if (nFilesN == 0) {
         // A ring of no files cannot hold a message (the index would be taken modulo 0).
@@ -184,7 +90,8 @@ bool FileLogWriter::initialize(const XmlElement* pElemConfig, const XmlElement* 
         return false;
     }
     const String& strFileMode = pElemConfig->unchecked_getAttributeValue(kAttrFileMode.view());
-    const long nFileMode = strFileMode.empty() ? kDefaultFileMode : parseFileMode(strFileMode);
+    const long nFileMode =
+        strFileMode.empty() ? kDefaultFileMode : logger_details::parseFileMode(strFileMode);
     if (nFileMode < 0) {
         reportLoggerProblem(ParamMessage(kmsgLogConfigFileModeInvalid)
                                 .setInsert(1, GDString(getName()))
@@ -193,7 +100,7 @@ bool FileLogWriter::initialize(const XmlElement* pElemConfig, const XmlElement* 
         return false;
     }
     m_nFileMode = static_cast<unsigned>(nFileMode);
-    m_nDirectoryMode = directoryModeFor(m_nFileMode);
+    m_nDirectoryMode = logger_details::directoryModeFor(m_nFileMode);
 
     m_pMessageWriter = MessageWriterFactory<LogFile, Utf8InPlaceAdaptor>::compile(pFormat);
 
@@ -324,64 +231,16 @@ void FileLogWriter::startFreshFile() {
     }
 }
 
-namespace {
-
-struct RingFile {
-    std::uint32_t nIndex;
-    std::time_t tModified;
-    long nNanoseconds;
-    long long nSize;
-};
-
-bool isNewer(const RingFile& a, const RingFile& b) {
-    return a.tModified > b.tModified ||
-           (a.tModified == b.tModified && a.nNanoseconds > b.nNanoseconds);
-}
-
-// The ring index in a directory entry's name "<prefix><index>.log", or -1 when the name is not
-// one of the ring's (leading zeros included: "kiv01.log" is not file 1).
-long long ringIndexOf(std::string_view name, std::string_view prefix, std::uint32_t nFiles) {
-    constexpr std::string_view kSuffix = ".log";
-    if (name.size() <= prefix.size() + kSuffix.size() || name.substr(0, prefix.size()) != prefix ||
-        name.substr(name.size() - kSuffix.size()) != kSuffix) {
-        return -1;
-    }
-    const std::string_view digits =
-        name.substr(prefix.size(), name.size() - prefix.size() - kSuffix.size());
-    if (digits.size() > 10 || (digits.size() > 1 && digits[0] == '0')) {
-        return -1;
-    }
-    long long nIndex = 0;
-    for (char c : digits) {
-        if (c < '0' || c > '9') {
-            return -1;
-        }
-        nIndex = nIndex * 10 + (c - '0');
-    }
-    return nIndex < nFiles ? nIndex : -1;
-}
-
-}  // namespace
-
-// Which file of the ring to resume: the newest by modification time, its sub-second part
-// included. When several files share the newest time (a file system that keeps whole seconds
-// only, or a copy that kept the times), they are told apart by how this writer leaves a ring:
-// files are written in ring order, so the ones it wrote within the newest second form one
-// unbroken run in ring order (..., 8, 9, 0, 1), and the last of that run is the newest.
-// - When the run is the whole ring (every file written within that second), the run has no
-//   end to read; under size rotation the one file still below the size limit is the current
-//   one (every other file was left at the limit when the writer moved on).
-// - In every other case, ties that are not one run, which only something outside the writer
-//   makes, the plain rule holds: strictly newer wins, so the lowest index among equals.
-// Links and anything but regular files are reported and never resumed. One pass over the
-// directory: the cost follows the files present, not the size of the ring.
+// The choice among the files found is chooseRingFileToResume's. Links and anything but regular
+// files are reported and never resumed. One pass over the directory: the cost follows the files
+// present, not the size of the ring.
 long FileLogWriter::findNewestFile() {
     const NString strPrefix = toUtf8(m_strFilePrefix.view());
     const std::string_view prefix(strPrefix.data(), strPrefix.size());
-    std::vector<RingFile> vecFiles;
+    std::vector<logger_details::RingFile> vecFiles;
     FileSystemUtils::scanDirectory(
         m_strFileDirectory.getPath(), [&](std::string_view name, const FileStats& stats) {
-            const long long nIndex = ringIndexOf(name, prefix, m_iNumberOfFiles);
+            const long long nIndex = logger_details::ringIndexOf(name, prefix, m_iNumberOfFiles);
             if (nIndex < 0) {
                 return;
             }
@@ -392,58 +251,12 @@ long FileLogWriter::findNewestFile() {
                                         .setInsert(2, GDString(m_tCurFilePath.getFullPath())));
                 return;
             }
-            vecFiles.push_back(RingFile{static_cast<std::uint32_t>(nIndex), stats.tModified,
-                                        stats.nModifiedNanoseconds, stats.nSize});
+            vecFiles.push_back(logger_details::RingFile{static_cast<std::uint32_t>(nIndex),
+                                                        stats.tModified, stats.nModifiedNanoseconds,
+                                                        stats.nSize});
         });
-    if (vecFiles.empty()) {
-        return -1;
-    }
-    std::sort(vecFiles.begin(), vecFiles.end(),
-              [](const RingFile& a, const RingFile& b) { return a.nIndex < b.nIndex; });
-    RingFile newest = vecFiles.front();
-    for (const RingFile& file : vecFiles) {
-        if (isNewer(file, newest)) {
-            newest = file;
-        }
-    }
-    std::vector<RingFile> vecTies;
-    for (const RingFile& file : vecFiles) {
-        if (!isNewer(newest, file)) {
-            vecTies.push_back(file);
-        }
-    }
-    if (vecTies.size() == 1) {
-        return newest.nIndex;
-    }
-    // Gaps between consecutive tied indices, the one around the end of the ring included.
-    std::size_t nBreaks = 0;
-    std::uint32_t nRunEnd = vecTies.back().nIndex;
-    for (std::size_t i = 0; i < vecTies.size(); ++i) {
-        const std::uint32_t nThis = vecTies[i].nIndex;
-        const std::uint32_t nNext = vecTies[(i + 1) % vecTies.size()].nIndex;
-        const std::uint32_t nStep = (nNext + m_iNumberOfFiles - nThis) % m_iNumberOfFiles;
-        if (nStep != 1) {
-            ++nBreaks;
-            nRunEnd = nThis;
-        }
-    }
-    if (nBreaks == 1) {
-        return nRunEnd;
-    }
-    if (nBreaks == 0 && m_eRotationType == kRotateBySize) {
-        const RingFile* pBelow = nullptr;
-        std::size_t nBelow = 0;
-        for (const RingFile& file : vecTies) {
-            if (static_cast<std::uint64_t>(file.nSize) < m_lFileSizeMax) {
-                pBelow = &file;
-                ++nBelow;
-            }
-        }
-        if (nBelow == 1) {
-            return pBelow->nIndex;
-        }
-    }
-    return vecTies.front().nIndex;
+    return logger_details::chooseRingFileToResume(std::move(vecFiles), m_iNumberOfFiles,
+                                                  m_eRotationType == kRotateBySize, m_lFileSizeMax);
 }
 
 bool FileLogWriter::openFile() {
@@ -617,56 +430,6 @@ void FileLogWriter::checkFile() noexcept {
         FileSystemUtils::createDirectoryHierarchy(m_strFileDirectory.getPath(), kOnErrorReturn,
                                                   m_nDirectoryMode);
     }
-}
-
-bool FileLogWriter::claimRing() {
-    String strCanonical;
-    if (!FileSystemUtils::getCanonicalPath(m_strFileDirectory.getPath(), strCanonical)) {
-        strCanonical = m_strFileDirectory.getPath();
-    }
-    String strKey = FilePath(DirectoryPath(strCanonical), m_strFilePrefix).getFullPath();
-    std::lock_guard<std::mutex> lock(g_ringTableMutex);
-    m_bAwaitingHandOver = false;
-    for (FileLogWriter* pOwner = g_pRingOwners; pOwner != nullptr;
-         pOwner = pOwner->m_pNextRingOwner) {
-        if (pOwner != this && !pOwner->isRetired() && pOwner->m_strRingKey == strKey) {
-            if (isBeingReplaced(pOwner)) {
-                m_bAwaitingHandOver = true;
-                continue;
-            }
-            reportLoggerProblem(ParamMessage(kmsgLogWriterRingInUse)
-                                    .setInsert(1, GDString(getName()))
-                                    .setInsert(2, GDString(strKey + L"*.log"))
-                                    .setInsert(3, GDString(pOwner->getName())));
-            m_strRingKey.clear();
-            m_bAwaitingHandOver = false;
-            return false;
-        }
-    }
-    m_strRingKey = std::move(strKey);
-    if (!m_bInRingTable) {
-        m_pNextRingOwner = g_pRingOwners;
-        g_pRingOwners = this;
-        m_bInRingTable = true;
-    }
-    return true;
-}
-
-void FileLogWriter::releaseRing() noexcept {
-    std::lock_guard<std::mutex> lock(g_ringTableMutex);
-    m_strRingKey.clear();
-    if (!m_bInRingTable) {
-        return;
-    }
-    for (FileLogWriter** ppOwner = &g_pRingOwners; *ppOwner != nullptr;
-         ppOwner = &(*ppOwner)->m_pNextRingOwner) {
-        if (*ppOwner == this) {
-            *ppOwner = m_pNextRingOwner;
-            break;
-        }
-    }
-    m_pNextRingOwner = nullptr;
-    m_bInRingTable = false;
 }
 
 String FileLogWriter::prefixWithPart(const String& configuredPrefix, const String& part) {

@@ -15,7 +15,8 @@
 //   not "filesN"; the bound only keeps a typing error from naming a ring no one means.
 // - Resuming: the newest file by modification time (with its sub-second part). Files that
 //   share the newest time are what a file system with whole-second times leaves after several
-//   rotations within one second; see findNewestFile for how the writer tells them apart.
+//   rotations within one second; see chooseRingFileToResume for how the writer tells them
+//   apart.
 // - A ring belongs to one writer of the process: a second writer initialised on the same
 //   directory (after links are resolved) and prefix is refused with a report, since the two
 //   would overwrite each other's files. A retired writer no longer holds its ring.
