@@ -46,8 +46,8 @@ inline void measureRendering(benchmark::State& state, const MessageWriter<ByteSi
     const GDUInteger64 item(42);
     const FileLocation location(L"/build/project/weblogger/server.cpp", 120);
     ByteSink sink;
-    writer.msg_log(kSevInfo, ReferentialParameterizedMessage(tmpl, user, item), logState,
-                   &location, &sink);
+    writer.msg_log(kSevInfo, ReferentialParameterizedMessage(tmpl, user, item), logState, &location,
+                   &sink);
     const std::size_t nStart = test::threadAllocationCount();
     for (auto _ : state) {
         sink.clear();
