@@ -4,11 +4,8 @@
 
 namespace kiv {
 
-bool LogFilter::isValidWriterId(int nIdIn) noexcept {
-    // A negative id wraps to a large value and fails too.
-    const unsigned nId = static_cast<unsigned>(nIdIn);
-    ZQ_ASSERT_TEXT(nId < kMaxWriterIds, "nId < 10");
-    return nId < kMaxWriterIds;
+void LogFilter::reportInvalidWriterId() noexcept {
+    ZQ_ASSERT_TEXT(false, "nId < 10");
 }
 
 void LogWritersGroup::add(int nId) noexcept {

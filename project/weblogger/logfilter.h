@@ -84,8 +84,15 @@ public:
     }
 
     // Whether nId indexes the ten-slot tables; an id outside 0..9 fails the assertion
-    // "nId < 10".
-    static bool isValidWriterId(int nId) noexcept;
+    // "nId < 10". Inline: the writer-id test is on every log call's path.
+    static bool isValidWriterId(int nId) noexcept {
+        // A negative id wraps to a large value and fails too.
+        if (static_cast<unsigned>(nId) < kMaxWriterIds) [[likely]] {
+            return true;
+        }
+        reportInvalidWriterId();
+        return false;
+    }
     // The writer's id, unchecked. Defined with the writer, which knows it: units below the
     // writer (the filter, the source tree) name writers without including them.
     static int classIdOf(const LogWriter& writer) noexcept;
@@ -106,6 +113,7 @@ public:
 private:
     // Defined with the writer, which knows its id: the filter stays below the writer.
     static unsigned writerIndex(const LogWriter* pWriter) noexcept;
+    [[gnu::cold, gnu::noinline]] static void reportInvalidWriterId() noexcept;
 
     using AtomicLevels = std::array<std::atomic<std::uint16_t>, LogSeverity::kMsgTypeCount>;
     std::array<AtomicLevels, kMaxWriterIds> m_logLevels;
