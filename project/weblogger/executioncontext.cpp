@@ -244,7 +244,13 @@ bool ExecutionContext::unwrap(const NString& strWrapped, bool bFlag) {
     return bResult;
 }
 
-bool ExecutionContext::createContext() {
+namespace {
+
+// Asks the client for a context (a new one when pszLabel is null, the thread's current one
+// otherwise) and makes its ids the thread's. When the client has none, the thread's ids are
+// forgotten only if bForgetWhenNone: a new context that failed leaves no stale id behind,
+// while a query that found nothing changes nothing.
+bool takeClientContext(const char* pszLabel, bool bForgetWhenNone) {
     bool bResult = false;
     swallowOwnFailures([&] {
         ExecutionContextImpl& impl = ExecutionContextImpl::instance();
@@ -252,29 +258,24 @@ bool ExecutionContext::createContext() {
         if (!impl.isEnabled() || pfnGet == nullptr || !impl.canFree()) {
             return;
         }
-        const ClientContext context(impl, pfnGet(nullptr));
+        const ClientContext context(impl, pfnGet(pszLabel));
+        if (context.get() == nullptr && !bForgetWhenNone) {
+            return;
+        }
         impl.updateThreadECID(context.get());
         bResult = context.get() != nullptr;
     });
     return bResult;
 }
 
+}  // namespace
+
+bool ExecutionContext::createContext() {
+    return takeClientContext(nullptr, true);
+}
+
 bool ExecutionContext::getContext() {
-    bool bResult = false;
-    swallowOwnFailures([&] {
-        ExecutionContextImpl& impl = ExecutionContextImpl::instance();
-        const auto pfnGet = impl.fn(impl.qamContextGet);
-        if (!impl.isEnabled() || pfnGet == nullptr || !impl.canFree()) {
-            return;
-        }
-        const ClientContext context(impl, pfnGet(kQueryLabel));
-        if (context.get() == nullptr) {
-            return;
-        }
-        impl.updateThreadECID(context.get());
-        bResult = true;
-    });
-    return bResult;
+    return takeClientContext(kQueryLabel, false);
 }
 
 bool ExecutionContext::clearContext() {
