@@ -129,6 +129,80 @@ TEST(LogFilterTest, WriterIdOutsideTheTableIsReportedAndRejected) {
     EXPECT_TRUE(capture.contains("nId < 10"));
 }
 
+// The summary behind the inline guard: whether any writer id's threshold could accept.
+bool anyIdAccepts(const LogFilter& filter, const LogSeverity& severity) {
+    for (int nId = 0; nId < kMaxWriterIds; ++nId) {
+        if (filter.getLogLevels(nId).accepts(severity)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void expectSummaryExact(const LogFilter& filter) {
+    for (int nType = 0; nType < LogSeverity::kMsgTypeCount; ++nType) {
+        for (std::uint64_t nImportance : {0ull, 1ull, 2ull, 99ull, 100ull, 101ull, 65533ull,
+                                          65534ull, 65535ull, 65536ull, 1ull << 40}) {
+            const LogSeverity severity(static_cast<LogSeverity::MsgType>(nType), nImportance);
+            EXPECT_EQ(filter.mayAccept(severity), anyIdAccepts(filter, severity))
+                << "type " << nType << " importance " << nImportance;
+        }
+    }
+}
+
+TEST(LogFilterSummaryTest, FreshFilterMayAcceptNothing) {
+    const LogFilter filter;
+    EXPECT_FALSE(filter.mayAccept(LogSeverity(LogSeverity::SV_INCIDENT_ERROR, 0)));
+    expectSummaryExact(filter);
+}
+
+TEST(LogFilterSummaryTest, ThresholdZeroMayAcceptImportanceZeroOnly) {
+    LogFilter filter;
+    filter.setLogLevelsForId(4, LogLevels(0, 0, 0, 0, 0));
+    EXPECT_TRUE(filter.mayAccept(LogSeverity(LogSeverity::SV_TRACE, 0)));
+    EXPECT_FALSE(filter.mayAccept(LogSeverity(LogSeverity::SV_TRACE, 1)));
+    expectSummaryExact(filter);
+}
+
+TEST(LogFilterSummaryTest, HighestIdThresholdDecidesAndFollowsEveryChange) {
+    LogFilter filter;
+    filter.setLogLevelsForId(1, LogLevels(10, 20, 30, 40, 50));
+    filter.setLogLevelsForId(9, LogLevels(65534, 5, LogLevels::kNotSet, 400, 0));
+    EXPECT_TRUE(filter.mayAccept(LogSeverity(LogSeverity::SV_INFORMATION, 400)));
+    EXPECT_FALSE(filter.mayAccept(LogSeverity(LogSeverity::SV_INFORMATION, 401)));
+    expectSummaryExact(filter);
+
+    LogWritersGroup group;
+    group.add(9);
+    filter.resetLogLevels(group);
+    EXPECT_FALSE(filter.mayAccept(LogSeverity(LogSeverity::SV_INFORMATION, 41)));
+    expectSummaryExact(filter);
+
+    LogFilter parent;
+    parent.setLogLevelsForId(9, LogLevels(1000, 1000, 1000, 1000, 1000));
+    filter.setMissingSettings(&parent);
+    EXPECT_TRUE(filter.mayAccept(LogSeverity(LogSeverity::SV_TRACE, 1000)));
+    expectSummaryExact(filter);
+
+    filter.setMissingSettings(nullptr);
+    expectSummaryExact(filter);
+
+    LogFilter copy(filter);
+    expectSummaryExact(copy);
+    copy = LogFilter();
+    EXPECT_FALSE(copy.mayAccept(LogSeverity(LogSeverity::SV_INCIDENT_ERROR, 0)));
+    expectSummaryExact(copy);
+}
+
+TEST(LogFilterSummaryTest, SetThroughAWriterKeepsTheSummaryExact) {
+    LogFilter filter;
+    const Handle<RecordingWriter> hWriter = makeWriter(7);
+    filter.setLogLevels(LogLevels(3, 3, 3, 3, 3), hWriter.get());
+    EXPECT_TRUE(filter.mayAccept(LogSeverity(LogSeverity::SV_WARNING, 3)));
+    EXPECT_FALSE(filter.mayAccept(LogSeverity(LogSeverity::SV_WARNING, 4)));
+    expectSummaryExact(filter);
+}
+
 TEST(LogWritersGroupTest, HoldsIdsZeroToNine) {
     AssertionCapture capture;
     LogWritersGroup group;

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <iterator>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -12,6 +14,7 @@
 #include "support/keel_logger_double.h"
 #include "support/test_writer.h"
 #include "weblogger/keelloggerlogimpl.h"
+#include "weblogger/logfilterconfig.h"
 #include "weblogger/loggermessages.h"
 #include "weblogger/logwriters.h"
 #include "weblogger/logwritersman.h"
@@ -206,6 +209,109 @@ TEST(TmLoggerThreadsTest, DefaultSourceIsKivUnknown) {
 }
 
 // ---------------------------------------------------------------- dispatch
+
+// The inline guard answers from the source filter's summary and walks the writers only when
+// the summary lets the message through: its answer must be the walk's, for every source and
+// severity, whatever the configuration.
+TEST_F(TmLoggerTest, InlineGuardAgreesWithTheFullWalkOnRandomConfigurations) {
+    std::vector<Handle<RecordingWriter>> vecWriters;
+    for (short nId = 0; nId < kMaxWriterIds; ++nId) {
+        vecWriters.emplace_back(
+            new RecordingWriter(String(L"id"), nId, LogWriter::WT_SINGLE_THREADED, nullptr));
+        logger().addLocalWriter(vecWriters.back().get());
+    }
+    const wchar_t* const arrPaths[] = {L"guard",       L"guard.a",     L"guard.a.x",
+                                       L"guard.a.x.1", L"guard.b",     L"guard.b.y",
+                                       L"guard.c",     L"guard.c.z.2", L"guard.c.z.3"};
+    std::vector<LogSourceHandle> vecSources;
+    for (const wchar_t* pszPath : arrPaths) {
+        vecSources.emplace_back(String(pszPath));
+    }
+    const wchar_t* const arrPatterns[] = {L"guard.*", L"guard.?.x*", L"*.z.*", L"guard.b*"};
+    std::mt19937 random(20261123);
+    const auto randomThreshold = [&random]() -> std::uint16_t {
+        switch (random() % 6) {
+            case 0:
+                return LogLevels::kNotSet;
+            case 1:
+                return 0;
+            case 2:
+                return 65534;
+            default:
+                return static_cast<std::uint16_t>(random() % 1000);
+        }
+    };
+    const auto randomLevels = [&] {
+        return LogLevels(randomThreshold(), randomThreshold(), randomThreshold(), randomThreshold(),
+                         randomThreshold());
+    };
+    int nChecked = 0;
+    for (int nRound = 0; nRound < 40; ++nRound) {
+        GlobalFilterConfiguration cfg;
+        for (int nRecord = static_cast<int>(random() % 6); nRecord > 0; --nRecord) {
+            FilterConfigurationRecord*& pRecord =
+                cfg.m_lstSetLogLevels[ZQWString(arrPaths[random() % std::size(arrPaths)])];
+            if (pRecord == nullptr) {
+                pRecord = new FilterConfigurationRecord;
+            }
+            pRecord->m_ThisFilter.setLogLevelsForId(static_cast<int>(random() % kMaxWriterIds),
+                                                    randomLevels());
+        }
+        for (int nRecord = static_cast<int>(random() % 3); nRecord > 0; --nRecord) {
+            auto* pRecord = new FilterConfigurationRecord;
+            cfg.m_lstWildCardSetLogLevels.emplace_back(
+                ZQWString(arrPatterns[random() % std::size(arrPatterns)]), pRecord);
+            pRecord->m_ThisFilter.setLogLevelsForId(static_cast<int>(random() % kMaxWriterIds),
+                                                    randomLevels());
+        }
+        if (nRound % 2 == 0) {
+            LogSourcesMan::getLogSourcesMan().applyConfig(cfg);
+        } else {
+            LogSourcesMan::getLogSourcesMan().applyConfigSettled(cfg);
+        }
+        if (nRound % 5 == 4) {
+            // A host's own change on one node, as start-up code makes it.
+            const_cast<LogSource&>(*vecSources[random() % vecSources.size()])
+                .getLogFilter()
+                .setLogLevelsForId(static_cast<int>(random() % kMaxWriterIds), randomLevels());
+        }
+        for (const LogSourceHandle& source : vecSources) {
+            logger().pushSource(*source);
+            for (int nType = 0; nType < LogSeverity::kMsgTypeCount; ++nType) {
+                for (std::uint64_t nImportance :
+                     {0ull, 1ull, 499ull, 500ull, 999ull, 65534ull, 65535ull, 70000ull}) {
+                    const LogSeverity severity(static_cast<LogSeverity::MsgType>(nType),
+                                               nImportance);
+                    bool bWalk = false;
+                    for (int nId = 0; nId < kMaxWriterIds; ++nId) {
+                        bWalk = bWalk || source->getLogFilter().getLogLevels(nId).accepts(severity);
+                    }
+                    ASSERT_EQ(logger().calcEnabledWriters(severity), bWalk)
+                        << source->getPath().c_str() << " type " << nType << " importance "
+                        << nImportance << " round " << nRound;
+                    ++nChecked;
+                }
+            }
+            logger().popSource();
+        }
+    }
+    EXPECT_EQ(nChecked, 40 * 9 * 5 * 8);
+}
+
+TEST_F(TmLoggerTest, RefusedGuardLeavesNothingEnabledFromAnEarlierGuard) {
+    const Handle<RecordingWriter> hWriter = makeWriter(L"earlier");
+    logger().addLocalWriter(hWriter.get());
+    logger().pushSource(*m_source);
+    const_cast<LogSource&>(*m_source).getLogFilter().setLogLevelsForId(
+        kWriterId, LogLevels(10, 10, 10, 10, 10));
+    ASSERT_TRUE(logger().calcEnabledWriters(LogSeverity(LogSeverity::SV_ERROR, 10)));
+    // The caller decided not to log after all; the next guard refuses.
+    EXPECT_FALSE(logger().calcEnabledWriters(LogSeverity(LogSeverity::SV_ERROR, 11)));
+    EXPECT_TRUE(logger().getLogWriters()->getEnabledWriters().empty());
+    logger().logToEnabledWriters(LogSeverity(LogSeverity::SV_ERROR, 11), GDString(L"no"), nullptr);
+    EXPECT_TRUE(hWriter->records().empty());
+    openSource(*m_source);
+}
 
 TEST_F(TmLoggerTest, WithNoWritersNothingIsEnabledAndNothingWritten) {
     EXPECT_FALSE(logger().calcEnabledWriters(kSevErrorFatal));

@@ -19,6 +19,9 @@ bool LogWritersGroup::contains(int nId) const noexcept {
 }
 
 LogFilter::LogFilter() noexcept {
+    for (std::atomic<std::uint16_t>& ceiling : m_arrAcceptCeilings) {
+        ceiling.store(0, std::memory_order_relaxed);
+    }
     for (AtomicLevels& levels : m_logLevels) {
         for (std::atomic<std::uint16_t>& level : levels) {
             level.store(LogLevels::kNotSet, std::memory_order_relaxed);
@@ -51,6 +54,22 @@ void LogFilter::setLogLevelsForId(int nId, const LogLevels& levels) noexcept {
     for (int nType = 0; nType < LogSeverity::kMsgTypeCount; ++nType) {
         m_logLevels[nId][nType].store(levels.m_arrLogLevels[nType], std::memory_order_relaxed);
     }
+    refreshAcceptCeilings();
+}
+
+void LogFilter::refreshAcceptCeilings() noexcept {
+    for (int nType = 0; nType < LogSeverity::kMsgTypeCount; ++nType) {
+        // kNotSet is above every set threshold, so "one more than the highest set" fits the
+        // same 16 bits: at most 65535, for a threshold of 65534.
+        std::uint16_t nCeiling = 0;
+        for (const AtomicLevels& levels : m_logLevels) {
+            const std::uint16_t nLevel = levels[nType].load(std::memory_order_relaxed);
+            if (nLevel != LogLevels::kNotSet && nLevel >= nCeiling) {
+                nCeiling = static_cast<std::uint16_t>(nLevel + 1);
+            }
+        }
+        m_arrAcceptCeilings[nType].store(nCeiling, std::memory_order_relaxed);
+    }
 }
 
 LogLevels LogFilter::getLogLevels(int nId) const noexcept {
@@ -77,6 +96,7 @@ void LogFilter::setMissingSettings(const LogFilter* pParent) noexcept {
                         std::memory_order_relaxed);
         }
     }
+    refreshAcceptCeilings();
 }
 
 void LogFilter::resetLogLevels(const LogWritersGroup& group) noexcept {

@@ -8,7 +8,16 @@
 // may rewrite it on another thread. Its thresholds are therefore relaxed atomics: on the
 // platforms we run on a relaxed 16-bit load is an ordinary load, so the decision stays a few
 // array reads, and a reader may see a mix of old and new thresholds for one message, which is
-// accepted.
+// accepted. Changes to one filter are made by one thread at a time (the source tree's monitor,
+// or the host's start-up code).
+//
+// Summary: beside the thresholds each filter keeps, per message type, one more than the highest
+// threshold set for any writer id (0 when none is set): the accept ceiling. A message whose
+// importance is not below it reaches no writer through this filter, so the guard every log
+// call starts with is one load and one compare, inlined into the caller (mayAccept). Every
+// change of a threshold goes through this class and recomputes the ceilings after storing the
+// thresholds, so the summary is exact once a change is complete; a reader racing a change may
+// see the old ceiling for a moment, as it may see old thresholds.
 #pragma once
 
 #include <array>
@@ -83,6 +92,12 @@ public:
         return nLevel != LogLevels::kNotSet && nLevel >= severity.m_dwImportance;
     }
 
+    // Whether some writer id's threshold could let the severity through: false means that no
+    // writer receives it through this filter, whatever the writers' own filters say.
+    bool mayAccept(const LogSeverity& severity) const noexcept {
+        return severity.m_dwImportance <
+               m_arrAcceptCeilings[severity.m_nType].load(std::memory_order_relaxed);
+    }
     // Whether nId indexes the ten-slot tables; an id outside 0..9 fails the assertion
     // "nId < 10". Inline: the writer-id test is on every log call's path.
     static bool isValidWriterId(int nId) noexcept {
@@ -114,8 +129,12 @@ private:
     // Defined with the writer, which knows its id: the filter stays below the writer.
     static unsigned writerIndex(const LogWriter* pWriter) noexcept;
     [[gnu::cold, gnu::noinline]] static void reportInvalidWriterId() noexcept;
+    // Recomputes the accept ceilings from the thresholds as they now stand.
+    void refreshAcceptCeilings() noexcept;
 
     using AtomicLevels = std::array<std::atomic<std::uint16_t>, LogSeverity::kMsgTypeCount>;
+    // First, so that the inlined guard finds it at the filter's own address.
+    AtomicLevels m_arrAcceptCeilings;
     std::array<AtomicLevels, kMaxWriterIds> m_logLevels;
 };
 

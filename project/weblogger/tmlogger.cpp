@@ -274,7 +274,7 @@ void TmLogger::appendLocalWriters(const LogWritersState& state) {
     m_hLogWriters->appendLocalWriters(state.m_list);
 }
 
-bool TmLogger::calcEnabledWriters(const LogSeverity& severity) {
+bool TmLogger::calcEnabledWritersByWalk(const LogSeverity& severity) {
     // The flag is set without testing it first and cleared at the end, also when this call was
     // made from inside another log call.
     const ShutdownGate gate(*this);

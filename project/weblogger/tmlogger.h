@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "weblogger/commonseverities.h"
+#include "weblogger/logfilter.h"
 #include "weblogger/loggerstate.h"
 #include "weblogger/logwriters.h"
 #include "zq/webkeel/exception.h"
@@ -92,8 +93,23 @@ public:
     void appendLocalWriters(const LogWritersState& state);
 
     // Two-step logging: which writers accept the severity (so the caller can skip building an
-    // expensive message), then the message to exactly those writers.
-    bool calcEnabledWriters(const LogSeverity& severity);
+    // expensive message), then the message to exactly those writers. The guard is inline: a
+    // message that no writer id's threshold on the current source could accept is refused
+    // after one compare against the source filter's summary, in the caller's own code; only
+    // a message that may pass walks the writers (out of line).
+    bool calcEnabledWriters(const LogSeverity& severity) {
+        const LogFilter* pFilter = m_logState.getCurFilter();
+        if (pFilter != nullptr && !pFilter->mayAccept(severity)) {
+            // Nothing is enabled after a refusal, also when an earlier guard's writers were
+            // never written to.
+            LogWriters& writers = *m_hLogWriters.get();
+            if (!writers.getEnabledWriters().empty()) [[unlikely]] {
+                writers.clearEnabledWriters();
+            }
+            return false;
+        }
+        return calcEnabledWritersByWalk(severity);
+    }
     void logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,
                              const FileLocation* pLocation);
     // The numbered forms refer to msg as the template and to p1..pN as its inserts, without
@@ -148,6 +164,9 @@ private:
     friend class ThreadSpecificStatic<TmLogger>;
     static ThreadSpecificStatic<TmLogger>& loggerSlot();
     static void destroyLogger(TmLogger* pLogger);
+    // The guard's full answer: every writer, its own filter and the source's threshold for
+    // its id.
+    bool calcEnabledWritersByWalk(const LogSeverity& severity);
     // Rare (a message logged from inside a log call): kept out of the callers' code.
     [[gnu::cold, gnu::noinline]] void divert(const GDValue& msg, unsigned nLine);
     class CallScope;
