@@ -313,6 +313,51 @@ TEST_F(TmLoggerTest, RefusedGuardLeavesNothingEnabledFromAnEarlierGuard) {
     openSource(*m_source);
 }
 
+TEST_F(TmLoggerTest, ImportanceBeyondEveryThresholdIsRefusedAlsoAboveTwoToTheSixtyThird) {
+    const Handle<RecordingWriter> hWriter = makeWriter(L"huge");
+    logger().addLocalWriter(hWriter.get());
+    logger().pushSource(*m_source);
+    EXPECT_TRUE(logger().calcEnabledWriters(LogSeverity(LogSeverity::SV_ERROR, 65534)));
+    EXPECT_FALSE(logger().calcEnabledWriters(LogSeverity(LogSeverity::SV_ERROR, 65535)));
+    EXPECT_FALSE(logger().calcEnabledWriters(LogSeverity(LogSeverity::SV_ERROR, 1ull << 63)));
+    EXPECT_FALSE(logger().calcEnabledWriters(LogSeverity(LogSeverity::SV_ERROR, ~0ull)));
+    EXPECT_TRUE(logger().getLogWriters()->getEnabledWriters().empty());
+}
+
+// A writer whose logMessage runs a guard: it runs inside the outer call, under the source the
+// call pushed for itself, and the thread's own guard afterwards reads its own source again.
+class GuardingWriter : public RecordingWriter {
+public:
+    using RecordingWriter::RecordingWriter;
+    void logMessage(const LogSeverity& severity, const GDValue& message, const LoggerState& state,
+                    const FileLocation* pLocation) override {
+        m_bInnerGuard = TmLogger::getLogger().calcEnabledWriters(severity);
+        RecordingWriter::logMessage(severity, message, state, pLocation);
+    }
+    bool m_bInnerGuard = false;
+};
+
+TEST_F(TmLoggerTest, GuardInsideALogCallLeavesTheThreadsGuardOnItsOwnSource) {
+    const Handle<GuardingWriter> hWriter(
+        new GuardingWriter(String(L"guarding"), kWriterId, LogWriter::WT_SINGLE_THREADED, nullptr));
+    logger().addLocalWriter(hWriter.get());
+    // The call's explicit source lets errors through; the thread's own source does not.
+    const LogSourceHandle quiet(String(L"tmtest.quiet"));
+    const_cast<LogSource&>(*quiet).getLogFilter().setLogLevelsForId(kWriterId,
+                                                                    LogLevels(0, 0, 0, 0, 0));
+    logger().pushSource(*quiet);
+    EXPECT_FALSE(logger().calcEnabledWriters(kSevErrorFatal));
+    logger().logMessage(kSevErrorFatal, GDString(L"inside"), m_source.get());
+    ASSERT_EQ(hWriter->records().size(), 1u);
+    EXPECT_TRUE(hWriter->m_bInnerGuard);
+    EXPECT_FALSE(logger().calcEnabledWriters(kSevErrorFatal));
+    logger().popSource();
+    logger().pushSource(*m_source);
+    EXPECT_TRUE(logger().calcEnabledWriters(kSevErrorFatal));
+    logger().logToEnabledWriters(kSevErrorFatal, GDString(L"after"), nullptr);
+    EXPECT_EQ(hWriter->records().size(), 2u);
+}
+
 TEST_F(TmLoggerTest, WithNoWritersNothingIsEnabledAndNothingWritten) {
     EXPECT_FALSE(logger().calcEnabledWriters(kSevErrorFatal));
     logger().logToEnabledWriters(kSevErrorFatal, GDString(L"x"), nullptr);

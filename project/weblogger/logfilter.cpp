@@ -1,5 +1,7 @@
 #include "weblogger/logfilter.h"
 
+#include <limits>
+
 #include "zq/webkeel/assert.h"
 
 namespace kiv {
@@ -19,8 +21,8 @@ bool LogWritersGroup::contains(int nId) const noexcept {
 }
 
 LogFilter::LogFilter() noexcept {
-    for (std::atomic<std::uint16_t>& ceiling : m_arrAcceptCeilings) {
-        ceiling.store(0, std::memory_order_relaxed);
+    for (std::atomic<std::int64_t>& nMax : m_arrMaxAccepted) {
+        nMax.store(-1, std::memory_order_relaxed);
     }
     for (AtomicLevels& levels : m_logLevels) {
         for (std::atomic<std::uint16_t>& level : levels) {
@@ -54,22 +56,31 @@ void LogFilter::setLogLevelsForId(int nId, const LogLevels& levels) noexcept {
     for (int nType = 0; nType < LogSeverity::kMsgTypeCount; ++nType) {
         m_logLevels[nId][nType].store(levels.m_arrLogLevels[nType], std::memory_order_relaxed);
     }
-    refreshAcceptCeilings();
+    refreshSummary();
 }
 
-void LogFilter::refreshAcceptCeilings() noexcept {
+void LogFilter::refreshSummary() noexcept {
     for (int nType = 0; nType < LogSeverity::kMsgTypeCount; ++nType) {
-        // kNotSet is above every set threshold, so "one more than the highest set" fits the
-        // same 16 bits: at most 65535, for a threshold of 65534.
-        std::uint16_t nCeiling = 0;
+        std::int64_t nMax = -1;
         for (const AtomicLevels& levels : m_logLevels) {
             const std::uint16_t nLevel = levels[nType].load(std::memory_order_relaxed);
-            if (nLevel != LogLevels::kNotSet && nLevel >= nCeiling) {
-                nCeiling = static_cast<std::uint16_t>(nLevel + 1);
+            if (nLevel != LogLevels::kNotSet && nLevel > nMax) {
+                nMax = nLevel;
             }
         }
-        m_arrAcceptCeilings[nType].store(nCeiling, std::memory_order_relaxed);
+        m_arrMaxAccepted[nType].store(nMax, std::memory_order_relaxed);
     }
+}
+
+LogFilter::LogFilter(WalkAlwaysTag) noexcept : LogFilter() {
+    for (std::atomic<std::int64_t>& nMax : m_arrMaxAccepted) {
+        nMax.store(std::numeric_limits<std::int64_t>::max(), std::memory_order_relaxed);
+    }
+}
+
+const LogFilter& LogFilter::walkAlways() noexcept {
+    static const LogFilter filter{WalkAlwaysTag{}};
+    return filter;
 }
 
 LogLevels LogFilter::getLogLevels(int nId) const noexcept {
@@ -96,7 +107,7 @@ void LogFilter::setMissingSettings(const LogFilter* pParent) noexcept {
                         std::memory_order_relaxed);
         }
     }
-    refreshAcceptCeilings();
+    refreshSummary();
 }
 
 void LogFilter::resetLogLevels(const LogWritersGroup& group) noexcept {

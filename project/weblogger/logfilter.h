@@ -11,13 +11,13 @@
 // accepted. Changes to one filter are made by one thread at a time (the source tree's monitor,
 // or the host's start-up code).
 //
-// Summary: beside the thresholds each filter keeps, per message type, one more than the highest
-// threshold set for any writer id (0 when none is set): the accept ceiling. A message whose
-// importance is not below it reaches no writer through this filter, so the guard every log
-// call starts with is one load and one compare, inlined into the caller (mayAccept). Every
-// change of a threshold goes through this class and recomputes the ceilings after storing the
-// thresholds, so the summary is exact once a change is complete; a reader racing a change may
-// see the old ceiling for a moment, as it may see old thresholds.
+// Summary: beside the thresholds each filter keeps, per message type, the highest threshold
+// set for any writer id (-1 when none is set). A message whose importance is above it reaches
+// no writer through this filter, so the guard every log call starts with is one load and one
+// compare, inlined into the caller (mayAccept). Every change of a threshold goes through this
+// class and recomputes the summary after storing the thresholds, so it is exact once a change
+// is complete; a reader racing a change may see the old summary for a moment, as it may see
+// old thresholds.
 #pragma once
 
 #include <array>
@@ -94,10 +94,16 @@ public:
 
     // Whether some writer id's threshold could let the severity through: false means that no
     // writer receives it through this filter, whatever the writers' own filters say.
+    // The compare is signed so that walkAlways() can let everything through: an importance
+    // of 2^63 or more reads as negative and passes, and the full walk then refuses it.
     bool mayAccept(const LogSeverity& severity) const noexcept {
-        return severity.m_dwImportance <
-               m_arrAcceptCeilings[severity.m_nType].load(std::memory_order_relaxed);
+        return static_cast<std::int64_t>(severity.m_dwImportance) <=
+               m_arrMaxAccepted[severity.m_nType].load(std::memory_order_relaxed);
     }
+    // A filter whose summary passes every message and whose thresholds accept none: for a
+    // guard that must walk the writers whatever the message (no source yet, or writers that
+    // an earlier guard enabled still to be emptied).
+    static const LogFilter& walkAlways() noexcept;
     // Whether nId indexes the ten-slot tables; an id outside 0..9 fails the assertion
     // "nId < 10". Inline: the writer-id test is on every log call's path.
     static bool isValidWriterId(int nId) noexcept {
@@ -129,12 +135,14 @@ private:
     // Defined with the writer, which knows its id: the filter stays below the writer.
     static unsigned writerIndex(const LogWriter* pWriter) noexcept;
     [[gnu::cold, gnu::noinline]] static void reportInvalidWriterId() noexcept;
-    // Recomputes the accept ceilings from the thresholds as they now stand.
-    void refreshAcceptCeilings() noexcept;
+    // Recomputes the summary from the thresholds as they now stand.
+    void refreshSummary() noexcept;
+    struct WalkAlwaysTag {};
+    explicit LogFilter(WalkAlwaysTag) noexcept;
 
     using AtomicLevels = std::array<std::atomic<std::uint16_t>, LogSeverity::kMsgTypeCount>;
     // First, so that the inlined guard finds it at the filter's own address.
-    AtomicLevels m_arrAcceptCeilings;
+    std::array<std::atomic<std::int64_t>, LogSeverity::kMsgTypeCount> m_arrMaxAccepted;
     std::array<AtomicLevels, kMaxWriterIds> m_logLevels;
 };
 

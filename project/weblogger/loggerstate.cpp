@@ -11,10 +11,7 @@ LoggerState::LoggerState() {
 }
 
 LoggerState::LoggerState(const LoggerState& other)
-    : MemAllocNewdel(),
-      m_LogSourcesStack(other.m_LogSourcesStack),
-      m_pCurFilter(other.m_pCurFilter),
-      m_PropsMap(other.m_PropsMap) {
+    : MemAllocNewdel(), m_LogSourcesStack(other.m_LogSourcesStack), m_PropsMap(other.m_PropsMap) {
     m_LogSourcesStack.reserve(kReservedSources);
     for (auto& entry : m_PropsMap) {
         PropValues& values = entry.second;
@@ -36,24 +33,17 @@ LoggerState& LoggerState::operator=(const LoggerState& other) {
 
 void LoggerState::swap(LoggerState& other) noexcept {
     m_LogSourcesStack.swap(other.m_LogSourcesStack);
-    std::swap(m_pCurFilter, other.m_pCurFilter);
     std::swap(m_PropsMap, other.m_PropsMap);
 }
 
 void LoggerState::pushSource(const LogSource& source) {
     m_LogSourcesStack.push_back(&source);
-    m_pCurFilter = &source.getLogFilter();
 }
 
 void LoggerState::popSource() noexcept {
     if (!m_LogSourcesStack.empty()) {
         m_LogSourcesStack.pop_back();
-        refreshCurFilter();
     }
-}
-
-void LoggerState::refreshCurFilter() noexcept {
-    m_pCurFilter = m_LogSourcesStack.empty() ? nullptr : &m_LogSourcesStack.back()->getLogFilter();
 }
 
 void LoggerState::pushProperty(const String& strPropName, const GDValue& propValue,

@@ -23,7 +23,6 @@
 
 namespace kiv {
 
-class LogFilter;
 class LogSource;
 
 class LoggerState : public MemAllocNewdel {
@@ -50,9 +49,6 @@ public:
         return m_LogSourcesStack.empty() ? nullptr : m_LogSourcesStack.back();
     }
     const LogSourcesStack& logSourcesStack() const noexcept { return m_LogSourcesStack; }
-    // The innermost source's filter, or null when none was pushed: kept beside the stack so
-    // that the guard of a log call reaches the thresholds' summary in one load.
-    const LogFilter* getCurFilter() const noexcept { return m_pCurFilter; }
 
     void pushProperty(const String& strPropName, const GDValue& propValue,
                       std::uint32_t nImportance);
@@ -67,10 +63,7 @@ public:
     void getLogSourceNames(std::vector<String>& names) const;
 
 private:
-    void refreshCurFilter() noexcept;
-
     LogSourcesStack m_LogSourcesStack;
-    const LogFilter* m_pCurFilter = nullptr;
     PropsMap m_PropsMap;
 };
 

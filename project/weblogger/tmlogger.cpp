@@ -97,6 +97,9 @@ public:
         for (int i = 0; i < m_nPushed; ++i) {
             m_logger.m_logState.popSource();
         }
+        if (m_nPushed != 0) {
+            m_logger.refreshGuardFilter();
+        }
         m_logger.m_bInLogCall = false;
     }
     CallScope(const CallScope&) = delete;
@@ -107,6 +110,8 @@ public:
         logger_details::swallowOwnFailures([&] {
             m_logger.m_logState.pushSource(source);
             ++m_nPushed;
+            // A guard called from inside this call (a writer that logs) reads this source.
+            m_logger.refreshGuardFilter();
         });
     }
     // Logs under "kiv.unknown" when the thread has no source.
@@ -156,7 +161,8 @@ private:
     bool m_bOpen;
 };
 
-TmLogger::TmLogger() : m_hLogWriters(new LogWriters), m_bInLogCall(false) {
+TmLogger::TmLogger()
+    : m_hLogWriters(new LogWriters), m_bInLogCall(false), m_pGuardFilter(&LogFilter::walkAlways()) {
     m_hLogWriters->syncGlobalWriters();
     logger_details::LogWritersMan::armShutdown();
     {
@@ -290,8 +296,17 @@ bool TmLogger::calcEnabledWritersByWalk(const LogSeverity& severity) {
     if (!bDone) [[unlikely]] {
         // Like every entry point: our own failures never reach the caller; nothing is enabled.
         m_hLogWriters.get()->clearEnabledWriters();
+        bAny = false;
     }
+    m_bGuardEnabledWriters = bAny;
+    refreshGuardFilter();
     return bAny;
+}
+
+void TmLogger::refreshGuardFilter() noexcept {
+    const LogSource* pSource = m_logState.getCurSource();
+    m_pGuardFilter = m_bGuardEnabledWriters || pSource == nullptr ? &LogFilter::walkAlways()
+                                                                  : &pSource->getLogFilter();
 }
 
 void TmLogger::logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,
@@ -309,7 +324,10 @@ void TmLogger::logToEnabledWriters(const LogSeverity& severity, const GDValue& m
         CallScope scope(*this);
         scope.pushDefaultSourceIfNone();
         m_hLogWriters->logToEnabledWriters(severity, msg, m_logState, pLocation);
+        // Emptied by the writer set; a writer that threw leaves the rest for the next guard.
+        m_bGuardEnabledWriters = false;
     });
+    refreshGuardFilter();
 }
 
 void TmLogger::logToEnabledWriters1(const LogSeverity& severity, const GDValue& msg,

@@ -72,8 +72,14 @@ public:
     TmLogger(const TmLogger&) = delete;
     TmLogger& operator=(const TmLogger&) = delete;
 
-    void pushSource(const LogSource& source) { m_logState.pushSource(source); }
-    void popSource() noexcept { m_logState.popSource(); }
+    void pushSource(const LogSource& source) {
+        m_logState.pushSource(source);
+        refreshGuardFilter();
+    }
+    void popSource() noexcept {
+        m_logState.popSource();
+        refreshGuardFilter();
+    }
     void pushProperty(const String& strPropName, const GDValue& propValue,
                       std::uint32_t nImportance) {
         m_logState.pushProperty(strPropName, propValue, nImportance);
@@ -98,14 +104,7 @@ public:
     // after one compare against the source filter's summary, in the caller's own code; only
     // a message that may pass walks the writers (out of line).
     bool calcEnabledWriters(const LogSeverity& severity) {
-        const LogFilter* pFilter = m_logState.getCurFilter();
-        if (pFilter != nullptr && !pFilter->mayAccept(severity)) {
-            // Nothing is enabled after a refusal, also when an earlier guard's writers were
-            // never written to.
-            LogWriters& writers = *m_hLogWriters.get();
-            if (!writers.getEnabledWriters().empty()) [[unlikely]] {
-                writers.clearEnabledWriters();
-            }
+        if (!m_pGuardFilter->mayAccept(severity)) [[likely]] {
             return false;
         }
         return calcEnabledWritersByWalk(severity);
@@ -167,6 +166,10 @@ private:
     // The guard's full answer: every writer, its own filter and the source's threshold for
     // its id.
     bool calcEnabledWritersByWalk(const LogSeverity& severity);
+    // Points the guard at the current source's filter, or at LogFilter::walkAlways() when
+    // there is no source yet or writers that a guard enabled are still held (the walk then
+    // empties them first, as a refusal must).
+    void refreshGuardFilter() noexcept;
     // Rare (a message logged from inside a log call): kept out of the callers' code.
     [[gnu::cold, gnu::noinline]] void divert(const GDValue& msg, unsigned nLine);
     class CallScope;
@@ -192,6 +195,11 @@ private:
     LoggerState m_logState;
     Handle<LogWriters> m_hLogWriters;
     bool m_bInLogCall;
+    // Whether the writer set holds writers that a guard enabled and no message has been
+    // written to yet.
+    bool m_bGuardEnabledWriters = false;
+    // The filter whose summary the inline guard reads (see refreshGuardFilter).
+    const LogFilter* m_pGuardFilter;
     // True while the thread is inside a log call; read by the shutdown from another thread.
     std::atomic<bool> m_bInGate{false};
     // The list of live loggers (see the top of this file).
