@@ -39,6 +39,7 @@
 //   name, in no particular order
 //   "file"        the source file of the call, shortened to its path within the project
 //   "line"        the line of the call, as a string of decimal digits
+//                 (both "" when the caller gave no location, which the renderer reports)
 //   "message"     the message text
 //
 // Every value but the importance is a JSON string; a property with several values shows them
