@@ -1,5 +1,5 @@
-// Rendering one message with the built-in "Short" and "KLF-Text" formats into a reused UTF-8
-// byte buffer: the cost of an accepted message before it reaches a file. Allocations per
+// Rendering one message with the built-in "Short", "KLF-Text" and "JSON" formats into a reused
+// UTF-8 byte buffer: the cost of an accepted message before it reaches a file. Allocations per
 // message are counted on the benchmark's thread and must be 0 in steady state; the time stamp
 // text is rebuilt once a second, not per message.
 #include <benchmark/benchmark.h>
@@ -29,6 +29,11 @@ void BM_RenderKlfText(benchmark::State& state) {
     renderBuiltIn(state, L"KLF-Text");
 }
 BENCHMARK(BM_RenderKlfText);
+
+void BM_RenderJson(benchmark::State& state) {
+    renderBuiltIn(state, L"JSON");
+}
+BENCHMARK(BM_RenderJson);
 
 }  // namespace
 }  // namespace kiv

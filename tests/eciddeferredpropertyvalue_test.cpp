@@ -168,6 +168,38 @@ TEST_F(EcidPropertyTest, RenderingALineWithAnEcidAllocatesNothing) {
     EXPECT_EQ(KlfTextWriter::ecidOf(toUtf8(out.view()).std()), currentEcid());
 }
 
+TEST_F(EcidPropertyTest, TheJsonFormatShowsTheEcidOnlyWhileTheThreadHasAContext) {
+    const XmlElement* pJson = nullptr;
+    for (const XmlElement* p :
+         MessageFormatLoader::getFallbackLoggerFormats()->selectElements(L"Format")) {
+        if (p->getAttributeValue(L"name").equals(L"JSON")) {
+            pJson = p;
+        }
+    }
+    ASSERT_NE(pJson, nullptr);
+    auto* pFormat = new CompiledMsgFormat;
+    MessageFormatLoader::loadFormat(*pFormat, *pJson, CompiledMsgFormat::kEncodingPlain);
+    const auto hWriter = KlfTextWriter::Factory::createMessageWriter(pFormat, true);
+    std::thread([&] {
+        // The logger's own state: the "ecid" property is there from the start.
+        const LoggerState& state = TmLogger::getLogger().getLoggerState();
+        const FileLocation here(L"eciddeferredpropertyvalue_test.cpp", 1);
+        const auto render = [&] {
+            StringBufferTemplate<1024, wchar_t> out;
+            hWriter->msg_log(kSevError, GDString(L"m"), state, &here, &out);
+            return toUtf8(out.view()).std();
+        };
+        const std::string strWithout = render();
+        EXPECT_EQ(strWithout.find("\"ecid\""), std::string::npos) << strWithout;
+        EXPECT_NE(strWithout.find("\"source\":\"\",\"file\""), std::string::npos) << strWithout;
+        ASSERT_TRUE(ExecutionContext::createContext());
+        const std::string strWith = render();
+        EXPECT_NE(strWith.find("\"source\":\"\",\"ecid\":\"" + currentEcid() + "\",\"file\""),
+                  std::string::npos)
+            << strWith;
+    }).join();
+}
+
 std::size_t heapInUse() {
     return test::liveHeapBytes() + MemAllocNewdel::stats().nLiveBytes;
 }

@@ -18,11 +18,15 @@
 #include <filesystem>
 #include <set>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "support/alloc_counter.h"
 #include "support/temp_dir.h"
 #include "support/test_writer.h"
 #include "support/writer_config.h"
+#include "weblogger/eciddeferredpropertyvalue.h"
+#include "weblogger/messageformatloader.h"
 #include "weblogger/tmlogger.h"
 #include "zq/webkeel/clock.h"
 
@@ -842,6 +846,154 @@ TEST_F(FileLogWriterTest, AppendedPrefixThatAnotherWriterHoldsDisablesTheWriter)
     capture.restore();
     EXPECT_FALSE(hWriter->isEnabled());
     EXPECT_EQ(count(report, "already belong to log writer files"), 1u) << report;
+}
+
+}  // namespace
+}  // namespace kiv
+
+namespace kiv {
+namespace {
+
+// ------------------------------------------------------------------------- the JSON format
+
+// Runs python3 with a script and its arguments; the exit status, or -1 when it could not run.
+int runPython(const char* pszScript, const std::vector<std::string>& vecArgs) {
+    std::vector<char*> vecArgv;
+    vecArgv.push_back(const_cast<char*>("python3"));
+    vecArgv.push_back(const_cast<char*>("-c"));
+    vecArgv.push_back(const_cast<char*>(pszScript));
+    for (const std::string& arg : vecArgs) {
+        vecArgv.push_back(const_cast<char*>(arg.c_str()));
+    }
+    vecArgv.push_back(nullptr);
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        return -1;
+    }
+    if (pid == 0) {
+        ::execvp("python3", vecArgv.data());
+        _exit(127);
+    }
+    int nStatus = 0;
+    if (::waitpid(pid, &nStatus, 0) != pid || !WIFEXITED(nStatus)) {
+        return -1;
+    }
+    return WEXITSTATUS(nStatus);
+}
+
+// Decodes every line of the file named first as one JSON object and writes, per line, the
+// chosen fields to the file named second: the texts as hex of their UTF-8 bytes, so that any
+// character survives the trip back, and whether the object has an "ecid". Fails on a line that
+// is not JSON, on a file that is not UTF-8, and on a missing field.
+const char* const kDecodeJsonLines = R"(
+import json, sys
+with open(sys.argv[2], "w") as out:
+    for line in open(sys.argv[1], encoding="utf-8-sig", newline="\n"):
+        o = json.loads(line)
+        hexed = [o[k].encode("utf-8").hex() for k in ("message", "q\"k", "source", "line")]
+        out.write(" ".join(hexed + [o["type"], str(o["importance"]), str("ecid" in o)]) + "\n")
+)";
+
+std::string hexOf(const std::string& bytes) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (const unsigned char c : bytes) {
+        hex += kDigits[c >> 4];
+        hex += kDigits[c & 0xF];
+    }
+    return hex;
+}
+
+class FileLogWriterJsonTest : public FileLogWriterTest {
+protected:
+    // A writer whose fmtName is looked up in the built-in formats, as a configuration does
+    // after its own Formats element.
+    Handle<FileLogWriter> makeJson(const std::string& attributes) {
+        m_pConfig = std::make_unique<WriterConfig>(
+            writerXml(m_dir.path(), "fmtName='JSON' " + attributes), "<Formats/>");
+        LogWritersFactory::ConfigChain chain;
+        chain.push_back(MessageFormatLoader::getFallbackLoggerFormats());
+        const Handle<const LogWritersFactory> hFactory =
+            logger_details::LogWritersMan::getLogWritersMan().getLogWritersFactory(
+                String(L"FileLogWriter"));
+        Handle<LogWriter> hWriter =
+            hFactory->create(m_pConfig->writerElement(), chain, LogWriter::WT_SHARED, nullptr);
+        return Handle<FileLogWriter>(static_cast<FileLogWriter*>(hWriter.get()));
+    }
+
+    void SetUp() override {
+        // The thread's ECID, empty here: no context-monitoring client is loaded.
+        m_state.pushProperty(String(L"ecid"), logger_details::ECIDLogDeferredPropertyValue(),
+                             0xF0000000u);
+        m_state.pushProperty(String(L"q\"k"), GDString(L"v\"\\\n"), 100);
+    }
+};
+
+TEST_F(FileLogWriterJsonTest, EveryLineIsAJsonObjectThatPythonDecodesToTheOriginalText) {
+    auto hWriter = makeJson("");
+    ASSERT_FALSE(hWriter.isNull());
+    const FileLocation location(L"/build/x/project/weblogger/server.cpp", 7);
+
+    std::wstring controls;
+    for (wchar_t c = 0; c < 0x20; ++c) {
+        controls += c;
+    }
+    const wchar_t arrLone[] = {L'x', static_cast<wchar_t>(0xD800), L'y'};
+    const std::vector<std::wstring> vecTexts = {
+        L"say \"hi\" to C:\\dir\\",
+        L"a\nb\r\nc\td",
+        controls,
+        L"\U0001F600 \U00010348 \u00E9\u20AC",
+        L"",
+    };
+    for (const std::wstring& text : vecTexts) {
+        hWriter->logMessage(kSevError, GDString(String(text)), m_state, &location);
+    }
+    // Inserts: broken UTF-8 decodes to U+FFFD; a lone surrogate is replaced when written.
+    const GDString tmpl(L"<%1|%2>");
+    const GDString badUtf8(
+        fromUtf8("bad\xFF\xC3"
+                 "!"));
+    const GDString lone(String(arrLone, 3));
+    hWriter->logMessage(kSevWarning, ReferentialParameterizedMessage(tmpl, badUtf8, lone), m_state,
+                        &location);
+
+    const std::string strDecoded = m_dir.file("decoded.txt");
+    ASSERT_EQ(runPython(kDecodeJsonLines, {m_dir.file("kiv0.log"), strDecoded}), 0)
+        << file("kiv0.log");
+
+    std::vector<std::string> vecExpected;
+    const std::string strRest = " " + hexOf("v\"\\\n") + " " + hexOf("filetest") + " " + hexOf("7");
+    for (const std::wstring& text : vecTexts) {
+        vecExpected.push_back(hexOf(toUtf8(text).std()) + strRest + " ERROR 16 False");
+    }
+    vecExpected.push_back(hexOf("<bad\xEF\xBF\xBD\xEF\xBF\xBD!|x\xEF\xBF\xBDy>") + strRest +
+                          " WARNING 16 False");
+    std::istringstream decoded(readFile(strDecoded));
+    std::vector<std::string> vecLines;
+    for (std::string strLine; std::getline(decoded, strLine);) {
+        vecLines.push_back(strLine);
+    }
+    EXPECT_EQ(vecLines, vecExpected);
+}
+
+TEST_F(FileLogWriterJsonTest, JsonMessageAllocatesNothing) {
+    clock::ScopedWallClock fake(&fakeClock);
+    auto hWriter = makeJson("autoFlush='no'");
+    ASSERT_FALSE(hWriter.isNull());
+    const FileLocation location(L"/build/x/project/weblogger/server.cpp", 7);
+    const GDString message(String(L"quote \" backslash \\ line\n \u0001 \U0001F600 ") +
+                           String(40, L'm'));
+    hWriter->logMessage(kSevError, message, m_state, &location);
+    test::AllocationScope scope;
+    for (int i = 0; i < 100; ++i) {  // under 30 KB: within one buffer
+        hWriter->logMessage(kSevError, message, m_state, &location);
+        if (i % 50 == 49) {  // the once-a-second check runs too
+            g_tNow += 1;
+        }
+    }
+    EXPECT_EQ(scope.count(), 0u);
+    EXPECT_EQ(file("kiv0.log"), kBom);  // all still in the buffer
 }
 
 }  // namespace

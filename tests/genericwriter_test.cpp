@@ -91,6 +91,22 @@ TEST(CoutWriterTest, TwoWritersOnTwoThreadsWriteWholeMessages) {
     EXPECT_EQ(nB, kMessages);
 }
 
+TEST(CoutWriterTest, UserFormatWithJsonEncodingEscapesItsValues) {
+    TempDir dir;
+    const std::string strOut = dir.file("stdout.txt");
+    const WriterConfig config(
+        "<Writer name='console' writerClassId='2' implementation='CoutWriter' fmtName='j'/>",
+        "<Formats><Format name='j' Encoding='Json'>{\"src\":\"<CurrentLogSource/>\","
+        "\"msg\":\"<MessageText/>\"}<LineBreak/></Format></Formats>");
+    Handle<LogWriter> hWriter = config.create(L"CoutWriter");
+    ASSERT_FALSE(hWriter.isNull());
+    const LoggerState state = test::stateWithSource(L"con\"sole");
+    CapturedStdout capture(strOut);
+    hWriter->logMessage(kSevError, GDString(L"a \"b\"\\\n\u0001 \U0001F600"), state, nullptr);
+    EXPECT_EQ(readFile(strOut),
+              "{\"src\":\"con\\\"sole\",\"msg\":\"a \\\"b\\\"\\\\\\n\\u0001 \xF0\x9F\x98\x80\"}\n");
+}
+
 TEST(GenericWriterTest, RendersIntoAnyStreamAndFlushes) {
     TempDir dir;
     const std::string strOut = dir.file("generic.txt");

@@ -429,6 +429,19 @@ TEST(MessageFormatLoaderTest, PropertyCompilesItsContentIntoANestedFormat) {
     EXPECT_EQ(simpleListAt(nested, 3), (SimpleList{L",", L"(", L")"}));
 }
 
+TEST(MessageFormatLoaderTest, PropertyWhenEmptyOmitInAnyCaseMarksTheRecord) {
+    const std::unique_ptr<Format> pFormat = compile(
+        "<Format><Property name=\"a\" whenEmpty=\"omit\"/><Property name=\"b\" whenEmpty=\"OMIT\"/>"
+        "<Property name=\"c\"/><Property name=\"d\" whenEmpty=\"keep\"/>"
+        "<Property name=\"e\" WhenEmpty=\"omit\"/></Format>");
+    ASSERT_EQ(pFormat->m_records.size(), 5u);
+    const bool arrExpected[] = {true, true, false, false, false};
+    for (std::size_t i = 0; i < 5; ++i) {
+        const auto& property = recordAt<Format::SingleValueFromListRecord>(*pFormat, i);
+        EXPECT_EQ(property.m_bOmitWhenEmpty, arrExpected[i]) << property.m_strValueName.std();
+    }
+}
+
 TEST(MessageFormatLoaderTest, PropertyWithoutNameThrowsXmlException) {
     EXPECT_THROW(compile("<Format><Property><PropertyValues/></Property></Format>"), XmlException);
     EXPECT_THROW(compile("<Format><Property Name=\"x\"/></Format>"), XmlException);
@@ -525,6 +538,17 @@ TEST(MessageFormatLoaderTest, EncodingPlainInAnyCaseSelectsPlain) {
     EXPECT_EQ(capture.count(), 0u);
 }
 
+TEST(MessageFormatLoaderTest, EncodingJsonInAnyCaseSelectsJson) {
+    AssertionCapture capture;
+    for (const Format::Encoding nDefault : {Format::kEncodingXml, Format::kEncodingPlain}) {
+        for (const char* pszXml : {"<Format Encoding=\"Json\"/>", "<Format Encoding=\"JSON\"/>",
+                                   "<Format Encoding=\"json\"/>"}) {
+            EXPECT_EQ(compile(pszXml, nDefault)->m_Encoding, Format::kEncodingJson) << pszXml;
+        }
+    }
+    EXPECT_EQ(capture.count(), 0u);
+}
+
 TEST(MessageFormatLoaderTest, UnknownEncodingReportsFalseAndKeepsTheDefault) {
     for (const Format::Encoding nDefault : {Format::kEncodingXml, Format::kEncodingPlain}) {
         AssertionCapture capture;
@@ -553,7 +577,7 @@ TEST(MessageFormatLoaderTest, EmptyOrMissingEncodingKeepsTheDefault) {
 // ---------------------------------------------------------------------------------------------
 // The built-in formats
 
-TEST(MessageFormatLoaderTest, BuiltInDocumentIsParsedOnceAndHoldsFiveFormats) {
+TEST(MessageFormatLoaderTest, BuiltInDocumentIsParsedOnceAndHoldsSixFormats) {
     const XmlElement* pRoot = nullptr;
     {
         const test::AllocationScope scope;
@@ -567,19 +591,17 @@ TEST(MessageFormatLoaderTest, BuiltInDocumentIsParsedOnceAndHoldsFiveFormats) {
     for (const XmlElement* pFormat : pRoot->selectElements(L"Format")) {
         vecNames.push_back(pFormat->getAttributeValue(L"name").std());
     }
-    EXPECT_EQ(vecNames,
-              (std::vector<std::wstring>{L"Default", L"Short", L"xml", L"KLF-XML", L"KLF-Text"}));
+    EXPECT_EQ(vecNames, (std::vector<std::wstring>{L"Default", L"Short", L"xml", L"KLF-XML",
+                                                   L"KLF-Text", L"JSON"}));
 }
 
 TEST(MessageFormatLoaderTest, EveryBuiltInFormatCompiles) {
     const struct {
         const wchar_t* pszName;
         Format::Encoding nEncoding;
-    } arrExpected[] = {{L"Default", Format::kEncodingPlain},
-                       {L"Short", Format::kEncodingPlain},
-                       {L"xml", Format::kEncodingXml},
-                       {L"KLF-XML", Format::kEncodingXml},
-                       {L"KLF-Text", Format::kEncodingPlain}};
+    } arrExpected[] = {{L"Default", Format::kEncodingPlain},  {L"Short", Format::kEncodingPlain},
+                       {L"xml", Format::kEncodingXml},        {L"KLF-XML", Format::kEncodingXml},
+                       {L"KLF-Text", Format::kEncodingPlain}, {L"JSON", Format::kEncodingJson}};
     AssertionCapture capture;
     for (const auto& expected : arrExpected) {
         SCOPED_TRACE(testing::PrintToString(std::wstring(expected.pszName)));
@@ -639,6 +661,60 @@ TEST(MessageFormatLoaderTest, BuiltInDefaultCompilesToItsExactRecords) {
     EXPECT_EQ(textAt(*pFormat, 16), L"\n");
     EXPECT_EQ(textAt(*pFormat, 18), L"\n");
     EXPECT_EQ(textAt(*pFormat, 20), std::wstring(39, L'-') + L"\n");
+}
+
+TEST(MessageFormatLoaderTest, BuiltInJsonCompilesToItsExactRecords) {
+    const std::unique_ptr<Format> pFormat = compileBuiltIn(L"JSON");
+    ASSERT_EQ(kindsOf(*pFormat), (Kinds{Format::kText, Format::kTimeStampKLFFormat,
+                                        Format::kText, Format::kMsgType,
+                                        Format::kText, Format::kSeverity,
+                                        Format::kText, Format::kCurLogSource,
+                                        Format::kText, Format::kSpecificProperty,
+                                        Format::kText, Format::kSpecificProperty,
+                                        Format::kText, Format::kSpecificProperty,
+                                        Format::kText, Format::kSpecificProperty,
+                                        Format::kText, Format::kSpecificProperty,
+                                        Format::kText, Format::kSpecificProperty,
+                                        Format::kText, Format::kPropsList,
+                                        Format::kText, Format::kFile,
+                                        Format::kText, Format::kLine,
+                                        Format::kText, Format::kMsg,
+                                        Format::kText}));
+    EXPECT_EQ(textAt(*pFormat, 0), L"{\"time\":\"");
+    EXPECT_EQ(textAt(*pFormat, 2), L"\",\"type\":\"");
+    EXPECT_EQ(typeTextsAt(*pFormat, 3), kLongTypeTexts);
+    EXPECT_EQ(textAt(*pFormat, 4), L"\",\"importance\":");
+    EXPECT_EQ(textAt(*pFormat, 6), L",\"source\":\"");
+    EXPECT_EQ(textAt(*pFormat, 8), L"\"");
+    const wchar_t* arrProperties[] = {L"ecid",    L"ThreadID", L"SIName",
+                                      L"IDDName", L"IDDGUID",  L"userId"};
+    for (std::size_t i = 0; i < 6; ++i) {
+        const auto& property = recordAt<Format::SingleValueFromListRecord>(*pFormat, 9 + 2 * i);
+        EXPECT_EQ(property.m_strValueName.std(), arrProperties[i]);
+        // Only the ecid is left out when empty: a thread without a context has it set.
+        EXPECT_EQ(property.m_bOmitWhenEmpty, i == 0) << arrProperties[i];
+        ASSERT_NE(property.m_pFormat, nullptr);
+        const Format& nested = *property.m_pFormat;
+        ASSERT_EQ(kindsOf(nested), (Kinds{Format::kText, Format::kPropValuesList, Format::kText}));
+        EXPECT_EQ(textAt(nested, 0), std::wstring(L",\"") + arrProperties[i] + L"\":\"");
+        EXPECT_EQ(simpleListAt(nested, 1), (SimpleList{L",", L"", L""}));
+        EXPECT_EQ(textAt(nested, 2), L"\"");
+        EXPECT_EQ(textAt(*pFormat, 10 + 2 * i), L"");
+    }
+    const auto& properties = recordAt<Format::ComplexListRecord>(*pFormat, 21);
+    EXPECT_EQ(properties.m_strSeparator.std(), L"");
+    ASSERT_NE(properties.m_pFormat, nullptr);
+    const Format& item = *properties.m_pFormat;
+    ASSERT_EQ(kindsOf(item), (Kinds{Format::kText, Format::kPropName, Format::kText,
+                                    Format::kPropValuesList, Format::kText}));
+    EXPECT_EQ(textAt(item, 0), L",\"");
+    EXPECT_EQ(textAt(item, 2), L"\":\"");
+    EXPECT_EQ(simpleListAt(item, 3), (SimpleList{L",", L"", L""}));
+    EXPECT_EQ(textAt(item, 4), L"\"");
+    EXPECT_EQ(textAt(*pFormat, 22), L",\"file\":\"");
+    EXPECT_EQ(textAt(*pFormat, 24), L"\",\"line\":\"");
+    EXPECT_EQ(textAt(*pFormat, 26), L"\",\"message\":\"");
+    EXPECT_EQ(textAt(*pFormat, 28), L"\"}\n");
 }
 
 TEST(MessageFormatLoaderTest, BuiltInKlfTextStartsWithItsExactRecords) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cwchar>
 #include <fstream>
 #include <sstream>
 
@@ -25,6 +26,17 @@ using WideFactory = MessageWriterFactory<WideBuffer, WriterAdapter<WideBuffer>>;
 constexpr std::time_t kFixedTime = 1774744205;
 std::time_t fixedClock() noexcept {
     return kFixedTime;
+}
+
+// A built-in format by name; null when there is none.
+const XmlElement* builtInFormat(const wchar_t* pszName) {
+    for (const XmlElement* p :
+         MessageFormatLoader::getFallbackLoggerFormats()->selectElements(L"Format")) {
+        if (p->getAttributeValue(L"name").equals(pszName)) {
+            return p;
+        }
+    }
+    return nullptr;
 }
 
 class MessageWriterTest : public ::testing::Test {
@@ -171,6 +183,129 @@ TEST_F(MessageWriterTest, XmlFormatEscapesTheMessageButNotPropertyValues) {
                     .equals(L"<m>x &amp; y &lt;z&gt;|a&b|xmlsrc.a&b|16"));
 }
 
+// ------------------------------------------------------------------------- JSON
+
+TEST_F(MessageWriterTest, JsonFormatEscapesEveryValueButItsOwnText) {
+    auto hWriter = writerFor(
+        "<Format Encoding='Json'>{\"m\":\"<MessageText/>\",\"u\":\"<Property name='userId'>"
+        "<PropertyValues><Separator>|</Separator></PropertyValues></Property>\",\"s\":\""
+        "<CurrentLogSource/>\",\"t\":\"<MsgType/>\"<Properties><ListElementFormat>,\""
+        "<PropertyName/>\":\"<PropertyValues/>\"</ListElementFormat></Properties>}</Format>");
+    // userId is shown only through its own record, so the list holds the one other property.
+    m_state.pushProperty(String(L"userId"), GDString(L"a\"b"), 100);
+    m_state.pushProperty(String(L"userId"), GDString(L"c\\d\n"), 100);
+    m_state.pushProperty(String(L"q\"uote"), GDString(L"\t"), 100);
+    const LogSourceHandle odd(String(L"json\"src.a\\b"));
+    m_state.pushSource(*odd);
+    const GDString tmpl(L"said %1 in %2");
+    const GDString quoted(L"\"hi\"\r\n");
+    const GDString path(L"C:\\tmp\\");
+    EXPECT_TRUE(render(hWriter, kSevError, ReferentialParameterizedMessage(tmpl, quoted, path))
+                    .equals(L"{\"m\":\"said \\\"hi\\\"\\r\\n in C:\\\\tmp\\\\\","
+                            L"\"u\":\"a\\\"b|c\\\\d\\n\",\"s\":\"json\\\"src.a\\\\b\","
+                            L"\"t\":\"ERROR\",\"q\\\"uote\":\"\\t\"}"))
+        << toUtf8(render(hWriter, kSevError, ReferentialParameterizedMessage(tmpl, quoted, path))
+                      .view())
+               .c_str();
+}
+
+TEST_F(MessageWriterTest, JsonFormatEscapesEveryControlCharacterOfAnInsert) {
+    auto hWriter = writerFor("<Format Encoding='Json'>\"<MessageText/>\"</Format>");
+    std::wstring controls;
+    std::wstring expected = L"\"<";
+    for (wchar_t c = 0; c < 0x20; ++c) {
+        controls += c;
+        switch (c) {
+            case L'\b':
+                expected += L"\\b";
+                break;
+            case L'\t':
+                expected += L"\\t";
+                break;
+            case L'\n':
+                expected += L"\\n";
+                break;
+            case L'\f':
+                expected += L"\\f";
+                break;
+            case L'\r':
+                expected += L"\\r";
+                break;
+            default: {
+                wchar_t arrEscape[7];
+                std::swprintf(arrEscape, 7, L"\\u%04x", static_cast<unsigned>(c));
+                expected += arrEscape;
+            }
+        }
+    }
+    expected += L">\"";
+    const GDString tmpl(L"<%1>");
+    const GDString insert{String(controls)};
+    const String text = render(hWriter, kSevError, ReferentialParameterizedMessage(tmpl, insert));
+    EXPECT_EQ(text.std(), expected);
+}
+
+TEST_F(MessageWriterTest, JsonFormatKeepsCharactersBeyondTheBasicPlaneAndReplacesBrokenText) {
+    auto hWriter = writerFor("<Format Encoding='Json'><MessageText/></Format>");
+    const GDString tmpl(L"%1|%2|%3");
+    const GDString emoji(L"\U0001F600\U00010348");
+    // Malformed UTF-8 decodes to U+FFFD; a lone surrogate in wide text is not a character either.
+    const GDString badUtf8(
+        fromUtf8("a\xFF\xC3"
+                 "b\xED\xA0\x80"));
+    const wchar_t arrLone[] = {L'x', static_cast<wchar_t>(0xDC00), L'y'};
+    const GDString lone{String(arrLone, 3)};
+    const String text =
+        render(hWriter, kSevError, ReferentialParameterizedMessage(tmpl, emoji, badUtf8, lone));
+    EXPECT_EQ(toUtf8(text.view()).std(),
+              "\xF0\x9F\x98\x80\xF0\x90\x8D\x88|a\xEF\xBF\xBD\xEF\xBF\xBD"
+              "b\xEF\xBF\xBD|x\xEF\xBF\xBDy");
+    // The replacement is the escaping's own, not only the UTF-8 conversion's.
+    EXPECT_EQ(text[text.size() - 2], kReplacementChar);
+}
+
+TEST_F(MessageWriterTest, PropertyWhenEmptyOmitLeavesOutAPropertyWithoutText) {
+    auto hWriter = writerFor(
+        "<Format>a<Property name='p' whenEmpty='omit'>[<PropertyValues/>]</Property>"
+        "<Property name='q'>(<PropertyValues/>)</Property>b</Format>");
+    m_state.pushProperty(String(L"p"), GDString(L""), 100);
+    m_state.pushProperty(String(L"q"), GDString(L""), 100);
+    EXPECT_TRUE(render(hWriter, kSevError, GDString(L"")).equals(L"a()b"));
+    // A value that is only a null character is as empty as the text it shows.
+    m_state.popProperty(String(L"p"));
+    m_state.pushProperty(String(L"p"), GDString(String(L"\0z", 2)), 100);
+    EXPECT_TRUE(render(hWriter, kSevError, GDString(L"")).equals(L"a()b"));
+    // One value with text is enough: all of them are shown.
+    m_state.pushProperty(String(L"p"), GDString(L"v"), 100);
+    EXPECT_TRUE(render(hWriter, kSevError, GDString(L"")).equals(L"a[v]()b"));
+}
+
+TEST_F(MessageWriterTest, JsonRenderingAllocatesNothingInSteadyState) {
+    const XmlElement* pJson = builtInFormat(L"JSON");
+    ASSERT_NE(pJson, nullptr);
+    auto hWriter = writerFor(*pJson);
+    m_state.pushSource(*m_two);
+    m_state.pushProperty(String(L"custom"), GDString(L"v\"w"), 100);
+    m_state.pushProperty(String(L"ecid"), GDString(L""), 0xF0000000u);
+    const GDString tmpl(L"user %1 got %2");
+    const GDString user(L"\"ann\"\n");
+    const GDUInteger64 count(3);
+    const FileLocation location(L"/src/project/weblogger/a.cpp", 7);
+    StringBufferTemplate<1024, wchar_t> out;
+    hWriter->msg_log(kSevError, ReferentialParameterizedMessage(tmpl, user, count), m_state,
+                     &location, &out);
+    test::AllocationScope scope;
+    for (int i = 0; i < 100; ++i) {
+        out.clear();
+        hWriter->msg_log(kSevError, ReferentialParameterizedMessage(tmpl, user, count), m_state,
+                         &location, &out);
+    }
+    EXPECT_EQ(scope.count(), 0u);
+    EXPECT_NE(out.view().find(L"\"message\":\"user \\\"ann\\\"\\n got 3\"}"),
+              std::wstring_view::npos)
+        << toUtf8(out.view()).c_str();
+}
+
 TEST_F(MessageWriterTest, FileLineAndSeverityPieces) {
     auto hWriter =
         writerFor("<Format><File/>|<File style='Short'/>|<Line/>|<MsgSeverity/></Format>");
@@ -305,7 +440,7 @@ protected:
 };
 
 TEST_F(GoldenTest, BuiltInFormatsRenderTheirGoldenText) {
-    for (const char* pszName : {"Default", "Short", "xml", "KLF-XML", "KLF-Text"}) {
+    for (const char* pszName : {"Default", "Short", "xml", "KLF-XML", "KLF-Text", "JSON"}) {
         const XmlElement* pFormat =
             findFormat(MessageFormatLoader::getFallbackLoggerFormats(), fromUtf8(pszName));
         ASSERT_NE(pFormat, nullptr) << pszName;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -330,6 +331,47 @@ TEST(WriterAdaptersAllocationTest, HoopyAdaptorShortTextAllocatesNothing) {
     }
     EXPECT_EQ(console.nWrites, 1u);
     EXPECT_EQ(std::string(console.view()), toUtf8(text).std());
+}
+
+template <class Sink>
+using JsonUtf8Adapter = EncodingAdapter<Utf8Adapter<Sink>, W2WJsonEncoding>;
+
+TEST(EncodingAdapterTest, JsonEscapingThenUtf8) {
+    const wchar_t arrText[] = {L'"', L'\\', L'\n', 0x01, 0x1F600, 0xD800, L'\u00E9'};
+    RecordingFile file;
+    JsonUtf8Adapter<RecordingFile>::write(&file, arrText, std::size(arrText));
+    EXPECT_EQ(file.joined(), "\\\"\\\\\\n\\u0001\xF0\x9F\x98\x80\xEF\xBF\xBD\xC3\xA9");
+}
+
+TEST(EncodingAdapterTest, HeavilyJsonEscapedChunksLoseNothing) {
+    // Six units per control character: 256 of them outgrow the 1024-unit buffer.
+    std::wstring text;
+    std::wstring expected;
+    for (int i = 0; i < 300; ++i) {
+        text += L"\u0001\"\\x\U0001F600";
+        expected += L"\\u0001\\\"\\\\x\U0001F600";
+    }
+    RecordingWideStream stream;
+    EncodingAdapter<WriterAdapter<RecordingWideStream>, W2WJsonEncoding>::write(
+        &stream, text.data(), text.size());
+    EXPECT_EQ(stream.joined(), expected);
+    for (const std::wstring& s : stream.vecAppends) {
+        EXPECT_LE(s.size(), 1024u);
+    }
+    RecordingFile file;
+    JsonUtf8Adapter<RecordingFile>::write(&file, String(text));
+    EXPECT_EQ(file.joined(), toUtf8(expected).std());
+}
+
+TEST(WriterAdaptersAllocationTest, JsonEncodingAdapterIntoAByteSinkAllocatesNothing) {
+    const std::wstring text = mixedText(600) + L"\"\\\n\u0002";
+    FixedFile file;
+    {
+        const test::AllocationScope scope;
+        JsonUtf8Adapter<FixedFile>::write(&file, text.data(), text.size());
+        EXPECT_EQ(scope.count(), 0u);
+    }
+    EXPECT_EQ(std::string(file.view()), toUtf8(mixedText(600)).std() + "\\\"\\\\\\n\\u0002");
 }
 
 }  // namespace

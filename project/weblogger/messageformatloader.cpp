@@ -47,10 +47,13 @@ struct FormatNames {
     const String m_strEncoding{L"Encoding"};
     const String m_strStyle{L"style"};
     const String m_strName{L"name"};
+    const String m_strWhenEmpty{L"whenEmpty"};
 
     // Attribute values, compared ignoring case.
     const String m_strXml{L"Xml"};
     const String m_strPlain{L"Plain"};
+    const String m_strJson{L"Json"};
+    const String m_strOmit{L"omit"};
     const String m_strShort{L"short"};
     const String m_strKLFTimeFormat{L"KLFTimeFormat"};
 };
@@ -194,6 +197,35 @@ constexpr std::string_view kBuiltInFormats =
     "\t</Properties>]]\n"
     "\t<LineBreak/>\n"
     "</Format>\n"
+    // One object per line. The keys are fixed: a reader of the logs depends on them, and they
+    // are listed in messageformatloader.h. Values are escaped by the Json encoding; the
+    // importance is the only value outside quotes, so a number is all that can stand there.
+    "<Format name=\"JSON\" Encoding=\"Json\">\n"
+    "\t{\"time\":\"<Time style=\"KLFTimeFormat\"/>\",\n"
+    "\t\"type\":\"<MsgType style=\"long\"/>\",\n"
+    "\t\"importance\":<MsgSeverity/>,\n"
+    "\t\"source\":\"<CurrentLogSource/>\"\n"
+    "\t<Property name=\"ecid\" whenEmpty=\"omit\">,\"ecid\":\"<PropertyValues>"
+    "<Separator>,</Separator></PropertyValues>\"</Property>\n"
+    "\t<Property name=\"ThreadID\">,\"ThreadID\":\"<PropertyValues><Separator>,</Separator>"
+    "</PropertyValues>\"</Property>\n"
+    "\t<Property name=\"SIName\">,\"SIName\":\"<PropertyValues><Separator>,</Separator>"
+    "</PropertyValues>\"</Property>\n"
+    "\t<Property name=\"IDDName\">,\"IDDName\":\"<PropertyValues><Separator>,</Separator>"
+    "</PropertyValues>\"</Property>\n"
+    "\t<Property name=\"IDDGUID\">,\"IDDGUID\":\"<PropertyValues><Separator>,</Separator>"
+    "</PropertyValues>\"</Property>\n"
+    "\t<Property name=\"userId\">,\"userId\":\"<PropertyValues><Separator>,</Separator>"
+    "</PropertyValues>\"</Property>\n"
+    // Each property brings its own leading comma: the list's separator is not written before
+    // the first property shown but is written after a reserved one that is not shown, which
+    // would leave a comma with nothing before it.
+    "\t<Properties><ListElementFormat>,\"<PropertyName/>\":\"<PropertyValues>"
+    "<Separator>,</Separator></PropertyValues>\"</ListElementFormat></Properties>\n"
+    "\t,\"file\":\"<File/>\",\n"
+    "\t\"line\":\"<Line/>\",\n"
+    "\t\"message\":\"<MessageText/>\"}<LineBreak/>\n"
+    "</Format>\n"
     "</Formats>";
 
 // Parsed while the library loads and kept until it unloads. Reached through a function so
@@ -328,11 +360,13 @@ void addComplexListRecordToFmt(CompiledMsgFormat& format, const XmlElement& elem
 // no effect; it is kept so that compiled formats stay exactly as they have always been.
 void addSpecificPropertyToFmt(CompiledMsgFormat& format, const XmlElement& element,
                               Encoding nTargetEncoding) {
-    String strName = element.getAttributeValue(formatNames().m_strName, true);
+    const FormatNames& names = formatNames();
+    String strName = element.getAttributeValue(names.m_strName, true);
+    const bool bOmitWhenEmpty = attributeIs(element, names.m_strWhenEmpty, names.m_strOmit);
     std::unique_ptr<CompiledMsgFormat> pNested(new CompiledMsgFormat);
     MessageFormatLoader::loadFormat(*pNested, element, nTargetEncoding);
-    CompiledMsgFormat::Record* pRecord =
-        new CompiledMsgFormat::SingleValueFromListRecord(std::move(strName), pNested.get());
+    CompiledMsgFormat::Record* pRecord = new CompiledMsgFormat::SingleValueFromListRecord(
+        std::move(strName), pNested.get(), bOmitWhenEmpty);
     pNested.release();
     format.addRecord(pRecord);
 }
@@ -417,6 +451,8 @@ void MessageFormatLoader::loadFormat(CompiledMsgFormat& format, const XmlElement
             working.m_Encoding = CompiledMsgFormat::kEncodingXml;
         } else if (strEncoding.compareNoCase(names.m_strPlain) == 0) {
             working.m_Encoding = CompiledMsgFormat::kEncodingPlain;
+        } else if (strEncoding.compareNoCase(names.m_strJson) == 0) {
+            working.m_Encoding = CompiledMsgFormat::kEncodingJson;
         } else {
             // A misspelt encoding must not cost the writer its output: report it and go on
             // with the default.

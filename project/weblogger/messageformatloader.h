@@ -7,6 +7,44 @@
 // record's kind (m_nType) rather than on virtual calls. Rendering never looks at XML again.
 //
 // A compiled format is immutable once built and is owned by the message writer that renders it.
+//
+// Encodings. A Format element's Encoding attribute (compared ignoring case) says how rendered
+// values are written: "Xml" escapes them for XML, "Plain" leaves them as they are, and "Json"
+// escapes them for the inside of a JSON string (quotation mark, backslash and the C0 controls
+// escaped; text that is not valid Unicode written as U+FFFD). The format's own text is never
+// escaped, so a Json format writes the braces, quotes, keys and commas of its objects as literal
+// text and puts the values between quotes. Unlike Xml, Json escapes every value, the current
+// source, the message type text and property values included: an unescaped quotation mark
+// would end the string early.
+//
+// A Property element may carry whenEmpty="omit": the property is then left out, literal text
+// and all, when none of its values renders any text, as though it were not set. It is how a
+// format leaves out the "ecid" of a thread that has no execution context, whose property is
+// always set but renders empty text.
+//
+// The built-in formats are Default, Short, xml, KLF-XML, KLF-Text and JSON. JSON writes one JSON
+// object per message on one line ("JSON Lines"), its keys fixed and in this order:
+//
+//   "time"        the moment of rendering, ISO 8601 with the zone offset, in the logging time
+//                 zone, to the second: "2026-03-29T01:30:05+01:00"
+//   "type"        the message type: "INCIDENT_ERROR", "ERROR", "WARNING", "NOTIFICATION",
+//                 "TRACE" (the catalogue's long texts)
+//   "importance"  the message's importance, a JSON number
+//   "source"      the full dotted name of the current log source ("" without one)
+//   "ecid"        the thread's execution context id, "<ecid>,<rid>"; absent when the thread
+//                 has no context
+//   "ThreadID", "SIName", "IDDName", "IDDGUID", "userId"
+//                 these properties, each only when it is set
+//   then every other property whose level reaches the message's importance, under its own
+//   name, in no particular order
+//   "file"        the source file of the call, shortened to its path within the project
+//   "line"        the line of the call, as a string of decimal digits
+//                 (both "" when the caller gave no location, which the renderer reports)
+//   "message"     the message text
+//
+// Every value but the importance is a JSON string; a property with several values shows them
+// joined by commas. Keys are the property names as they are: a property named like one of the
+// fixed keys gives the object that key twice, which most readers resolve by keeping the last.
 #pragma once
 
 #include <vector>
@@ -19,8 +57,8 @@ namespace kiv {
 
 class CompiledMsgFormat : public MemAllocNewdel {
 public:
-    // Whether rendered values are escaped for XML.
-    enum Encoding : int { kEncodingXml = 0, kEncodingPlain = 1 };
+    // How rendered values are escaped: for XML, not at all, or for a JSON string.
+    enum Encoding : int { kEncodingXml = 0, kEncodingPlain = 1, kEncodingJson = 2 };
 
     // The kind of a record.
     enum MessagePart {
@@ -97,16 +135,20 @@ public:
         CompiledMsgFormat* m_pFormat;
     };
 
-    // One named property, rendered by a nested format (owned).
+    // One named property, rendered by a nested format (owned). With m_bOmitWhenEmpty a property
+    // whose values all render as empty text is treated as not set.
     class SingleValueFromListRecord : public Record {
     public:
-        SingleValueFromListRecord(String strValueName, CompiledMsgFormat* pFormat)
+        SingleValueFromListRecord(String strValueName, CompiledMsgFormat* pFormat,
+                                  bool bOmitWhenEmpty = false)
             : Record(kSpecificProperty),
               m_strValueName(std::move(strValueName)),
-              m_pFormat(pFormat) {}
+              m_pFormat(pFormat),
+              m_bOmitWhenEmpty(bOmitWhenEmpty) {}
         ~SingleValueFromListRecord() override { delete m_pFormat; }
         String m_strValueName;
         CompiledMsgFormat* m_pFormat;
+        bool m_bOmitWhenEmpty;
     };
 
     // No records, encoding kEncodingXml.

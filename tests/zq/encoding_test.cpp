@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cwchar>
 #include <string>
 #include <vector>
 
@@ -233,6 +235,98 @@ TEST(T2NEncodingUTF8Test, AsciiRunsEncodeLikeCharacterByCharacterWhereverTheyBre
                 << "breaker " << static_cast<long>(breaker) << " at " << nPos;
         }
     }
+}
+
+}  // namespace
+}  // namespace kiv
+
+namespace kiv {
+namespace {
+
+std::wstring jsonEscapeWhole(std::wstring_view text) {
+    const W2WJsonEncoding encoding;
+    std::vector<wchar_t> vecOut(text.size() * 6);
+    std::size_t nWritten = 0;
+    std::size_t nConsumed = 0;
+    EXPECT_TRUE(encoding.encode(text.data(), text.size(), vecOut.data(), vecOut.size(), nWritten,
+                                nConsumed));
+    EXPECT_EQ(nConsumed, text.size());
+    return std::wstring(vecOut.data(), nWritten);
+}
+
+TEST(W2WJsonEncodingTest, QuoteAndBackslashGetABackslash) {
+    EXPECT_EQ(jsonEscapeWhole(L"say \"hi\""), L"say \\\"hi\\\"");
+    EXPECT_EQ(jsonEscapeWhole(L"C:\\dir\\"), L"C:\\\\dir\\\\");
+    EXPECT_EQ(jsonEscapeWhole(L"\\\""), L"\\\\\\\"");
+}
+
+TEST(W2WJsonEncodingTest, LineBreaksAndTheOtherShortEscapes) {
+    EXPECT_EQ(jsonEscapeWhole(L"a\nb\r\nc\td\be\ff"), L"a\\nb\\r\\nc\\td\\be\\ff");
+}
+
+TEST(W2WJsonEncodingTest, EveryControlCharacterIsEscaped) {
+    for (std::uint32_t c = 0; c < 0x20; ++c) {
+        const wchar_t ch = static_cast<wchar_t>(c);
+        const std::wstring escaped = jsonEscapeWhole(std::wstring_view(&ch, 1));
+        std::wstring expected;
+        switch (c) {
+            case 0x08:
+                expected = L"\\b";
+                break;
+            case 0x09:
+                expected = L"\\t";
+                break;
+            case 0x0A:
+                expected = L"\\n";
+                break;
+            case 0x0C:
+                expected = L"\\f";
+                break;
+            case 0x0D:
+                expected = L"\\r";
+                break;
+            default: {
+                wchar_t arrText[7];
+                std::swprintf(arrText, 7, L"\\u%04x", c);
+                expected = arrText;
+            }
+        }
+        EXPECT_EQ(escaped, expected) << "U+" << c;
+    }
+    EXPECT_EQ(jsonEscapeWhole(std::wstring_view(L"\0\x1F", 2)), L"\\u0000\\u001f");
+}
+
+TEST(W2WJsonEncodingTest, EverythingElsePassesAsItIs) {
+    const std::wstring text =
+        L" !#/<>&'~\u007F\u0085\u00E9\u2028\u2029\uD7FF\uE000\uFFFD\U0001F600\U0010FFFF";
+    EXPECT_EQ(jsonEscapeWhole(text), text);
+}
+
+TEST(W2WJsonEncodingTest, CodeUnitsThatAreNotCharactersBecomeReplacementCharacter) {
+    const wchar_t arrText[] = {L'a',
+                               static_cast<wchar_t>(0xD800),
+                               static_cast<wchar_t>(0xDFFF),
+                               static_cast<wchar_t>(0x110000),
+                               static_cast<wchar_t>(-1),
+                               L'b'};
+    EXPECT_EQ(jsonEscapeWhole(std::wstring_view(arrText, 6)), L"a\uFFFD\uFFFD\uFFFD\uFFFDb");
+}
+
+TEST(W2WJsonEncodingTest, StopsBeforeAnEscapeThatDoesNotFit) {
+    const W2WJsonEncoding encoding;
+    wchar_t arrOut[6];
+    std::size_t nWritten = 0;
+    std::size_t nConsumed = 0;
+    EXPECT_FALSE(encoding.encode(L"ab\u0001c", 4, arrOut, 6, nWritten, nConsumed));
+    EXPECT_EQ(nConsumed, 2u);
+    EXPECT_EQ(std::wstring(arrOut, nWritten), L"ab");
+    // The escape fills the buffer exactly; the plain character after it waits for the next call.
+    EXPECT_FALSE(encoding.encode(L"\u0001c", 2, arrOut, 6, nWritten, nConsumed));
+    EXPECT_EQ(std::wstring(arrOut, nWritten), L"\\u0001");
+    EXPECT_EQ(nConsumed, 1u);
+    EXPECT_FALSE(encoding.encode(L"\"", 1, arrOut, 1, nWritten, nConsumed));
+    EXPECT_EQ(nConsumed, 0u);
+    EXPECT_EQ(nWritten, 0u);
 }
 
 }  // namespace

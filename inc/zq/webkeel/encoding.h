@@ -178,4 +178,26 @@ public:
     W2WXmlEncoding() noexcept : W2WEncodingSGML(kXML) {}
 };
 
+// Wide text to wide text escaped for the inside of a JSON string (RFC 8259), so that a value
+// written between two quotation marks always parses back to the text it came from:
+//
+//   "  \    U+0008  U+000C  U+000A  U+000D  U+0009  other U+0000..U+001F
+//   \"  \\   \b      \f      \n      \r      \t      \u00xx (lower-case hex digits)
+//
+// Everything else passes as it is, characters beyond U+FFFF included: the text is meant to be
+// written as UTF-8, where they need no escape. Code units that are not Unicode scalar values
+// (surrogates, which never form pairs in UTF-32 text, and values above U+10FFFF) are written as
+// U+FFFD, so that the escaped text is valid Unicode whatever a caller handed in. U+007F and the
+// line and paragraph separators U+2028, U+2029 are valid JSON as they are and stay so.
+class W2WJsonEncoding {
+public:
+    using OutputUnit = wchar_t;
+
+    // Escapes the leading characters whose output fits into nOutCapacity units and stops before
+    // the first one that does not. True when the whole input was consumed; six units per input
+    // character always suffice.
+    bool encode(const wchar_t* pIn, std::size_t nIn, wchar_t* pOut, std::size_t nOutCapacity,
+                std::size_t& nOutWritten, std::size_t& nInConsumed) const noexcept;
+};
+
 }  // namespace kiv

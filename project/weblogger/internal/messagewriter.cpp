@@ -81,5 +81,11 @@ template class MessageWriterImpl<WideTextBuffer, WriterAdapter<WideTextBuffer>,
                                  WriterAdapter<WideTextBuffer>>;
 template class MessageWriterImpl<WideTextBuffer, WriterAdapter<WideTextBuffer>,
                                  EncodingAdapter<WriterAdapter<WideTextBuffer>, W2WXmlEncoding>>;
+template class MessageWriterImpl<LogFile, Utf8InPlaceAdaptor,
+                                 EncodingAdapter<Utf8InPlaceAdaptor, W2WJsonEncoding>>;
+template class MessageWriterImpl<CoutStream, HoopyAdaptor,
+                                 EncodingAdapter<HoopyAdaptor, W2WJsonEncoding>>;
+template class MessageWriterImpl<WideTextBuffer, WriterAdapter<WideTextBuffer>,
+                                 EncodingAdapter<WriterAdapter<WideTextBuffer>, W2WJsonEncoding>>;
 
 }  // namespace kiv

@@ -11,7 +11,10 @@
 // severity number, the properties list's separator, the property name and the backtrace.
 // Format text, list separators, prefixes and suffixes, the current source's name, the message
 // type text and property values go through the format-text adaptor unescaped; the current
-// source and property values are deliberately not escaped.
+// source and property values are deliberately not escaped. Json formats are the exception:
+// a JSON string cannot hold an unescaped quotation mark or control character, so there the
+// current source, the message type text and property values are escaped like every other
+// value (see EscapesEveryValue).
 //
 // Threads: msg_log is logically const but uses the writer's scratch buffer and its time-stamp
 // cache, so one message writer renders one message at a time: its owning writer serialises the
@@ -20,6 +23,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <type_traits>
 
 #include "weblogger/commonseverities.h"
 #include "weblogger/internal/logfile.h"
@@ -79,6 +83,13 @@ struct RenderingHelpers {
     static std::wstring_view fileNameOnly(const wchar_t* pwszFile) noexcept;
 };
 
+// Whether a value adaptor must also escape the pieces that Xml formats leave as they are (the
+// current source, the message type text, property values): true for JSON escaping.
+template <class ValueWriter>
+struct EscapesEveryValue : std::false_type {};
+template <class Inner>
+struct EscapesEveryValue<EncodingAdapter<Inner, W2WJsonEncoding>> : std::true_type {};
+
 }  // namespace logger_details
 
 template <class Stream, class TextWriter, class ValueWriter>
@@ -105,9 +116,14 @@ public:
 
 private:
     using Record = CompiledMsgFormat::Record;
+    // Writes the current source, the message type text and property values.
+    using InsertWriter = std::conditional_t<logger_details::EscapesEveryValue<ValueWriter>::value,
+                                            ValueWriter, TextWriter>;
 
     // Renders a value into the scratch buffer and returns its text.
     std::wstring_view renderValue(const GDValue& value) const;
+    // Whether no value of a property renders any text (before its first null character).
+    bool rendersEmpty(const LoggerState::PropValues& values) const;
     void writeNumber(std::uint64_t n, Stream* out) const;
     void writeSourcesList(const CompiledMsgFormat::SimpleListRecord& record,
                           const LoggerState& state, Stream* out) const;
@@ -122,12 +138,13 @@ private:
     mutable logger_details::TimeStampCache m_timeStamps;
 };
 
-// Makes the message writer for a format: escaped values when the format's encoding is Xml,
-// plain ones for Plain. Writer is the adaptor that writes wide text to Stream.
+// Makes the message writer for a format: values escaped for XML when the format's encoding is
+// Xml, for JSON strings when it is Json, plain ones for Plain. Writer is the adaptor that writes
+// wide text to Stream.
 template <class Stream, class Writer>
 class MessageWriterFactory {
 public:
-    // An encoding other than Xml or Plain fails the assertion "false" and gives an empty
+    // An encoding other than Xml, Plain or Json fails the assertion "false" and gives an empty
     // handle. With bDeleteFormat the message writer deletes the format when it goes.
     static MessageWriterHandle<Stream> createMessageWriter(const CompiledMsgFormat* pFormat,
                                                            bool bDeleteFormat);
@@ -157,5 +174,12 @@ extern template class MessageWriterImpl<WideTextBuffer, WriterAdapter<WideTextBu
 extern template class MessageWriterImpl<
     WideTextBuffer, WriterAdapter<WideTextBuffer>,
     EncodingAdapter<WriterAdapter<WideTextBuffer>, W2WXmlEncoding>>;
+extern template class MessageWriterImpl<LogFile, Utf8InPlaceAdaptor,
+                                        EncodingAdapter<Utf8InPlaceAdaptor, W2WJsonEncoding>>;
+extern template class MessageWriterImpl<CoutStream, HoopyAdaptor,
+                                        EncodingAdapter<HoopyAdaptor, W2WJsonEncoding>>;
+extern template class MessageWriterImpl<
+    WideTextBuffer, WriterAdapter<WideTextBuffer>,
+    EncodingAdapter<WriterAdapter<WideTextBuffer>, W2WJsonEncoding>>;
 
 }  // namespace kiv

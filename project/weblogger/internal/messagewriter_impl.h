@@ -61,7 +61,7 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
                 break;
             case CompiledMsgFormat::kCurLogSource:
                 if (const LogSource* pSource = state.getCurSource()) {
-                    TextWriter::write(out, pSource->getPath().data(), pSource->getPath().size());
+                    InsertWriter::write(out, pSource->getPath().data(), pSource->getPath().size());
                 }
                 break;
             case CompiledMsgFormat::kFile:
@@ -98,7 +98,7 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
                     static_cast<const CompiledMsgFormat::EnumRecord*>(pRecord)->m_vecValues;
                 const std::size_t nType = static_cast<std::size_t>(severity.m_nType);
                 if (nType < values.size()) {
-                    TextWriter::write(out, values[nType].data(), values[nType].size());
+                    InsertWriter::write(out, values[nType].data(), values[nType].size());
                 } else {
                     wchar_t arrDigits[24];
                     const std::size_t nDigits =
@@ -115,7 +115,8 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
                     static_cast<const CompiledMsgFormat::SingleValueFromListRecord*>(pRecord);
                 const auto& map = state.propertiesMap();
                 const auto it = map.find(pProperty->m_strValueName);
-                if (it != map.end() && pProperty->m_pFormat != nullptr) {
+                if (it != map.end() && pProperty->m_pFormat != nullptr &&
+                    !(pProperty->m_bOmitWhenEmpty && rendersEmpty(it->second))) {
                     writeProperty(*pProperty->m_pFormat, severity, *it, out);
                 }
                 break;
@@ -133,6 +134,20 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
                 break;
         }
     }
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+bool MessageWriterImpl<Stream, TextWriter, ValueWriter>::rendersEmpty(
+    const LoggerState::PropValues& values) const {
+    for (const auto& value : values) {
+        if (const GDValue* pValue = value.first.get()) {
+            const std::wstring_view text = renderValue(*pValue);
+            if (!text.empty() && text.front() != L'\0') {
+                return false;
+            }
+        }
+    }
+    return true;
 }
 
 template <class Stream, class TextWriter, class ValueWriter>
@@ -210,7 +225,7 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeProperty(
                     if (const GDValue* pValue = value.first.get()) {
                         const std::wstring_view text = renderValue(*pValue);
                         // A property value ends at its first null character.
-                        TextWriter::write(out, text.data(), ::wcsnlen(text.data(), text.size()));
+                        InsertWriter::write(out, text.data(), ::wcsnlen(text.data(), text.size()));
                     }
                     TextWriter::write(out, list.m_strSuffix);
                 }
@@ -234,6 +249,10 @@ MessageWriterHandle<Stream> MessageWriterFactory<Stream, Writer>::createMessageW
         case CompiledMsgFormat::kEncodingPlain:
             return MessageWriterHandle<Stream>(
                 new MessageWriterImpl<Stream, Writer, Writer>(pFormat, bDeleteFormat));
+        case CompiledMsgFormat::kEncodingJson:
+            return MessageWriterHandle<Stream>(
+                new MessageWriterImpl<Stream, Writer, EncodingAdapter<Writer, W2WJsonEncoding>>(
+                    pFormat, bDeleteFormat));
         default:
             ZQ_ASSERT(false);
             return MessageWriterHandle<Stream>();
