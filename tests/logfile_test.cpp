@@ -1,5 +1,6 @@
 #include "weblogger/internal/logfile.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -452,8 +453,11 @@ TEST(LogFileTest, NeverOpensThroughASymbolicLink) {
             EXPECT_EQ(e.getErrno(), ELOOP);
         }
     }
-    EXPECT_THROW(file.createWith(wide(link), 0640, "x", 1), FileException);
+    EXPECT_THROW(file.openFresh(wide(link), 0640, "x", 1), FileException);
     EXPECT_EQ(readFile(victim), "precious");
+    struct stat st;
+    ASSERT_EQ(::lstat(link.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link is left where it was";
 }
 
 TEST(LogFileTest, NewFileGetsItsModeWhateverTheUmask) {
@@ -465,7 +469,8 @@ TEST(LogFileTest, NewFileGetsItsModeWhateverTheUmask) {
         {
             LogFile file;
             file.openTruncate(wide(path), 0640);
-            file.createWith(wide(created), 0640, "x", 1);
+            LogFile fresh;
+            fresh.openFresh(wide(created), 0640, "x", 1);
         }
         ::umask(nOld);
         struct stat st;
@@ -541,12 +546,44 @@ TEST(LogFileRecordsTest, DetachedFileHandsWhatItHeldToTheNextFile) {
     file.endRecord();
     file.detach();
     EXPECT_FALSE(file.isOpen());
-    file.createWith(wide(strNext), 0640, "\xEF\xBB\xBF", 3);
-    file.openAppend(wide(strNext));
+    file.openFresh(wide(strNext), 0640, "\xEF\xBB\xBF", 3);
     writeText(file, "more\n");
     file.close();
     EXPECT_EQ(readFile(strFirst), "written\n");
     EXPECT_EQ(readFile(strNext), "\xEF\xBB\xBFheld\nmore\n");
+}
+
+TEST(LogFileTest, FreshFileReplacesTheOldOneInsteadOfEmptyingItAndStaysOpen) {
+    TempDir dir;
+    const std::string first = dir.file("first.log");
+    const std::string slot = dir.file("slot.log");
+    {
+        LogFile old;
+        old.openTruncate(wide(slot));
+        writeText(old, "old record\n");
+        old.close();
+    }
+    // A reader that still has the old file open keeps reading it whole.
+    const int nReader = ::open(slot.c_str(), O_RDONLY);
+    ASSERT_GE(nReader, 0);
+    LogFile file;
+    file.openTruncate(wide(first));
+    writeText(file, "tail of the first\n");
+    file.endRecord();
+    file.openFresh(wide(slot), 0600, "\xEF\xBB\xBF", 3);
+    EXPECT_TRUE(file.isOpen());
+    EXPECT_EQ(readFile(first), "tail of the first\n");
+    EXPECT_EQ(readFile(slot), "\xEF\xBB\xBF") << "the first bytes are on disk at once";
+    writeText(file, "new record\n");
+    file.close();
+    EXPECT_EQ(readFile(slot), "\xEF\xBB\xBFnew record\n");
+    char buffer[64] = {};
+    const ssize_t nRead = ::read(nReader, buffer, sizeof(buffer));
+    ::close(nReader);
+    EXPECT_EQ(std::string(buffer, nRead > 0 ? static_cast<std::size_t>(nRead) : 0), "old record\n");
+    struct stat st;
+    ASSERT_EQ(::stat(slot.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
 }
 
 }  // namespace

@@ -195,8 +195,8 @@ void FileLogWriter::setFilePath(std::uint32_t i) {
 }
 
 void FileLogWriter::createFile() {
-    m_CurFile.createWith(m_tCurFilePath.getFullPath(), m_nFileMode, kByteOrderMark,
-                         sizeof(kByteOrderMark));
+    m_CurFile.openFresh(m_tCurFilePath.getFullPath(), m_nFileMode, kByteOrderMark,
+                        sizeof(kByteOrderMark));
 }
 
 void FileLogWriter::startFreshFile() {
@@ -279,6 +279,7 @@ bool FileLogWriter::openFile() {
             // clang-format off
             ZQ_ASSERT(FileSystemUtils::getFileStats(getFilePath(), fstat, FileSystemUtils::kResolveLinks, kOnErrorReturn));
             // clang-format on
+            m_CurFile.openAppend(m_tCurFilePath.getFullPath());
         } else {
             setFilePath(0);
             startFreshFile();
@@ -289,7 +290,6 @@ bool FileLogWriter::openFile() {
     }
     m_bRetrySameSlot = false;
     m_timeCurFileUsageBegan = clock::wallClockSeconds();
-    m_CurFile.openAppend(m_tCurFilePath.getFullPath());
     return m_CurFile.isOpen();
 }
 

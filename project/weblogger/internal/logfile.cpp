@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "zq/webkeel/encoding.h"
+#include "zq/webutil/filesystemutils.h"
 
 namespace kiv {
 
@@ -65,15 +66,26 @@ void LogFile::openAppend(const String& path, unsigned long nOffset) {
     startFile();
 }
 
-void LogFile::createWith(const String& path, unsigned nMode, const void* pFirst,
-                         unsigned long nFirst) {
-    BinaryFile file;
-    file.open(path, BinaryFile::kSharedReadWriteAccess, BinaryFile::kCreateAlways,
-              BinaryFile::kThrowException, BinaryFile::kHFNoFollow, nMode);
-    file.setMode(nMode, BinaryFile::kReturnFalse);
-    unsigned long nWritten = 0;
-    file.writeBytes(pFirst, nFirst, nWritten, BinaryFile::kThrowException);
-    file.close(BinaryFile::kThrowException);
+void LogFile::openFresh(const String& path, unsigned nMode, const void* pFirst,
+                        unsigned long nFirst) {
+    // The bytes of the file open now go into it before the name moves on.
+    close();
+    FileStats stats;
+    if (FileSystemUtils::getFileStats(path, stats, FileSystemUtils::kDontResolveLinks) &&
+        stats.bIsRegular) {
+        // When the name cannot be removed, the open below empties the file instead.
+        FileSystemUtils::removeFile(path);
+    }
+    openFile(path, BinaryFile::kCreateAlways, nMode);
+    try {
+        m_file.setMode(nMode, BinaryFile::kReturnFalse);
+        unsigned long nWritten = 0;
+        m_file.writeBytes(pFirst, nFirst, nWritten, BinaryFile::kThrowException);
+    } catch (...) {
+        m_file.close(BinaryFile::kReturnFalse);
+        throw;
+    }
+    startFile();
 }
 
 void LogFile::requireOpen(const wchar_t* pszOperation) const {

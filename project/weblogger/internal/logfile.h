@@ -66,9 +66,14 @@ public:
     // The same, writing from the byte offset on and overwriting what follows it; an offset
     // past the end leaves a hole of zero bytes.
     void openAppend(const String& path, unsigned long nOffset);
-    // Creates (or empties) the file with its first bytes written straight to it, and closes
-    // it; the buffer and the file open before are left as they are.
-    void createWith(const String& path, unsigned nMode, const void* pFirst, unsigned long nFirst);
+    // Starts a new file under path with its first bytes written straight to it, and keeps it
+    // open for writing after them: a ring's rollover in one open. A regular file already under
+    // the name is removed first rather than emptied, so that the new file is a new one: ext4
+    // writes a file emptied by truncation back to disk when it is next closed, which would
+    // put the disk's latency inside the log call that rotates away from it. Anything else
+    // under the name (a link, a FIFO) is left alone and the open fails as openTruncate's does.
+    // The file gets exactly nMode.
+    void openFresh(const String& path, unsigned nMode, const void* pFirst, unsigned long nFirst);
 
     void write(const void* p, unsigned long n);
     // Writes wide text as UTF-8, encoding it straight into the buffer: the same bytes as
