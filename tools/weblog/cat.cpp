@@ -11,7 +11,7 @@
 
 namespace weblog {
 
-const CommandSpec kCatCommand{
+const CommandDescription kCatCommand{
     "cat",
     "DIR PREFIX",
     "print a ring of log files in the order it was written",

@@ -6,7 +6,7 @@
 
 namespace weblog {
 
-const CommandSpec kCheckCommand{
+const CommandDescription kCheckCommand{
     "check",
     "FILE",
     "report every problem of a logging configuration file",

@@ -9,11 +9,11 @@
 
 namespace weblog {
 
-extern const CommandSpec kCheckCommand;
-extern const CommandSpec kThresholdsCommand;
-extern const CommandSpec kExplainCommand;
-extern const CommandSpec kRenderCommand;
-extern const CommandSpec kCatCommand;
+extern const CommandDescription kCheckCommand;
+extern const CommandDescription kThresholdsCommand;
+extern const CommandDescription kExplainCommand;
+extern const CommandDescription kRenderCommand;
+extern const CommandDescription kCatCommand;
 
 int runCheck(const Arguments& args);
 int runThresholds(const Arguments& args);
@@ -27,13 +27,14 @@ std::string utf8(const kiv::String& text);
 std::string placeOf(const kiv::ConfigInspector& inspector, const kiv::XmlElement& element);
 
 // The --var option the configuration commands share.
-extern const OptionSpec kVarOption;
+extern const OptionDescription kVarOption;
 
 // The variables of every --var name=value; false (a usage error reported) for one without "=".
-bool readVariables(const CommandSpec& spec, const Arguments& args, kiv::ReplacementMap& vars);
+bool readVariables(const CommandDescription& description, const Arguments& args,
+                   kiv::ReplacementMap& vars);
 
 // Whether the configuration file can be read; when not, says so on stderr.
-bool configReadable(const CommandSpec& spec, const std::string& file);
+bool configReadable(const CommandDescription& description, const std::string& file);
 
 // A command that needs the document's thresholds or writers stops at a document the loader
 // would refuse: its problems are printed as check prints them, and false returned.

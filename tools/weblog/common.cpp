@@ -15,9 +15,11 @@ std::string placeOf(const kiv::ConfigInspector& inspector, const kiv::XmlElement
     return utf8(inspector.getFile()) + ":" + std::to_string(element.getLine());
 }
 
-const OptionSpec kVarOption{"var", "name=value", "value of the variable {%name%} (repeatable)"};
+const OptionDescription kVarOption{"var", "name=value",
+                                   "value of the variable {%name%} (repeatable)"};
 
-bool readVariables(const CommandSpec& spec, const Arguments& args, kiv::ReplacementMap& vars) {
+bool readVariables(const CommandDescription& description, const Arguments& args,
+                   kiv::ReplacementMap& vars) {
     const auto it = args.mapOptions.find(kVarOption.pszName);
     if (it == args.mapOptions.end()) {
         return true;
@@ -25,7 +27,7 @@ bool readVariables(const CommandSpec& spec, const Arguments& args, kiv::Replacem
     for (const std::string& assignment : it->second) {
         const std::size_t nEquals = assignment.find('=');
         if (nEquals == std::string::npos || nEquals == 0) {
-            usageError(spec, "--var needs name=value, not '" + assignment + "'");
+            usageError(description, "--var needs name=value, not '" + assignment + "'");
             return false;
         }
         vars.emplace(kiv::fromUtf8(assignment.substr(0, nEquals)),
@@ -34,9 +36,9 @@ bool readVariables(const CommandSpec& spec, const Arguments& args, kiv::Replacem
     return true;
 }
 
-bool configReadable(const CommandSpec& spec, const std::string& file) {
+bool configReadable(const CommandDescription& description, const std::string& file) {
     if (::access(file.c_str(), R_OK) != 0) {
-        std::fprintf(stderr, "weblog %s: cannot read %s\n", spec.pszName, file.c_str());
+        std::fprintf(stderr, "weblog %s: cannot read %s\n", description.pszName, file.c_str());
         return false;
     }
     return true;

@@ -8,7 +8,7 @@
 
 namespace weblog {
 
-const CommandSpec kExplainCommand{
+const CommandDescription kExplainCommand{
     "explain",
     "FILE SOURCE TYPE IMPORTANCE",
     "tell for each writer whether a message reaches it, and why",

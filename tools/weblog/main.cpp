@@ -8,7 +8,7 @@
 namespace {
 
 struct Command {
-    const weblog::CommandSpec* pSpec;
+    const weblog::CommandDescription* pDescription;
     int (*pRun)(const weblog::Arguments&);
 };
 
@@ -25,7 +25,8 @@ void printOverview(std::FILE* pOut) {
                  "usage: weblog COMMAND [ARGUMENTS] (weblog COMMAND --help for more)\n\n"
                  "commands:\n");
     for (const Command& command : kCommands) {
-        std::fprintf(pOut, "  %-11s %s\n", command.pSpec->pszName, command.pSpec->pszSummary);
+        std::fprintf(pOut, "  %-11s %s\n", command.pDescription->pszName,
+                     command.pDescription->pszSummary);
     }
     std::fprintf(pOut, "\nexit status: 0 fine, 1 problems found, 2 usage error\n");
 }
@@ -47,9 +48,10 @@ int main(int argc, char** argv) {
         return weblog::kExitFine;
     }
     for (const Command& command : kCommands) {
-        if (std::strcmp(argv[1], command.pSpec->pszName) == 0) {
+        if (std::strcmp(argv[1], command.pDescription->pszName) == 0) {
             weblog::Arguments args;
-            const int nStatus = weblog::parseArguments(*command.pSpec, argc - 2, argv + 2, args);
+            const int nStatus =
+                weblog::parseArguments(*command.pDescription, argc - 2, argv + 2, args);
             return nStatus >= 0 ? nStatus : command.pRun(args);
         }
     }

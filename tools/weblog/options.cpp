@@ -8,16 +8,17 @@ namespace weblog {
 
 namespace {
 
-std::string usageLine(const CommandSpec& spec) {
-    std::string line = std::string("usage: weblog ") + spec.pszName + " " + spec.pszArguments;
-    for (const OptionSpec& option : spec.vecOptions) {
+std::string usageLine(const CommandDescription& description) {
+    std::string line =
+        std::string("usage: weblog ") + description.pszName + " " + description.pszArguments;
+    for (const OptionDescription& option : description.vecOptions) {
         line += std::string(" [--") + option.pszName + " " + option.pszValue + "]";
     }
     return line;
 }
 
-const OptionSpec* findOption(const CommandSpec& spec, std::string_view name) {
-    for (const OptionSpec& option : spec.vecOptions) {
+const OptionDescription* findOption(const CommandDescription& description, std::string_view name) {
+    for (const OptionDescription& option : description.vecOptions) {
         if (name == option.pszName) {
             return &option;
         }
@@ -32,14 +33,14 @@ const std::string* Arguments::last(const std::string& option) const {
     return it == mapOptions.end() || it->second.empty() ? nullptr : &it->second.back();
 }
 
-void printHelp(const CommandSpec& spec) {
-    std::printf("%s\n\n%s\n", usageLine(spec).c_str(), spec.pszSummary);
-    if (spec.pszDetails != nullptr && *spec.pszDetails != '\0') {
-        std::printf("\n%s\n", spec.pszDetails);
+void printHelp(const CommandDescription& description) {
+    std::printf("%s\n\n%s\n", usageLine(description).c_str(), description.pszSummary);
+    if (description.pszDetails != nullptr && *description.pszDetails != '\0') {
+        std::printf("\n%s\n", description.pszDetails);
     }
-    if (!spec.vecOptions.empty()) {
+    if (!description.vecOptions.empty()) {
         std::printf("\noptions:\n");
-        for (const OptionSpec& option : spec.vecOptions) {
+        for (const OptionDescription& option : description.vecOptions) {
             const std::string left = std::string("--") + option.pszName + " " + option.pszValue;
             std::printf("  %-22s %s\n", left.c_str(), option.pszHelp);
         }
@@ -47,18 +48,18 @@ void printHelp(const CommandSpec& spec) {
     std::printf("\nexit status: 0 fine, 1 problems found, 2 usage error\n");
 }
 
-int usageError(const CommandSpec& spec, const std::string& what) {
-    std::fprintf(stderr, "weblog %s: %s\n%s\n", spec.pszName, what.c_str(),
-                 usageLine(spec).c_str());
+int usageError(const CommandDescription& description, const std::string& what) {
+    std::fprintf(stderr, "weblog %s: %s\n%s\n", description.pszName, what.c_str(),
+                 usageLine(description).c_str());
     return kExitUsage;
 }
 
-int parseArguments(const CommandSpec& spec, int argc, char** argv, Arguments& args) {
+int parseArguments(const CommandDescription& description, int argc, char** argv, Arguments& args) {
     bool bOptionsEnded = false;
     for (int i = 0; i < argc; ++i) {
         const std::string_view arg(argv[i]);
         if (!bOptionsEnded && (arg == "--help" || arg == "-h")) {
-            printHelp(spec);
+            printHelp(description);
             return kExitFine;
         }
         if (!bOptionsEnded && arg == "--") {
@@ -78,23 +79,23 @@ int parseArguments(const CommandSpec& spec, int argc, char** argv, Arguments& ar
             name = name.substr(0, nEquals);
             bHasValue = true;
         }
-        if (findOption(spec, name) == nullptr) {
-            return usageError(spec, "unknown option --" + std::string(name));
+        if (findOption(description, name) == nullptr) {
+            return usageError(description, "unknown option --" + std::string(name));
         }
         if (!bHasValue) {
             if (i + 1 >= argc) {
-                return usageError(spec, "option --" + std::string(name) + " needs a value");
+                return usageError(description, "option --" + std::string(name) + " needs a value");
             }
             value = argv[++i];
         }
         args.mapOptions[std::string(name)].push_back(value);
     }
-    if (args.vecPositional.size() < spec.nMinArguments) {
-        return usageError(spec, "missing arguments");
+    if (args.vecPositional.size() < description.nMinArguments) {
+        return usageError(description, "missing arguments");
     }
-    if (spec.nMaxArguments != CommandSpec::kAnyNumber &&
-        args.vecPositional.size() > spec.nMaxArguments) {
-        return usageError(spec, "too many arguments");
+    if (description.nMaxArguments != CommandDescription::kAnyNumber &&
+        args.vecPositional.size() > description.nMaxArguments) {
+        return usageError(description, "too many arguments");
     }
     return -1;
 }

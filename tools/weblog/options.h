@@ -13,7 +13,7 @@ constexpr int kExitFine = 0;
 constexpr int kExitProblems = 1;
 constexpr int kExitUsage = 2;
 
-struct OptionSpec {
+struct OptionDescription {
     // Without the leading "--".
     const char* pszName;
     // Shown in the usage line after the option: "ID", "name=value".
@@ -21,14 +21,14 @@ struct OptionSpec {
     const char* pszHelp;
 };
 
-struct CommandSpec {
+struct CommandDescription {
     const char* pszName;
     // The arguments after the command's name, as the usage line shows them.
     const char* pszArguments;
     const char* pszSummary;
     // Further paragraphs of --help.
     const char* pszDetails;
-    std::vector<OptionSpec> vecOptions;
+    std::vector<OptionDescription> vecOptions;
     std::size_t nMinArguments;
     // Arguments beyond this are a usage error; kAnyNumber for none.
     std::size_t nMaxArguments;
@@ -45,11 +45,11 @@ struct Arguments {
 
 // Parses argv after the command's name. Returns -1 when the command is to run, or the status to
 // exit with after --help (kExitFine) or a usage error (kExitUsage, reported on stderr).
-int parseArguments(const CommandSpec& spec, int argc, char** argv, Arguments& args);
+int parseArguments(const CommandDescription& description, int argc, char** argv, Arguments& args);
 
 // The command's usage line and help on stdout.
-void printHelp(const CommandSpec& spec);
+void printHelp(const CommandDescription& description);
 // "weblog <command>: what" and the usage line on stderr; returns kExitUsage.
-int usageError(const CommandSpec& spec, const std::string& what);
+int usageError(const CommandDescription& description, const std::string& what);
 
 }  // namespace weblog

@@ -12,7 +12,7 @@
 
 namespace weblog {
 
-const CommandSpec kRenderCommand{
+const CommandDescription kRenderCommand{
     "render",
     "FILE FORMAT",
     "print a sample message rendered through a format",

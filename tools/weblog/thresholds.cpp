@@ -1,6 +1,7 @@
 // weblog thresholds: what every source lets through to every writer once a configuration is
 // applied, inheritance resolved.
 #include <cstdio>
+#include <map>
 #include <set>
 
 #include "commands.h"
@@ -11,7 +12,7 @@
 
 namespace weblog {
 
-const CommandSpec kThresholdsCommand{
+const CommandDescription kThresholdsCommand{
     "thresholds",
     "FILE [SOURCE...]",
     "show the effective thresholds per source, writer id and message type",
@@ -22,7 +23,7 @@ const CommandSpec kThresholdsCommand{
     "are not part of this table (weblog explain shows them).",
     {kVarOption},
     1,
-    CommandSpec::kAnyNumber};
+    CommandDescription::kAnyNumber};
 
 namespace {
 
