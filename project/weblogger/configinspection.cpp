@@ -122,6 +122,7 @@ ConfigInspector::ConfigInspector(const ZQWString& file, const ReplacementMap* pV
                        .setInsert(4, boundedInsert(e.getText().view())),
                    e.getXmlLine(), e.getXmlColumn());
     }
+    // Kept apart, so that every check starts again from them.
     m_vecLoadFindings.swap(m_vecFindings);
 }
 
