@@ -752,5 +752,38 @@ TEST(FilterDiagnosticsTest, CleanDocumentHasNoDiagnostics) {
     EXPECT_TRUE(diagnostics.empty());
 }
 
+TEST(FilterDiagnosticsTest, OneRecordOrOneGroupIsReadOnItsOwnWithItsColumn) {
+    const XmlDocument doc = parse(R"(<Logging>
+<WriterClassGroups>  <WriterClassGroup name="G">1,
+2 12</WriterClassGroup></WriterClassGroups>
+<Filters><FilterRecord writerClassGroup="G" path="dgone" error="7x" trace="3"/></Filters>
+</Logging>)");
+    const XmlElement* pRecord =
+        doc.getDocumentElement()->selectSingleElement(L"Filters/FilterRecord");
+    FilterConfigDiagnostics diagnostics;
+    EXPECT_EQ(KivXmlConfigReader::readRecordLevels(*pRecord, &diagnostics),
+              LogLevels(kU, 7, kU, kU, 3));
+    EXPECT_EQ(KivXmlConfigReader::readRecordLevels(*pRecord), LogLevels(kU, 7, kU, kU, 3));
+    ASSERT_EQ(diagnostics.getDiagnostics().size(), 1u);
+    EXPECT_EQ(diagnostics.getDiagnostics()[0].m_nKind,
+              FilterConfigDiagnostic::FD_THRESHOLD_NOT_DECIMAL);
+    EXPECT_EQ(diagnostics.getDiagnostics()[0].m_nLine, 4u);
+    EXPECT_EQ(diagnostics.getDiagnostics()[0].m_nColumn, 10u);
+
+    // The group's list is diagnosed up to the id that is refused.
+    const XmlElement* pGroup =
+        doc.getDocumentElement()->selectSingleElement(L"WriterClassGroups/WriterClassGroup");
+    LogWritersGroup group;
+    const auto e =
+        catchLoggerException([&] { KivXmlConfigReader::populate(group, *pGroup, &diagnostics); });
+    ASSERT_TRUE(e.has_value());
+    ASSERT_EQ(diagnostics.getDiagnostics().size(), 2u);
+    EXPECT_EQ(diagnostics.getDiagnostics()[1].m_nKind,
+              FilterConfigDiagnostic::FD_ID_TOKEN_WHITE_SPACE);
+    EXPECT_EQ(diagnostics.getDiagnostics()[1].m_nColumn, 22u);
+    EXPECT_TRUE(group.contains(1));
+    EXPECT_TRUE(group.contains(2));
+}
+
 }  // namespace
 }  // namespace kiv

@@ -180,6 +180,17 @@ KIV_CATALOGUE_MESSAGE(
 KIV_CATALOGUE_MESSAGE(kmsgLoggerInitializationFailed, "<TEXT>Logger initialization failed</TEXT>");
 
 KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigFormatNotCompiled,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: the Format '<kivm:param "
+    "insert=\"3\"/>' does not compile: <kivm:param insert=\"4\"/></TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigFormatEncodingInvalid,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: the Format '<kivm:param "
+    "insert=\"3\"/>' has Encoding '<kivm:param insert=\"4\"/>', which is neither Xml nor "
+    "Plain; it is compiled with the default encoding.</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
     kmsgLogConfigProblemAt,
     "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: <kivm:param insert=\"3\"/>"
     "</TEXT>");

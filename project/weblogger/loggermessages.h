@@ -93,6 +93,11 @@ extern const ExternalMessage kmsgLogWriterSystemLogDropping;
 // or the variable scanner gives one); values from the document are cut by boundedInsert.
 // "Logger initialization failed"
 extern const ExternalMessage kmsgLoggerInitializationFailed;
+// insert 1 ":" insert 2 ": the Format '" insert 3 "' does not compile: " insert 4
+extern const ExternalMessage kmsgLogConfigFormatNotCompiled;
+// insert 1 ":" insert 2 ": the Format '" insert 3 "' has Encoding '" insert 4 "', which is
+// neither Xml nor Plain; it is compiled with the default encoding."
+extern const ExternalMessage kmsgLogConfigFormatEncodingInvalid;
 // insert 1 ":" insert 2 ": " insert 3 (what is wrong, as the reader or a writer said it)
 extern const ExternalMessage kmsgLogConfigProblemAt;
 // insert 1 ":" insert 2 ":" insert 3 ": a variable marker \"{%\" is not closed by \"%}\"; no

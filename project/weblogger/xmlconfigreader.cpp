@@ -302,7 +302,18 @@ void FilterConfigDiagnostics::add(FilterConfigDiagnostic::Kind nKind, const XmlE
                                   const ZQWString& readAs) {
     m_vecDiagnostics.push_back(FilterConfigDiagnostic{nKind, m_strFile, element.getLine(),
                                                       element.getName(), ZQWString(attribute), text,
-                                                      readAs});
+                                                      readAs, element.getColumn()});
+}
+
+LogLevels KivXmlConfigReader::readRecordLevels(const XmlElement& record,
+                                               FilterConfigDiagnostics* pDiagnostics) {
+    return kiv::readLevels(record, pDiagnostics);
+}
+
+void KivXmlConfigReader::populate(LogWritersGroup& group, const XmlElement& groupElement,
+                                  FilterConfigDiagnostics* pDiagnostics) {
+    const IdListContext context{pDiagnostics, &groupElement};
+    parseIds(group, groupElement.getInnerText(), pDiagnostics != nullptr ? &context : nullptr);
 }
 
 void KivXmlConfigReader::populate(LogWritersGroup& group, const ZQWString& ids) {

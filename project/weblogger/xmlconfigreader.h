@@ -59,6 +59,8 @@ public:
     ZQWString m_strText;
     // What the reader made of it: a writer id, a stored threshold, or a list of writer ids.
     ZQWString m_strReadAs;
+    // The column of the element's start tag; 0 for an element that was built in code.
+    unsigned m_nColumn = 0;
 };
 
 // Collects diagnostics for one document, in the order the reader meets them.
@@ -85,6 +87,16 @@ private:
 
 class KivXmlConfigReader {
 public:
+    // The five thresholds of one FilterRecord element as every reader below reads them
+    // (absent or empty attributes unset), for code that explains where a threshold came from
+    // or checks records one by one.
+    static LogLevels readRecordLevels(const XmlElement& record,
+                                      FilterConfigDiagnostics* pDiagnostics = nullptr);
+    // The writer ids of one WriterClassGroup element's text, with the diagnostics of the list;
+    // throws as the list form does, after the diagnostics of the ids before the bad one.
+    static void populate(LogWritersGroup& group, const XmlElement& groupElement,
+                         FilterConfigDiagnostics* pDiagnostics);
+
     // Adds the writer ids of a list such as "0, 3;5" to the group. Only the blank, the comma
     // and the semicolon separate ids; an id above 9 throws LoggerException
     // (kmsgLogConfigClassIdOutOfRange).

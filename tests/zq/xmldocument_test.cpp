@@ -369,6 +369,19 @@ TEST(XmlDocumentTest, ElementsRememberTheLineOfTheirStartTag) {
     EXPECT_EQ(pRoot->selectSingleElement(L"b/c")->getLine(), 7u);
 }
 
+TEST(XmlDocumentTest, ElementsRememberTheColumnOfTheirStartTag) {
+    const XmlDocument doc =
+        XmlDocument::parseString(std::string_view("<r>\n  <a/><b\n x=\"1\"/>\n\t<c/>\n</r>"));
+    const XmlElement* pRoot = doc.getDocumentElement();
+    EXPECT_EQ(pRoot->getColumn(), 1u);
+    EXPECT_EQ(pRoot->selectSingleElement(L"a")->getColumn(), 3u);
+    // The column of the "<", also when the tag goes on over the next line.
+    EXPECT_EQ(pRoot->selectSingleElement(L"b")->getColumn(), 7u);
+    EXPECT_EQ(pRoot->selectSingleElement(L"c")->getColumn(), 2u);
+    XmlElement built(String(L"r"));
+    EXPECT_EQ(built.getColumn(), 0u);
+}
+
 TEST(XmlDocumentTest, ElementsBuiltInCodeHaveNoLine) {
     XmlElement root(String(L"r"));
     EXPECT_EQ(root.getLine(), 0u);

@@ -6,8 +6,8 @@
 // CDATA section is its own node, so that code reading the tree sees text exactly as written.
 // Names are kept as written, prefixes included ("kivm:param"); namespace declarations are
 // ordinary attributes. Comments and processing instructions are dropped. Each parsed element
-// remembers the line of its start tag, so that code reading a configuration can tell an operator
-// where a value it found questionable was written.
+// remembers the line and column of its start tag, so that code reading a configuration can tell
+// an operator where a value it found questionable was written.
 //
 // Parsing is safe on hostile input: a document type declaration may not declare entities, no
 // external entity is ever loaded, only the predefined and character references expand, and
@@ -90,6 +90,10 @@ public:
     // parsed again reports the lines of the new text.
     unsigned getLine() const noexcept { return m_nLine; }
     void setLine(unsigned nLine) noexcept { m_nLine = nLine; }
+    // The column (from 1, in bytes of the UTF-8 text) of the "<" of the start tag; 0 for an
+    // element built in code.
+    unsigned getColumn() const noexcept { return m_nColumn; }
+    void setColumn(unsigned nColumn) noexcept { m_nColumn = nColumn; }
 
     // Children in document order; elements, text and CDATA nodes.
     const std::vector<Handle<XmlNode>>& getChildNodes() const noexcept { return m_vecChildren; }
@@ -130,6 +134,7 @@ private:
 
     String m_strName;
     unsigned m_nLine = 0;
+    unsigned m_nColumn = 0;
     std::vector<Attribute> m_vecAttributes;
     std::vector<Handle<XmlNode>> m_vecChildren;
 };

@@ -142,6 +142,9 @@ private:
                 pElement = &builder.m_vecOpen.back()->appendElement(fromUtf8(pszName));
             }
             pElement->setLine(static_cast<unsigned>(XML_GetCurrentLineNumber(builder.m_parser)));
+            // expat counts columns from 0.
+            pElement->setColumn(
+                static_cast<unsigned>(XML_GetCurrentColumnNumber(builder.m_parser)) + 1);
             for (std::size_t i = 0; ppAttributes[i] != nullptr; i += 2) {
                 pElement->setAttribute(fromUtf8(ppAttributes[i]), fromUtf8(ppAttributes[i + 1]));
             }

@@ -24,7 +24,7 @@ const ZQWString kPathAttribute(L"path");
 }  // namespace
 
 void DocumentCheck::addAt(const XmlElement& element, const GDValue& what) {
-    add(problemAt(m_place, m_place.lineOf(element), what));
+    add(problemAt(m_place, m_place.lineOf(element), what), &element);
 }
 
 void DocumentCheck::addMissing(const XmlElement& element, const ZQWString& attribute) {
@@ -32,7 +32,8 @@ void DocumentCheck::addMissing(const XmlElement& element, const ZQWString& attri
             .setInsert(1, boundedInsert(m_place.strFile.view()))
             .setInsert(2, GDUInteger64(m_place.lineOf(element)))
             .setInsert(3, GDString(element.getName()))
-            .setInsert(4, GDString(attribute)));
+            .setInsert(4, GDString(attribute)),
+        &element);
 }
 
 // Every attribute of element and below it longer than the loader accepts; whether there
@@ -102,7 +103,8 @@ bool DocumentCheck::checkWriter(const XmlElement& writer) {
                 .setInsert(1, boundedInsert(m_place.strFile.view()))
                 .setInsert(2, GDUInteger64(m_place.lineOf(writer)))
                 .setInsert(3, boundedInsert(strName.view()))
-                .setInsert(4, boundedInsert(pImplementation->view())));
+                .setInsert(4, boundedInsert(pImplementation->view())),
+            &writer);
     }
     const String* pClassId = writer.findAttribute(kWriterClassAttribute.view());
     if (pClassId == nullptr) {
@@ -112,7 +114,8 @@ bool DocumentCheck::checkWriter(const XmlElement& writer) {
                 .setInsert(1, boundedInsert(m_place.strFile.view()))
                 .setInsert(2, GDUInteger64(m_place.lineOf(writer)))
                 .setInsert(3, boundedInsert(strName.view()))
-                .setInsert(4, boundedInsert(pClassId->view())));
+                .setInsert(4, boundedInsert(pClassId->view())),
+            &writer);
     }
     return count() == nBefore;
 }
@@ -125,7 +128,8 @@ void DocumentCheck::addNotBuilt(const XmlElement& writer, const GDValue& reason)
                        boundedInsert(writer.getAttributeValue(kWriterNameAttribute.view()).view()))
             .setInsert(
                 4, boundedInsert(writer.getAttributeValue(kImplementationAttribute.view()).view()))
-            .setInsert(5, reason));
+            .setInsert(5, reason),
+        &writer);
 }
 
 // Builds every writer of root for reconfigure, not installed: they are WT_SHARED until the

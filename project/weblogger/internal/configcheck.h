@@ -18,7 +18,18 @@ public:
     DocumentCheck(const SourcePlace& place, std::vector<String>& vecProblems)
         : m_place(place), m_vecProblems(vecProblems) {}
 
-    void add(const GDValue& message) { m_vecProblems.push_back(textOf(message)); }
+    // pElement: where the problem was written, when it has a place in the document.
+    void add(const GDValue& message, const XmlElement* pElement = nullptr) {
+        m_vecProblems.push_back(textOf(message));
+        if (m_pvecElements != nullptr) {
+            m_pvecElements->push_back(pElement);
+        }
+    }
+    // Also records, beside each problem, the element it was found at (null when none), for a
+    // caller that shows columns as well as lines.
+    void recordElementsInto(std::vector<const XmlElement*>& vecElements) {
+        m_pvecElements = &vecElements;
+    }
     // "file:line: what", the line being element's.
     void addAt(const XmlElement& element, const GDValue& what);
     void addMissing(const XmlElement& element, const ZQWString& attribute);
@@ -41,6 +52,7 @@ public:
 private:
     const SourcePlace& m_place;
     std::vector<String>& m_vecProblems;
+    std::vector<const XmlElement*>* m_pvecElements = nullptr;
 };
 
 // Builds every writer of root for reconfigure, not installed: they are WT_SHARED until the
