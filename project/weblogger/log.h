@@ -44,7 +44,8 @@
 //   - any GDValue (a GDString, a message, ...), by reference as it is.
 // Refused at compile time, because what they would show is a guess: bool (1 or "true"?), single
 // characters (char, wchar_t, char8_t...: a letter or a number?), enumerations (a name or a
-// number?), and pointers to anything but text. Convert them explicitly. At most eight inserts.
+// number?), nullptr, and pointers to anything but text. Convert them explicitly. At most eight
+// inserts.
 //
 // Each macro is one statement (safe after an `if` without braces), and evaluates its logger and
 // severity expressions once. Logging never fails the caller: writers' failures stop at the
@@ -86,6 +87,8 @@ decltype(auto) makeInsertValue(const T& insert) noexcept {
     } else if constexpr (kIsCharacterType<Plain>) {
         static_assert(kRefusedInsert<T>,
                       "a single-character insert: pass a text or a number explicitly");
+    } else if constexpr (std::is_null_pointer_v<Plain>) {
+        static_assert(kRefusedInsert<T>, "a nullptr insert: pass a typed pointer or a text");
     } else if constexpr (std::is_enum_v<Plain>) {
         static_assert(kRefusedInsert<T>, "an enumeration insert: pass a text or a number");
     } else if constexpr (std::is_integral_v<Plain> && std::is_signed_v<Plain>) {
@@ -170,17 +173,17 @@ void logAccepted(TmLogger& logger, const LogSeverity& severity, std::wstring_vie
 
 // Logs through the logger given; the template must be a string literal ("" tmpl refuses
 // anything else).
-#define WEBLOG_TO(logger, severity, tmpl, ...)                                                  \
-    do {                                                                                        \
-        ::kiv::TmLogger& weblogLogger_ = (logger);                                              \
-        const ::kiv::LogSeverity& weblogSeverity_ = (severity);                                 \
-        if (weblogLogger_.calcEnabledWriters(weblogSeverity_)) {                                \
-            static constexpr auto weblogTemplate_ =                                             \
-                ::kiv::logger_details::makeTemplateText("" tmpl);                               \
-            ::kiv::logger_details::logAccepted(weblogLogger_, weblogSeverity_,                  \
-                                               weblogTemplate_.view(), L"" __FILE__, __LINE__ \
-                                                   __VA_OPT__(, ) __VA_ARGS__);                 \
-        }                                                                                       \
+#define WEBLOG_TO(logger, severity, tmpl, ...)                                       \
+    do {                                                                             \
+        ::kiv::TmLogger& weblogLogger_ = (logger);                                   \
+        const ::kiv::LogSeverity& weblogSeverity_ = (severity);                      \
+        if (weblogLogger_.calcEnabledWriters(weblogSeverity_)) {                     \
+            static constexpr auto weblogTemplate_ =                                  \
+                ::kiv::logger_details::makeTemplateText("" tmpl);                    \
+            ::kiv::logger_details::logAccepted(weblogLogger_, weblogSeverity_,       \
+                                               weblogTemplate_.view(), L"" __FILE__, \
+                                               __LINE__ __VA_OPT__(, ) __VA_ARGS__); \
+        }                                                                            \
     } while (false)
 
 // Logs through the calling thread's logger, at any severity.
