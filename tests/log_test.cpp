@@ -67,8 +67,7 @@ protected:
     void attachFileWriter(const std::string& attributes = "") {
         m_pFileConfig = std::make_unique<test::WriterConfig>(
             "<Writer name='files' writerClassId='" + std::to_string(kFileId) +
-                "' implementation='FileLogWriter' dir='" + m_dir.path() + "' " + attributes +
-                "/>",
+                "' implementation='FileLogWriter' dir='" + m_dir.path() + "' " + attributes + "/>",
             kLocationFormats);
         m_hFile = m_pFileConfig->create(L"FileLogWriter", LogWriter::WT_SINGLE_THREADED);
         ASSERT_FALSE(m_hFile.isNull());
@@ -182,11 +181,13 @@ TEST_F(LogMacroTest, GenericValuesPassAsTheyAre) {
 
 TEST_F(LogMacroTest, TemplatesNarrowOrWideWithoutInsertsAndWithPercent) {
     attachFileWriter();
-    WEBLOG_INFO("gr\xC3\xB6\xC3\x9F" "e %1", 3);  // größe
-    EXPECT_EQ(lastFileMessage(), "gr\xC3\xB6\xC3\x9F" "e 3");
+    WEBLOG_INFO("gr\xC3\xB6\xC3\x9F %1", 3);  // "größ", escaped as UTF-8 bytes
+    EXPECT_EQ(lastFileMessage(), "gr\xC3\xB6\xC3\x9F 3");
+    WEBLOG_INFO("größe %1", 4);  // typed as it is
+    EXPECT_EQ(lastFileMessage(), "gr\u00F6\u00DFe 4");
     WEBLOG_INFO(L"wide \u20AC %1", "x");
     EXPECT_EQ(lastFileMessage(), "wide \xE2\x82\xAC x");
-    WEBLOG_INFO("bad \xFF" " byte");
+    WEBLOG_INFO("bad \xFF byte");
     EXPECT_EQ(lastFileMessage(), "bad \xEF\xBF\xBD byte");
     WEBLOG_INFO("100%% done");
     EXPECT_EQ(lastFileMessage(), "100% done");
@@ -278,11 +279,11 @@ TEST_F(LogMacroTest, EachSeverityMacroLogsAtItsSeverity) {
     WEBLOG_TRACE_FINER("m");
     WEBLOG_TRACE_FINEST("m");
     const LogSeverity* arrExpected[] = {
-        &kSevErrorCorruption,  &kSevErrorFatal, &kSevErrorUnknown,    &kSevErrorCritical,
-        &kSevError,            &kSevErrorUser,  &kSevErrorMinor,      &kSevWarningCritical,
-        &kSevWarning,          &kSevWarningMinor, &kSevSecurityFatal, &kSevSecurityCritical,
-        &kSevSecurity,         &kSevSecurityMinor, &kSevInfoCritical, &kSevInfo,
-        &kSevInfoMinor,        &kSevTraceFine,  &kSevTraceFiner,      &kSevTraceFinest};
+        &kSevErrorCorruption, &kSevErrorFatal,    &kSevErrorUnknown,  &kSevErrorCritical,
+        &kSevError,           &kSevErrorUser,     &kSevErrorMinor,    &kSevWarningCritical,
+        &kSevWarning,         &kSevWarningMinor,  &kSevSecurityFatal, &kSevSecurityCritical,
+        &kSevSecurity,        &kSevSecurityMinor, &kSevInfoCritical,  &kSevInfo,
+        &kSevInfoMinor,       &kSevTraceFine,     &kSevTraceFiner,    &kSevTraceFinest};
     const auto records = m_hRecording->records();
     ASSERT_EQ(records.size(), std::size(arrExpected));
     for (std::size_t i = 0; i < records.size(); ++i) {
@@ -314,8 +315,9 @@ TEST_F(LogMacroTest, AcceptedCallAllocatesNothingInSteadyState) {
     m_hFile = Handle<LogWriter>();  // the last release closes the file and flushes it
     const std::vector<std::string> vecLines = fileLines();
     ASSERT_EQ(vecLines.size(), 101u);
-    EXPECT_EQ(messageOf(vecLines.back()),
-              "request 100 for J\xC3\xBCrgen on host-1 took 112.5 ms (literal, J\xC3\xBCrgen, 100)");
+    EXPECT_EQ(
+        messageOf(vecLines.back()),
+        "request 100 for J\xC3\xBCrgen on host-1 took 112.5 ms (literal, J\xC3\xBCrgen, 100)");
 }
 
 }  // namespace

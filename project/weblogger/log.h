@@ -48,8 +48,9 @@
 // inserts.
 //
 // Each macro is one statement (safe after an `if` without braces), and evaluates its logger and
-// severity expressions once. Logging never fails the caller: writers' failures stop at the
-// logger's entry points.
+// severity expressions once. WEBLOG and the severity macros look the thread's logger up on every
+// call (TmLogger::getLogger); a loop that holds the logger already saves that with WEBLOG_TO.
+// Logging never fails the caller: writers' failures stop at the logger's entry points.
 #pragma once
 
 #include <cstddef>

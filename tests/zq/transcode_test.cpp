@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace kiv {
 namespace {
 
@@ -57,6 +59,23 @@ TEST(TranscodeTest, EmptyAndBufferForms) {
     appendFromUtf8(wide, "\xC3\xBC");
     EXPECT_EQ(wide.view(), L"\u00FC");
     EXPECT_TRUE(widen("abc").equals(L"abc"));
+}
+
+TEST(TranscodeTest, LongTextDecodesIntoABufferWhole) {
+    std::string bytes = "[";
+    std::wstring expected = L"[";
+    for (int i = 0; i < 150; ++i) {
+        bytes += "\xC3\xA9\xF0\x9F\x98\x80";
+        bytes += 'a';
+        expected += L"\u00E9\U0001F600a";
+    }
+    bytes += "\xE2\x82";  // truncated at the very end
+    expected += L"\uFFFD";
+    StringBufferTemplate<16, wchar_t> wide;
+    wide.append(L"<");
+    appendFromUtf8(wide, bytes);
+    EXPECT_EQ(wide.view(), L"<" + expected);
+    EXPECT_TRUE(fromUtf8(bytes).equals(String(expected)));
 }
 
 }  // namespace

@@ -32,11 +32,21 @@ void appendFromUtf8(std::wstring& out, std::string_view bytes) {
 }
 
 void appendFromUtf8(StringBufferBaseTemplate<wchar_t>& out, std::string_view bytes) {
+    // Through a small chunk on the stack, so that the buffer checks its room and writes its
+    // terminator once per chunk rather than once per character (log inserts render this way).
+    constexpr std::size_t kChunk = 64;
+    wchar_t arrChunk[kChunk];
+    std::size_t nChars = 0;
     while (!bytes.empty()) {
         std::size_t nUsed;
-        out.append(decodeUtf8(bytes, nUsed));
+        arrChunk[nChars] = decodeUtf8(bytes, nUsed);
         bytes.remove_prefix(nUsed);
+        if (++nChars == kChunk) {
+            out.append(arrChunk, nChars);
+            nChars = 0;
+        }
     }
+    out.append(arrChunk, nChars);
 }
 
 String fromUtf8(std::string_view bytes) {
