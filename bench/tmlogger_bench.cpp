@@ -151,6 +151,26 @@ void BM_OneLineLogWithThreeInsertsToMemoryWriter(benchmark::State& state) {
 }
 BENCHMARK(BM_OneLineLogWithThreeInsertsToMemoryWriter)->Threads(1)->Threads(2);
 
+// The same with the name given already widened, as the two-step call above has it: the
+// difference from the narrow form is the decoding of the name as it renders.
+void BM_OneLineLogWithWideNameToMemoryWriter(benchmark::State& state) {
+    setUp();
+    TmLogger& logger = TmLogger::getLogger();
+    logger.pushSource(*g_hSource);
+    const String strWorker = fromUtf8(kWorker);
+    std::uint64_t i = 0;
+    std::int64_t nMillis = 12;
+    const std::size_t nStart = test::threadAllocationCount();
+    for (auto _ : state) {
+        WEBLOG_TO(logger, kSevError, "request %1 handled in %2 ms by worker %3", ++i, nMillis,
+                  strWorker);
+        benchmark::DoNotOptimize(nMillis);
+    }
+    reportAllocations(state, nStart);
+    logger.popSource();
+}
+BENCHMARK(BM_OneLineLogWithWideNameToMemoryWriter)->Threads(1)->Threads(2);
+
 // The same through the thread's logger, looked up by the call itself.
 void BM_OneLineLogOnThreadLoggerToMemoryWriter(benchmark::State& state) {
     setUp();
