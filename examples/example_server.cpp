@@ -12,6 +12,10 @@
 // by a back-end thread, to which it travels as a traceparent value over a queue; the back end's
 // lines continue the same trace.
 //
+// The server logs with the one-line calls of weblogger/log.h: each names its severity, its
+// template and its inserts (numbers and narrow text as they are), records its own file and line,
+// and computes nothing when no writer takes the message.
+//
 // Usage: example_server [logconfig.xml [seconds]]
 //   seconds: keep serving that long (so that there is time to edit the file and send SIGHUP);
 //   without it the workers stop after a fixed number of requests.
@@ -34,6 +38,7 @@
 
 #include "weblogger/executioncontext.h"
 #include "weblogger/kivmakelibloaded.h"
+#include "weblogger/log.h"
 #include "weblogger/loglifetime.h"
 #include "weblogger/logsource.h"
 #include "weblogger/tmlogger.h"
@@ -128,16 +133,12 @@ private:
 void runBackEnd(HandOffQueue& queue, const LogSourceHandle& http) {
     TmLogger& logger = TmLogger::getLogger();
     const LogSourceHandle backEnd(http, String(L"backend"));
-    const GDString finished(L"finished the request handed over as %1");
+    const TmLoggerPushSource pushed(&logger, backEnd.get());
     for (NString strWrapped = queue.pop(); !strWrapped.empty(); strWrapped = queue.pop()) {
         // The request's trace continues here, under a span of the back end's own.
         logger::ExecutionContextGuard context;
         context.initUnwrap(strWrapped);
-        const FileLocation here(L"examples/example_server.cpp", __LINE__);
-        logger.logMessage(
-            kSevInfo,
-            ReferentialParameterizedMessage(finished, GDString(fromUtf8(strWrapped.view()))),
-            backEnd.get(), &here);
+        WEBLOG_INFO("finished the request handed over as %1", strWrapped);
     }
 }
 
@@ -149,9 +150,7 @@ void handleRequests(int nWorker, const LogSourceHandle& http, HandOffQueue& back
     logger.pushProperty(String(L"ThreadID"), GDUInteger64(static_cast<std::uint64_t>(nWorker)),
                         0xFFFFFFFF);
     std::mt19937 random(static_cast<unsigned>(nWorker));
-    const GDString served(L"request %1 for %2 served in %3 ms");
-    const GDString slow(L"request %1 took %2 ms, more than the 200 ms budget");
-    const GDString parsed(L"parsed %1 headers");
+    // An exception carries a message value, not a log call: its template is a value.
     const GDString failed(L"request %1 failed: the database did not answer");
     const bool bByTime = deadline != std::chrono::steady_clock::time_point();
     for (int i = 0; bByTime ? std::chrono::steady_clock::now() < deadline : i < kRequestsPerWorker;
@@ -159,8 +158,8 @@ void handleRequests(int nWorker, const LogSourceHandle& http, HandOffQueue& back
         if (bByTime) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
-        const String user = widen("user" + std::to_string(random() % 20));
-        logger.pushProperty(String(L"userId"), GDString(user), 0xFFFFFFFF);
+        const std::string user = "user" + std::to_string(random() % 20);
+        logger.pushProperty(String(L"userId"), GDString(fromUtf8(user)), 0xFFFFFFFF);
         // Every line of this request carries its own ECID.
         logger::ExecutionContextGuard context;
         context.initCreateNew();
@@ -168,33 +167,27 @@ void handleRequests(int nWorker, const LogSourceHandle& http, HandOffQueue& back
         // Requests that take 2 ms or more of real time leave a trace in the files.
         const LogLifeTime timer(L"examples/example_server.cpp", __LINE__, request,
                                 String(L"handleRequest"), 2);
-        const GDUInteger64 id(static_cast<std::uint64_t>(nWorker * 10000 + i));
-        const GDUInteger64 millis(random() % 250);
-        const FileLocation here(L"examples/example_server.cpp", __LINE__);
+        const int id = nWorker * 10000 + i;
+        const unsigned millis = random() % 250;
 
         if (i % 50 == 0) {
             // Now and then a request really is slow, and its timer leaves a trace.
             std::this_thread::sleep_for(std::chrono::milliseconds(3));
         }
-        if (logger.calcEnabledWriters(kSevTraceFine)) {
-            logger.logToEnabledWriters1(kSevTraceFine, parsed, GDUInteger64(12 + i % 5), &here);
-        }
-        if (millis.getValue() > 200) {
-            logger.logMessage(kSevWarning, ReferentialParameterizedMessage(slow, id, millis),
-                              nullptr, &here);
+        WEBLOG_TRACE_FINE("parsed %1 headers", 12 + i % 5);
+        if (millis > 200) {
+            WEBLOG_WARNING("request %1 took %2 ms, more than the 200 ms budget", id, millis);
         }
         if (random() % 97 == 0) {
             const TmLoggerPushSource inDatabase(&logger, database.get());
-            Exception failure(ReferentialParameterizedMessage(failed, id));
+            Exception failure(ReferentialParameterizedMessage(failed, GDInteger64(id)));
             failure.linkException(Exception(GDString(L"connection reset by peer")));
+            const FileLocation here(L"" __FILE__, __LINE__);
             logger.logException(failure, &kSevError, &here);
         } else if (random() % 499 == 0) {
-            logger.logMessage(kSevErrorCorruption, GDString(L"session table inconsistent"), nullptr,
-                              &here);
+            WEBLOG_ERROR_CORRUPTION("session table inconsistent");
         } else {
-            logger.logMessage(kSevInfo,
-                              ReferentialParameterizedMessage(served, id, GDString(user), millis),
-                              nullptr, &here);
+            WEBLOG_INFO("request %1 for %2 served in %3 ms", id, user, millis);
         }
         if (bByTime ? i % 50 == 49 : i == kRequestsPerWorker - 1) {
             // Some requests are finished elsewhere, as a real server would queue them (when

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+#include <string>
+
 #include "support/alloc_counter.h"
 
 namespace kiv {
@@ -172,6 +175,72 @@ TEST(GDValueTest, FormattingIntoReusedBufferDoesNotAllocate) {
     }
     EXPECT_EQ(scope.count(), 0u);
     EXPECT_EQ(buffer.view(), L"valuea77");
+}
+
+TEST(GDValueTest, FloatShowsTheShortestTextThatReadsBack) {
+    EXPECT_TRUE(render(GDFloat(12.5)).equals(L"12.5"));
+    EXPECT_TRUE(render(GDFloat(0.1)).equals(L"0.1"));
+    EXPECT_TRUE(render(GDFloat(0.1f)).equals(L"0.1"));
+    EXPECT_TRUE(render(GDFloat(-3.0)).equals(L"-3"));
+    EXPECT_TRUE(render(GDFloat(1e20)).equals(L"1e+20"));
+    EXPECT_TRUE(render(GDFloat(-2.2250738585072014e-308)).equals(L"-2.2250738585072014e-308"));
+    EXPECT_TRUE(render(GDFloat(-std::numeric_limits<double>::infinity())).equals(L"-inf"));
+    EXPECT_TRUE(render(GDFloat(std::numeric_limits<double>::quiet_NaN())).equals(L"nan"));
+    EXPECT_TRUE(GDFloat(1.5).isNumber());
+    EXPECT_FALSE(GDFloat(1.5).isString());
+}
+
+TEST(GDValueTest, FloatCopyInAVariantOwnsItsTextWithoutAllocating) {
+    GDVariant copy;
+    test::AllocationScope scope;
+    {
+        const GDFloat number(6.25);
+        copy.set(number);
+    }
+    EXPECT_EQ(scope.count(), 0u);
+    EXPECT_TRUE(copy.isInline());
+    EXPECT_TRUE(render(*copy).equals(L"6.25"));
+}
+
+TEST(GDValueTest, Utf8RefDecodesTheCallersTextWhenRendered) {
+    const std::string owner = "gr\xC3\xBC\xC3\x9F \xE2\x82\xAC \xF0\x9F\x98\x80";  // grüß € 😀
+    const GDUtf8StringRef ref(owner);
+    EXPECT_EQ(ref.view().data(), owner.data());
+    EXPECT_TRUE(render(ref).equals(L"gr\u00FC\u00DF \u20AC \U0001F600"));
+    EXPECT_TRUE(render(GDUtf8StringRef("plain")).equals(L"plain"));
+    EXPECT_TRUE(render(GDUtf8StringRef(static_cast<const char*>(nullptr))).empty());
+    EXPECT_TRUE(render(GDUtf8StringRef(std::string_view("a\xFF"
+                                                        "b",
+                                                        3)))
+                    .equals(L"a\uFFFDb"));
+    EXPECT_TRUE(render(GDUtf8StringRef(std::string_view("ab\0c", 4))).equals(String(L"ab\0c", 4)));
+}
+
+TEST(GDValueTest, Utf8RefIsADeferredValueForEveryVisitor) {
+    const GDUtf8StringRef ref("x");
+    EXPECT_EQ(ref.kind(), GDValue::kKindDeferred);
+    EXPECT_FALSE(ref.isString());
+    KindRecorder recorder;
+    ref.accept(recorder);
+    EXPECT_TRUE(recorder.m_str.equals(L"d"));
+    StringBufferTemplate<16, wchar_t> buffer;
+    MessageFormatter::getDefault().FormatBuffer(buffer, ref, TextMessageBase::kXml);
+    EXPECT_EQ(buffer.view(), L"x");
+}
+
+TEST(GDValueTest, RenderingUtf8RefIntoReusedBufferDoesNotAllocate) {
+    const std::string owner(300, 'n');
+    const GDUtf8StringRef ref(owner);
+    StringBufferTemplate<511, wchar_t> buffer;
+    GDVariant copy;
+    test::AllocationScope scope;
+    copy.set(ref);
+    for (int i = 0; i < 100; ++i) {
+        buffer.clear();
+        MessageFormatter::getDefault().FormatBuffer(buffer, *copy);
+    }
+    EXPECT_EQ(scope.count(), 0u);
+    EXPECT_EQ(buffer.view(), std::wstring(300, L'n'));
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace kiv {
 namespace {
 
@@ -26,6 +28,27 @@ TEST(TranscodeTest, MalformedUtf8DecodesToReplacementCharacters) {
     EXPECT_TRUE(fromUtf8("\xE2\x82x").equals(L"\uFFFDx"));
 }
 
+// What a compile-time decode gives, character by character, with the bytes each one took.
+constexpr bool decodesTo(std::string_view bytes, std::wstring_view expected,
+                         std::size_t nExpectedUsed) {
+    std::size_t nUsed = 0;
+    return decodeUtf8(bytes, nUsed) == expected[0] && nUsed == nExpectedUsed;
+}
+
+TEST(TranscodeTest, OneSequenceDecodesAtCompileTimeAsAtRunTime) {
+    static_assert(decodesTo("a", L"a", 1));
+    static_assert(decodesTo("\xC3\xB6x", L"\u00F6", 2));
+    static_assert(decodesTo("\xF0\x9F\x98\x80", L"\U0001F600", 4));
+    static_assert(decodesTo("\xFF", L"\uFFFD", 1));
+    static_assert(decodesTo("\xE2\x82", L"\uFFFD", 2));      // truncated
+    static_assert(decodesTo("\xC0\xAF", L"\uFFFD", 2));      // overlong
+    static_assert(decodesTo("\xED\xA0\x80", L"\uFFFD", 3));  // an encoded surrogate
+    std::size_t nUsed = 0;
+    EXPECT_EQ(decodeUtf8("\xE2\x82\xAC", nUsed), L'\u20AC');
+    EXPECT_EQ(nUsed, 3u);
+    EXPECT_TRUE(fromUtf8("\xE2\x82\xAC\xFF").equals(L"\u20AC\uFFFD"));
+}
+
 TEST(TranscodeTest, EmptyAndBufferForms) {
     EXPECT_TRUE(toUtf8(L"").empty());
     EXPECT_TRUE(fromUtf8("").empty());
@@ -36,6 +59,23 @@ TEST(TranscodeTest, EmptyAndBufferForms) {
     appendFromUtf8(wide, "\xC3\xBC");
     EXPECT_EQ(wide.view(), L"\u00FC");
     EXPECT_TRUE(widen("abc").equals(L"abc"));
+}
+
+TEST(TranscodeTest, LongTextDecodesIntoABufferWhole) {
+    std::string bytes = "[";
+    std::wstring expected = L"[";
+    for (int i = 0; i < 150; ++i) {
+        bytes += "\xC3\xA9\xF0\x9F\x98\x80";
+        bytes += 'a';
+        expected += L"\u00E9\U0001F600a";
+    }
+    bytes += "\xE2\x82";  // truncated at the very end
+    expected += L"\uFFFD";
+    StringBufferTemplate<16, wchar_t> wide;
+    wide.append(L"<");
+    appendFromUtf8(wide, bytes);
+    EXPECT_EQ(wide.view(), L"<" + expected);
+    EXPECT_TRUE(fromUtf8(bytes).equals(String(expected)));
 }
 
 }  // namespace

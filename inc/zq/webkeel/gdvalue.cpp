@@ -1,6 +1,9 @@
 #include "zq/webkeel/gdvalue.h"
 
 #include <atomic>
+#include <charconv>
+
+#include "zq/webkeel/transcode.h"
 
 namespace kiv {
 namespace {
@@ -28,6 +31,32 @@ String GDValue::toString() const {
     StringBufferTemplate<255, wchar_t> buffer;
     appendText(buffer);
     return buffer.toString();
+}
+
+GDFloat::GDFloat(double d) noexcept {
+    char arrText[kMaxChars];
+    const std::to_chars_result result = std::to_chars(arrText, arrText + kMaxChars, d);
+    setText(arrText, result.ec == std::errc() ? result.ptr : arrText);
+}
+
+GDFloat::GDFloat(float f) noexcept {
+    char arrText[kMaxChars];
+    const std::to_chars_result result = std::to_chars(arrText, arrText + kMaxChars, f);
+    setText(arrText, result.ec == std::errc() ? result.ptr : arrText);
+}
+
+void GDFloat::setText(const char* pBegin, const char* pEnd) noexcept {
+    // The text is ASCII (digits, sign, point, exponent, "inf", "nan").
+    m_nChars = 0;
+    for (const char* p = pBegin; p != pEnd; ++p) {
+        m_arrText[m_nChars++] = static_cast<wchar_t>(*p);
+    }
+}
+
+int GDUtf8StringRef::bufferize(StringBufferBaseTemplate<wchar_t>& buffer,
+                               TextMessageBase::TextType /*type*/) const {
+    appendFromUtf8(buffer, m_view);
+    return 0;
 }
 
 void MessageFormatter::FormatBuffer(StringBufferBaseTemplate<wchar_t>& buffer, const GDValue& value,

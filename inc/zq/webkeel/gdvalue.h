@@ -2,9 +2,10 @@
 //
 // A GDValue is a small polymorphic value. The kinds the library needs are strings (GDString
 // owns its text, GDStringRef refers to the caller's text without copying), numbers
-// (GDUInteger64, GDInteger64), arrays (GDArray, whose text is the concatenation of its
+// (GDUInteger64, GDInteger64, GDFloat), arrays (GDArray, whose text is the concatenation of its
 // elements), references to another value (GDValueRef), values that write themselves into a
-// buffer when rendered (IGDStringBufferable, for deferred properties) and messages (declared
+// buffer when rendered (IGDStringBufferable, for deferred properties, and GDUtf8StringRef, which
+// refers to the caller's UTF-8 text and decodes it only when rendered) and messages (declared
 // with the message table).
 //
 // Values are copied polymorphically with clone() (heap) or placementClone() (into caller
@@ -194,6 +195,64 @@ public:
 
 private:
     std::int64_t m_n;
+};
+
+// A floating-point number, kept as the shortest decimal text that reads back to the same number
+// ("0.1", "12.5", "1e+20", "-inf", "nan"; a float gives the text of its own precision, "0.1"
+// rather than "0.10000000149011612"). The text is made once, when the value is, and held inside
+// it, so a copy owns everything it shows and rendering formats nothing. The visitors have no
+// floating-point entry, so they are shown that text as a string; the kind is still a number.
+class GDFloat final : public GDValueImpl<GDFloat> {
+public:
+    // Enough for every double: "-2.2250738585072014e-308" has 24 characters.
+    static constexpr std::size_t kMaxChars = 24;
+
+    explicit GDFloat(double d = 0) noexcept;
+    explicit GDFloat(float f) noexcept;
+    std::wstring_view view() const noexcept { return std::wstring_view(m_arrText, m_nChars); }
+    void accept(GDValueVisitor& visitor) const override { visitor.visitString(view()); }
+    void acceptMessageVisitor(const MessageVisitor& visitor,
+                              StringBufferBaseTemplate<wchar_t>& buffer,
+                              const MessageVisitorParams& params) const override {
+        visitor.visitString(view(), buffer, params);
+    }
+    Kind kind() const noexcept override { return kKindNumber; }
+
+private:
+    void setText(const char* pBegin, const char* pEnd) noexcept;
+
+    wchar_t m_arrText[kMaxChars] = {};
+    unsigned char m_nChars = 0;
+};
+
+// Refers to UTF-8 text owned by the caller and decodes it only when the value is rendered,
+// straight into the renderer's buffer: narrow text becomes a value without a wide copy and
+// without touching the heap, and nothing is decoded when nothing renders it. It is a deferred
+// value rather than a string because a string must show its text as one wide view
+// (GDValueVisitor::visitString), which this text never has; renderers reach it through
+// IGDStringBufferable, as they reach any value that writes itself. Malformed sequences render as
+// U+FFFD, as fromUtf8 decodes them. The text must outlive the value and its copies.
+class GDUtf8StringRef final : public GDValueImpl<GDUtf8StringRef>, public IGDStringBufferable {
+public:
+    // A null pointer is the empty text.
+    explicit GDUtf8StringRef(const char* psz) noexcept
+        : m_view(psz != nullptr ? std::string_view(psz) : std::string_view()) {}
+    explicit GDUtf8StringRef(std::string_view bytes) noexcept : m_view(bytes) {}
+    std::string_view view() const noexcept { return m_view; }
+    void accept(GDValueVisitor& visitor) const override { visitor.visitStringBufferable(*this); }
+    void acceptMessageVisitor(const MessageVisitor& visitor,
+                              StringBufferBaseTemplate<wchar_t>& buffer,
+                              const MessageVisitorParams& params) const override {
+        visitor.visitStringBufferable(*this, buffer, params);
+    }
+    Kind kind() const noexcept override { return kKindDeferred; }
+    // The decoded text as it is, for either text type: the same as a wide string value of that
+    // text renders.
+    int bufferize(StringBufferBaseTemplate<wchar_t>& buffer,
+                  TextMessageBase::TextType type) const override;
+
+private:
+    std::string_view m_view;
 };
 
 // Refers to another value without copying it; the target must outlive the reference.

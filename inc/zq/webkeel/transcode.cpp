@@ -1,46 +1,6 @@
 #include "zq/webkeel/transcode.h"
 
 namespace kiv {
-namespace {
-
-bool isScalarValue(std::uint32_t c) noexcept {
-    return c <= 0x10FFFF && !(c >= 0xD800 && c <= 0xDFFF);
-}
-
-// Decodes one sequence at p (n bytes available); returns the code point and sets nUsed.
-wchar_t decodeOne(const unsigned char* p, std::size_t n, std::size_t& nUsed) noexcept {
-    const unsigned char b0 = p[0];
-    nUsed = 1;
-    if (b0 < 0x80) {
-        return static_cast<wchar_t>(b0);
-    }
-    std::size_t nLen;
-    std::uint32_t c;
-    std::uint32_t nMin;
-    if ((b0 & 0xE0) == 0xC0) {
-        nLen = 2, c = b0 & 0x1F, nMin = 0x80;
-    } else if ((b0 & 0xF0) == 0xE0) {
-        nLen = 3, c = b0 & 0x0F, nMin = 0x800;
-    } else if ((b0 & 0xF8) == 0xF0) {
-        nLen = 4, c = b0 & 0x07, nMin = 0x10000;
-    } else {
-        return kReplacementChar;
-    }
-    for (std::size_t i = 1; i < nLen; ++i) {
-        if (i >= n || (p[i] & 0xC0) != 0x80) {
-            nUsed = i;
-            return kReplacementChar;
-        }
-        c = (c << 6) | (p[i] & 0x3F);
-    }
-    nUsed = nLen;
-    if (c < nMin || !isScalarValue(c)) {
-        return kReplacementChar;
-    }
-    return static_cast<wchar_t>(c);
-}
-
-}  // namespace
 
 void appendUtf8(std::string& out, std::wstring_view text) {
     char arrBytes[4];
@@ -64,25 +24,29 @@ NString toUtf8(std::wstring_view text) {
 }
 
 void appendFromUtf8(std::wstring& out, std::string_view bytes) {
-    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
-    std::size_t nLeft = bytes.size();
-    while (nLeft != 0) {
+    while (!bytes.empty()) {
         std::size_t nUsed;
-        out.push_back(decodeOne(p, nLeft, nUsed));
-        p += nUsed;
-        nLeft -= nUsed;
+        out.push_back(decodeUtf8(bytes, nUsed));
+        bytes.remove_prefix(nUsed);
     }
 }
 
 void appendFromUtf8(StringBufferBaseTemplate<wchar_t>& out, std::string_view bytes) {
-    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
-    std::size_t nLeft = bytes.size();
-    while (nLeft != 0) {
+    // Through a small chunk on the stack, so that the buffer checks its room and writes its
+    // terminator once per chunk rather than once per character (log inserts render this way).
+    constexpr std::size_t kChunk = 64;
+    wchar_t arrChunk[kChunk];
+    std::size_t nChars = 0;
+    while (!bytes.empty()) {
         std::size_t nUsed;
-        out.append(decodeOne(p, nLeft, nUsed));
-        p += nUsed;
-        nLeft -= nUsed;
+        arrChunk[nChars] = decodeUtf8(bytes, nUsed);
+        bytes.remove_prefix(nUsed);
+        if (++nChars == kChunk) {
+            out.append(arrChunk, nChars);
+            nChars = 0;
+        }
     }
+    out.append(arrChunk, nChars);
 }
 
 String fromUtf8(std::string_view bytes) {

@@ -46,6 +46,42 @@ inline std::size_t encodeUtf8(wchar_t wc, char* pOut) noexcept {
     return 4;
 }
 
+// Decodes the sequence at the start of bytes (which is not empty): returns its code point and
+// sets nUsed to the bytes it took. Inline and constexpr: it decodes every narrow text at run
+// time, and the templates of log calls at compile time.
+constexpr wchar_t decodeUtf8(std::string_view bytes, std::size_t& nUsed) noexcept {
+    const auto byteAt = [&bytes](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
+    const unsigned char b0 = byteAt(0);
+    nUsed = 1;
+    if (b0 < 0x80) {
+        return static_cast<wchar_t>(b0);
+    }
+    std::size_t nLen = 0;
+    std::uint32_t c = 0;
+    std::uint32_t nMin = 0;
+    if ((b0 & 0xE0) == 0xC0) {
+        nLen = 2, c = b0 & 0x1F, nMin = 0x80;
+    } else if ((b0 & 0xF0) == 0xE0) {
+        nLen = 3, c = b0 & 0x0F, nMin = 0x800;
+    } else if ((b0 & 0xF8) == 0xF0) {
+        nLen = 4, c = b0 & 0x07, nMin = 0x10000;
+    } else {
+        return kReplacementChar;
+    }
+    for (std::size_t i = 1; i < nLen; ++i) {
+        if (i >= bytes.size() || (byteAt(i) & 0xC0) != 0x80) {
+            nUsed = i;
+            return kReplacementChar;
+        }
+        c = (c << 6) | (byteAt(i) & 0x3F);
+    }
+    nUsed = nLen;
+    if (c < nMin || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) {
+        return kReplacementChar;
+    }
+    return static_cast<wchar_t>(c);
+}
+
 void appendUtf8(std::string& out, std::wstring_view text);
 void appendUtf8(StringBufferBaseTemplate<char>& out, std::wstring_view text);
 NString toUtf8(std::wstring_view text);
