@@ -212,7 +212,7 @@ void ConfigInspector::checkFormats() {
         const String& name = pFormat->unchecked_getAttributeValue(kFormatNameAttribute.view());
         const String& encoding = pFormat->unchecked_getAttributeValue(kEncodingAttribute.view());
         if (!encoding.empty() && encoding.compareNoCase(L"Xml") != 0 &&
-            encoding.compareNoCase(L"Plain") != 0) {
+            encoding.compareNoCase(L"Plain") != 0 && encoding.compareNoCase(L"Json") != 0) {
             // The compiler would stop at its assertion for this; the rest of the format is
             // compiled below only when the encoding is one it knows.
             addFinding(ConfigFinding::CF_WARNING,

@@ -187,8 +187,8 @@ KIV_CATALOGUE_MESSAGE(
 KIV_CATALOGUE_MESSAGE(
     kmsgLogConfigFormatEncodingInvalid,
     "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: the Format '<kivm:param "
-    "insert=\"3\"/>' has Encoding '<kivm:param insert=\"4\"/>', which is neither Xml nor "
-    "Plain; it is compiled with the default encoding.</TEXT>");
+    "insert=\"3\"/>' has Encoding '<kivm:param insert=\"4\"/>', which is none of Xml, "
+    "Plain and Json; it is compiled with the default encoding.</TEXT>");
 
 KIV_CATALOGUE_MESSAGE(
     kmsgLogConfigProblemAt,

@@ -96,7 +96,7 @@ extern const ExternalMessage kmsgLoggerInitializationFailed;
 // insert 1 ":" insert 2 ": the Format '" insert 3 "' does not compile: " insert 4
 extern const ExternalMessage kmsgLogConfigFormatNotCompiled;
 // insert 1 ":" insert 2 ": the Format '" insert 3 "' has Encoding '" insert 4 "', which is
-// neither Xml nor Plain; it is compiled with the default encoding."
+// none of Xml, Plain and Json; it is compiled with the default encoding."
 extern const ExternalMessage kmsgLogConfigFormatEncodingInvalid;
 // insert 1 ":" insert 2 ": " insert 3 (what is wrong, as the reader or a writer said it)
 extern const ExternalMessage kmsgLogConfigProblemAt;

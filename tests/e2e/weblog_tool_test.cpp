@@ -108,7 +108,8 @@ TEST(WeblogToolTest, CheckOfASoundFileExitsZero) {
   <WriterClassGroups><WriterClassGroup name="Console">1</WriterClassGroup></WriterClassGroups>
   <Filters><FilterRecord writerClassGroup="Console" path="kiv" error="32"/></Filters>
   <Writers><Writer name="console" implementation="CoutWriter" writerClassId="1"
-                   fmtName="Short"/></Writers>
+                   fmtName="Lines"/></Writers>
+  <Formats><Format name="Lines" Encoding="Json">{"m":"<MessageText/>"}<LineBreak/></Format></Formats>
 </Logging>
 )");
     const ToolRun run = runWeblog(dir, {"check", config});
@@ -168,8 +169,8 @@ TEST(WeblogToolTest, CheckReportsEveryProblemWithLineAndColumn) {
             ":18:5: error: the Format 'Broken' does not compile: Required attribute 'name' "
             "is missing in element 'Property'",
         config +
-            ":19:5: warning: the Format 'Odd' has Encoding 'Ebcdic', which is neither Xml "
-            "nor Plain; it is compiled with the default encoding.",
+            ":19:5: warning: the Format 'Odd' has Encoding 'Ebcdic', which is none of Xml, "
+            "Plain and Json; it is compiled with the default encoding.",
         config + ": 6 error(s), 4 warning(s)",
     };
     EXPECT_EQ(linesOf(run.strOut), vecExpected);
