@@ -11,6 +11,7 @@
 #include <string>
 
 #include "weblogger/internal/configdocument.h"
+#include "weblogger/internal/fatalsignalflush.h"
 #include "weblogger/internal/filelogwriter.h"
 #include "weblogger/keelloggerlogimpl.h"
 #include "weblogger/logfilterconfig.h"
@@ -133,6 +134,8 @@ void XmlLogConfiguration::configAll(const XmlElement& root, const ReplacementMap
     configGlobalFilters(element);
     LogWritersState state;
     configWriters(element, state, WT_GLOBAL, WD_GLOBAL, nullptr, nullptr);
+    // Last, so that a writer set up by this document is flushed by a crash right away.
+    logger_details::FatalSignalFlush::applySetting(element, place.strFile, place.lineOf(element));
 }
 
 void XmlLogConfiguration::configAll(const ZQWString& file, const ZQWString& selectPath,
