@@ -141,8 +141,8 @@ void expectFile(const std::string& path, const std::string& expected) {
         ++nSame;
     }
     EXPECT_TRUE(text == expected) << path << ": " << text.size() << " bytes, expected "
-                                  << expected.size() << "; they differ from byte " << nSame
-                                  << ": '" << text.substr(nSame, 120) << "' instead of '"
+                                  << expected.size() << "; they differ from byte " << nSame << ": '"
+                                  << text.substr(nSame, 120) << "' instead of '"
                                   << expected.substr(nSame, 120) << "'";
 }
 
@@ -155,14 +155,16 @@ TEST(FatalSignalFlushTest, NullDereferenceWritesEveryBufferedLineThenTheSignalLi
     TempDir dir;
     const int nStatus = runChild([&] { logThenCrash(dir.path(), &crashByNullDereference); });
     expectKilledBy(nStatus, SIGSEGV);
-    expectFile(dir.file("crash0.log"), kBom + numberedLines(kLines) + signalLine("SIGSEGV", SIGSEGV));
+    expectFile(dir.file("crash0.log"),
+               kBom + numberedLines(kLines) + signalLine("SIGSEGV", SIGSEGV));
 }
 
 TEST(FatalSignalFlushTest, AbortWritesEveryBufferedLineThenTheSignalLine) {
     TempDir dir;
     const int nStatus = runChild([&] { logThenCrash(dir.path(), [] { std::abort(); }); });
     expectKilledBy(nStatus, SIGABRT);
-    expectFile(dir.file("crash0.log"), kBom + numberedLines(kLines) + signalLine("SIGABRT", SIGABRT));
+    expectFile(dir.file("crash0.log"),
+               kBom + numberedLines(kLines) + signalLine("SIGABRT", SIGABRT));
 }
 
 // The host's handler: records whether the log file was complete when it ran, then lets the
@@ -245,8 +247,9 @@ TEST(FatalSignalFlushTest, WriterBusyAtTheCrashIsSkippedAndCountedOthersAreWritt
     expectKilledBy(nStatus, SIGABRT);
     expectFile(dir.file("busy0.log"), kBom);
     expectFile(dir.file("free0.log"), kBom + numberedLines(20) + signalLine("SIGABRT", SIGABRT));
-    EXPECT_NE(readFile(stderrPath).find("weblogger: Fatal signal SIGABRT: 1 log writer(s) were busy "
-                                        "and could not write out what they held.\n"),
+    EXPECT_NE(readFile(stderrPath)
+                  .find("weblogger: Fatal signal SIGABRT: 1 log writer(s) were busy "
+                        "and could not write out what they held.\n"),
               std::string::npos)
         << readFile(stderrPath);
 }
@@ -301,7 +304,8 @@ TEST(FatalSignalFlushTest, CallingThreadGetsAnAlternateStackAndAStackOverflowIsF
         });
     });
     expectKilledBy(nStatus, SIGSEGV);
-    expectFile(dir.file("crash0.log"), kBom + numberedLines(kLines) + signalLine("SIGSEGV", SIGSEGV));
+    expectFile(dir.file("crash0.log"),
+               kBom + numberedLines(kLines) + signalLine("SIGSEGV", SIGSEGV));
 }
 
 TEST(FatalSignalFlushTest, OtherThreadPreparedForTheFlushHasItsOwnAlternateStack) {
@@ -351,8 +355,7 @@ TEST(FatalSignalFlushTest, LoggingElementAttributeTurnsTheFlushOn) {
 
 TEST(FatalSignalFlushTest, InvalidAttributeIsReportedWithFileLineElementAndValue) {
     TempDir dir;
-    const int nStatus =
-        configureInChild("<Logging\n flushOnCrash='sometimes'/>", dir.file("err"));
+    const int nStatus = configureInChild("<Logging\n flushOnCrash='sometimes'/>", dir.file("err"));
     ASSERT_TRUE(WIFEXITED(nStatus));
     EXPECT_EQ(WEXITSTATUS(nStatus), 1);
     EXPECT_EQ(readFile(dir.file("err")),

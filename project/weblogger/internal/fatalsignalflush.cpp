@@ -25,7 +25,7 @@ struct FatalSignal {
     const wchar_t* pszName;
 };
 const FatalSignal kFatalSignals[] = {
-    {SIGSEGV, L"SIGSEGV"}, {SIGBUS, L"SIGBUS"}, {SIGFPE, L"SIGFPE"},
+    {SIGSEGV, L"SIGSEGV"}, {SIGBUS, L"SIGBUS"},   {SIGFPE, L"SIGFPE"},
     {SIGILL, L"SIGILL"},   {SIGABRT, L"SIGABRT"},
 };
 constexpr unsigned kSignalCount = sizeof(kFatalSignals) / sizeof(kFatalSignals[0]);
@@ -229,8 +229,8 @@ void onFatalSignal(int nSignal, siginfo_t* pInfo, void*) {
         flushWriters(nBank >= 0 ? &g_arrBanks[nBank][nIndex] : nullptr);
         g_nFlushState.store(2, std::memory_order_release);
     } else {
-        for (int nWaited = 0; nWaited < kWaitForFlushMillis &&
-                              g_nFlushState.load(std::memory_order_acquire) == 1;
+        for (int nWaited = 0;
+             nWaited < kWaitForFlushMillis && g_nFlushState.load(std::memory_order_acquire) == 1;
              ++nWaited) {
             sleepOneMillisecond();
         }

@@ -8,6 +8,7 @@
 
 #include "weblogger/internal/filelogwriter.h"
 #include "weblogger/internal/livefilewriters.h"
+#include "weblogger/logwritersman.h"
 
 namespace kiv::logger_details {
 namespace {
@@ -41,9 +42,12 @@ void prepareFork() noexcept {
         // them for its next try.
         pWriter->getLogFile().writeOutWholeRecords();
     }
+    // Last in the order: a writer takes it under its own lock at its first write.
+    LogWritersMan::lockLiveWritersList();
 }
 
 void release(bool bChild) noexcept {
+    LogWritersMan::unlockLiveWritersList();
     for (unsigned nSlot = g_nSlotsWalked; nSlot-- > 0;) {
         FileLogWriter* pWriter = g_arrHeld[nSlot];
         if (pWriter == nullptr) {

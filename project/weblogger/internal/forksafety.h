@@ -8,18 +8,21 @@
 //   a time goes through these handlers), then, for every file writer in the table of live file
 //   writers (livefilewriters.h) in slot order, pins its slot, takes its lock (waiting, as a log
 //   call does) and writes out what its buffer holds. No thread is inside a file writer then, and
-//   no buffer holds a line.
-// - parent (after the fork, in the parent): releases the writers' locks and pins in the reverse
-//   order, then the fork lock.
+//   no buffer holds a line. Last it takes the lock of the process-wide list of live writers,
+//   which a writer enters at its first write (the child's first write through a writer the
+//   parent never wrote to takes it).
+// - parent (after the fork, in the parent): releases the live-writers list's lock, the writers'
+//   locks and pins in the reverse order, then the fork lock.
 // - child: the same, after forgetting whatever a buffer still holds. That is only ever lines of a
 //   file whose writes are failing (a full disk): the parent keeps them and writes them when it
 //   can; in the child they would be a second copy.
 //
 // Lock order: the fork lock, then the writers' locks in slot order, each writer's lock after its
-// slot's pin. Taking them is safe against deadlock because no thread waits for a second writer's
-// lock while it holds one, and a writer's destructor (which waits for a pinned slot) holds no
-// writer's lock. A writer being destroyed while the prepare handler pins it cannot finish before
-// the parent handler unpins it; its destructor waits.
+// slot's pin, then the live-writers list's lock (taken last everywhere). Taking them is safe
+// against deadlock because no thread waits for a second writer's lock while it holds one, and a
+// writer's destructor (which waits for a pinned slot) holds no writer's lock. A writer being
+// destroyed while the prepare handler pins it cannot finish before the parent handler unpins it;
+// its destructor waits.
 //
 // The child's file writers go on writing to the same ring, through the file descriptions they
 // share with the parent. Writes to a shared description go to its common offset, so each line

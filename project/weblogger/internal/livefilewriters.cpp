@@ -29,8 +29,8 @@ bool LiveFileWriters::add(FileLogWriter* pWriter) noexcept {
         }
     }
     if (!g_bFullReported.exchange(true)) {
-        reportLoggerProblem(ParamMessage(kmsgLogCrashTableFull)
-                                .setInsert(1, GDUInteger64(kCapacity)));
+        reportLoggerProblem(
+            ParamMessage(kmsgLogCrashTableFull).setInsert(1, GDUInteger64(kCapacity)));
     }
     return false;
 }
