@@ -131,11 +131,11 @@ void XmlLogConfiguration::configAll(const XmlElement& root, const ReplacementMap
     SourcePlace place{FileBeingRead::current(), 0};
     const XmlElement& element =
         pReplacements != nullptr ? replaceVariables(root, *pReplacements, place, replaced) : root;
+    // First: it does not depend on the rest, and a writer that fails below must not keep it off.
+    logger_details::FatalSignalFlush::applySetting(element, place.strFile, place.lineOf(element));
     configGlobalFilters(element);
     LogWritersState state;
     configWriters(element, state, WT_GLOBAL, WD_GLOBAL, nullptr, nullptr);
-    // Last, so that a writer set up by this document is flushed by a crash right away.
-    logger_details::FatalSignalFlush::applySetting(element, place.strFile, place.lineOf(element));
 }
 
 void XmlLogConfiguration::configAll(const ZQWString& file, const ZQWString& selectPath,
