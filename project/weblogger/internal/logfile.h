@@ -107,8 +107,9 @@ public:
 
     // For the crash handler and the fork handlers, which reach the file without a log call
     // (the caller holds the writer's lock). These three allocate nothing, take no lock and
-    // throw nothing: they are made of write(2), ftruncate(2) and lseek(2) only, so the crash
-    // handler may call them.
+    // throw nothing: memmove, write(2), ftruncate(2) and lseek(2) are all they use, so the
+    // crash handler may call them.
+    //
     // Writes the whole records the buffer holds (a stalled file is tried once more) and forgets
     // them; the record in progress stays. False when the file is closed or a write failed
     // (the records then stay, as with any failed write).
