@@ -586,5 +586,60 @@ TEST(LogFileTest, FreshFileReplacesTheOldOneInsteadOfEmptyingItAndStaysOpen) {
     EXPECT_EQ(st.st_mode & 07777, 0600u);
 }
 
+TEST(LogFileTest, WriteOutWholeRecordsWritesThemAndKeepsTheRecordInProgress) {
+    TempDir dir;
+    const std::string path = dir.file("whole.log");
+    LogFile file;
+    file.openTruncate(wide(path));
+    writeText(file, "one\n");
+    file.endRecord();
+    writeText(file, "two\n");
+    file.endRecord();
+    writeText(file, "thr");
+    EXPECT_TRUE(file.writeOutWholeRecords());
+    EXPECT_EQ(readFile(path), "one\ntwo\n");
+    EXPECT_EQ(file.getBufferedBytes(), 3u);
+    // Written once: the buffer no longer holds them.
+    writeText(file, "ee\n");
+    file.flush();
+    EXPECT_EQ(readFile(path), "one\ntwo\nthree\n");
+    EXPECT_EQ(file.getFile().getKnownSize(), 14);
+}
+
+TEST(LogFileTest, WriteOutWholeRecordsOnAClosedFileIsFalse) {
+    LogFile file;
+    EXPECT_FALSE(file.writeOutWholeRecords());
+    EXPECT_FALSE(file.writeDirect("x", 1));
+}
+
+TEST(LogFileTest, WriteDirectGoesPastTheBufferAndCountsAsWritten) {
+    TempDir dir;
+    const std::string path = dir.file("direct.log");
+    LogFile file;
+    file.openTruncate(wide(path));
+    writeText(file, "buffered\n");
+    file.endRecord();
+    EXPECT_TRUE(file.writeOutWholeRecords());
+    EXPECT_TRUE(file.writeDirect("direct\n", 7));
+    writeText(file, "after\n");
+    file.close();
+    EXPECT_EQ(readFile(path), "buffered\ndirect\nafter\n");
+}
+
+TEST(LogFileTest, ForgetBufferedDropsWithoutWritingOrCounting) {
+    TempDir dir;
+    const std::string path = dir.file("forget.log");
+    LogFile file;
+    file.openTruncate(wide(path));
+    writeText(file, "parent's\n");
+    file.endRecord();
+    file.forgetBuffered();
+    EXPECT_EQ(file.getBufferedBytes(), 0u);
+    writeText(file, "child's\n");
+    file.close();
+    EXPECT_EQ(readFile(path), "child's\n");
+    EXPECT_EQ(file.takeDroppedRecords(), 0u);
+}
+
 }  // namespace
 }  // namespace kiv

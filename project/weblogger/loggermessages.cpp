@@ -258,6 +258,28 @@ GDString boundedInsert(std::wstring_view text, std::size_t nMax) {
     return GDString(strCut);
 }
 
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogCrashSignal,
+    "<TEXT>Fatal signal <kivm:param insert=\"1\"/> (<kivm:param insert=\"2\"/>): the lines "
+    "logged before it were written out; the process goes on to the signal's own "
+    "handling.</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogCrashWritersSkipped,
+    "<TEXT>Fatal signal <kivm:param insert=\"1\"/>: <kivm:param insert=\"2\"/> log writer(s) "
+    "were busy and could not write out what they held.</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogCrashTableFull,
+    "<TEXT>More than <kivm:param insert=\"1\"/> file writers exist at once; the ones beyond "
+    "are neither written out on a crash nor locked around a fork.</TEXT>");
+
+KIV_CATALOGUE_MESSAGE(
+    kmsgLogConfigFlushOnCrashInvalid,
+    "<TEXT><kivm:param insert=\"1\"/>:<kivm:param insert=\"2\"/>: the attribute flushOnCrash "
+    "of <kivm:param insert=\"3\"/> must be true or false (yes, no, 1, 0), not '<kivm:param "
+    "insert=\"4\"/>'; the crash flush is not turned on.</TEXT>");
+
 void reportLoggerProblem(const GDValue& message) noexcept {
     try {
         StringBufferTemplate<511, wchar_t> text;

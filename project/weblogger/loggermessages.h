@@ -89,6 +89,20 @@ extern const ExternalMessage kmsgLogConfigAttributeInvalid;
 // messages it cannot send are dropped and counted."
 extern const ExternalMessage kmsgLogWriterSystemLogDropping;
 
+// The crash flush (see crashflush.h). Rendered before any crash: the handler only copies them.
+// "Fatal signal " insert 1 " (" insert 2 "): the lines logged before it were written out; the
+// process goes on to the signal's own handling."
+extern const ExternalMessage kmsgLogCrashSignal;
+// "Fatal signal " insert 1 ": " insert 2 " log writer(s) were busy and could not write out
+// what they held."
+extern const ExternalMessage kmsgLogCrashWritersSkipped;
+// "More than " insert 1 " file writers exist at once; the ones beyond are neither written out
+// on a crash nor locked around a fork."
+extern const ExternalMessage kmsgLogCrashTableFull;
+// insert 1 ":" insert 2 ": the attribute flushOnCrash of " insert 3 " must be true or false
+// (yes, no, 1, 0), not '" insert 4 "'; the crash flush is not turned on."
+extern const ExternalMessage kmsgLogConfigFlushOnCrashInvalid;
+
 // The configuration loader's texts. Places are "file:line" (with ":column" where the parser
 // or the variable scanner gives one); values from the document are cut by boundedInsert.
 // "Logger initialization failed"

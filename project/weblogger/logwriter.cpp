@@ -250,6 +250,14 @@ void LogWritersMan::unlinkLiveWriter(LogWriter* pWriter) noexcept {
     pWriter->m_pPrevLive = pWriter->m_pNextLive = nullptr;
 }
 
+void LogWritersMan::lockLiveWritersList() noexcept {
+    g_liveWritersMutex.lock();
+}
+
+void LogWritersMan::unlockLiveWritersList() noexcept {
+    g_liveWritersMutex.unlock();
+}
+
 void LogWritersMan::collectLiveWriters(std::vector<Handle<LogWriter>>& out, bool bWithoutLockToo) {
     const std::lock_guard<std::mutex> lock(g_liveWritersMutex);
     for (LogWriter* pWriter = g_pLiveWriters; pWriter != nullptr; pWriter = pWriter->m_pNextLive) {

@@ -74,6 +74,12 @@ public:
     // the library's shutdown only, once no thread can reach the registry any more.
     static void destroyLogWritersMan() noexcept;
 
+    // For the fork handlers (internal/forksafety.h): the live-writers list's lock held across a
+    // fork, taken after every writer lock they hold (its place in the lock order), so that the
+    // child, whose first write through a writer enters that list, never finds it held.
+    static void lockLiveWritersList() noexcept;
+    static void unlockLiveWritersList() noexcept;
+
     // The library's shutdown routine, installed when the library loads.
     using ShutdownRoutine = void (*)() noexcept;
     static void setShutdownRoutine(ShutdownRoutine pfnShutdown) noexcept;

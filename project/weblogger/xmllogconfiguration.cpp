@@ -11,6 +11,7 @@
 #include <string>
 
 #include "weblogger/internal/configdocument.h"
+#include "weblogger/internal/fatalsignalflush.h"
 #include "weblogger/internal/filelogwriter.h"
 #include "weblogger/keelloggerlogimpl.h"
 #include "weblogger/logfilterconfig.h"
@@ -130,6 +131,8 @@ void XmlLogConfiguration::configAll(const XmlElement& root, const ReplacementMap
     SourcePlace place{FileBeingRead::current(), 0};
     const XmlElement& element =
         pReplacements != nullptr ? replaceVariables(root, *pReplacements, place, replaced) : root;
+    // First: it does not depend on the rest, and a writer that fails below must not keep it off.
+    logger_details::FatalSignalFlush::applySetting(element, place.strFile, place.lineOf(element));
     configGlobalFilters(element);
     LogWritersState state;
     configWriters(element, state, WT_GLOBAL, WD_GLOBAL, nullptr, nullptr);

@@ -1,9 +1,11 @@
 #include "weblogger/internal/configcheck.h"
 
+#include <optional>
 #include <set>
 #include <string>
 
 #include "weblogger/internal/configvariables.h"
+#include "weblogger/internal/fatalsignalflush.h"
 #include "weblogger/internal/filelogwriter.h"
 #include "weblogger/logfilterconfig.h"
 #include "weblogger/logsource.h"
@@ -210,6 +212,13 @@ ConfigurationReport reconfigureLocked(const XmlElement& root, const ReplacementM
     report.m_nFilterRecords =
         static_cast<unsigned>(pRoot->selectElements(kFilterRecordsPath.view()).size());
 
+    std::optional<ParamMessage> flushOnCrashProblem;
+    const FatalSignalFlush::FlushOnCrashSetting eFlushOnCrash = FatalSignalFlush::readSetting(
+        *pRoot, place.strFile, place.lineOf(*pRoot), flushOnCrashProblem);
+    if (flushOnCrashProblem) {
+        check.add(*flushOnCrashProblem);
+    }
+
     std::vector<Handle<LogWriter>> vecOld = currentGlobalWriters();
     std::vector<Handle<LogWriter>> vecNew;
     if (bLengthsFine) {
@@ -234,6 +243,11 @@ ConfigurationReport reconfigureLocked(const XmlElement& root, const ReplacementM
         }
         registry.versionIncrement();
     }
+    if (eFlushOnCrash == FatalSignalFlush::FC_ON) {
+        FatalSignalFlush::install();
+    }
+    // The message file may have changed with the document: the crash texts follow it.
+    FatalSignalFlush::renderTexts();
     report.m_bApplied = true;
     report.m_vecWritersAfter = describeWriters(vecNew);
     return report;

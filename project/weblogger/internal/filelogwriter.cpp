@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "weblogger/internal/filewriterattributes.h"
+#include "weblogger/internal/livefilewriters.h"
 #include "weblogger/internal/ringresume.h"
 #include "weblogger/loggermessages.h"
 #include "weblogger/logwritersman.h"
@@ -44,9 +45,13 @@ const unsigned char kByteOrderMark[] = {0xEF, 0xBB, 0xBF};
 
 FileLogWriter::FileLogWriter(const String& name, short id, WriterType type,
                              const Handle<const WriterFilter>& filter)
-    : LogWriter(name, id, type, filter) {}
+    : LogWriter(name, id, type, filter) {
+    logger_details::LiveFileWriters::add(this);
+}
 
 FileLogWriter::~FileLogWriter() {
+    // First: a crash or a fork that has this writer pinned is done with it when this returns.
+    logger_details::LiveFileWriters::remove(this);
     releaseRing();
 }
 

@@ -47,6 +47,11 @@
 //   The checks read the wall clock the writer reads anyway (no system call on Linux), so a
 //   message costs no system call beyond its write.
 //
+// Crashes and forks: every file writer is in the process-wide table of live file writers from
+// its constructor to the first statement of its destructor (livefilewriters.h), through which
+// the crash flush (crashflush.h) writes out its buffer on a fatal signal, and the fork handlers
+// (forksafety.h) lock and write it out around a fork.
+//
 // Locking: the writer's own lock is held for the whole of initializeByTime/initializeBySize,
 // logMessage and flush (rotation, rendering, flush), so rotation and writing never interleave.
 // initialize replaces the message writer before taking it, and appendFilePrefix takes no lock:
@@ -125,6 +130,10 @@ public:
     String getFilePathNW() const { return m_tCurFilePath.getFullPath(); }
     // The path in UTF-8 (the process's file names are UTF-8).
     NString getFilePathN() const;
+
+    // The file behind the writer, for the crash handler and the fork handlers
+    // (fatalsignalflush.h, forksafety.h): only under the writer's lock.
+    LogFile& getLogFile() noexcept { return m_CurFile; }
 
     ERotationType getRotationType() const noexcept { return m_eRotationType; }
     std::uint32_t getCurrentFileIndex() const noexcept { return m_iCurFile; }

@@ -245,6 +245,41 @@ bool LogFile::retryWrite() noexcept {
     return !m_bStalled;
 }
 
+bool LogFile::writeOutWholeRecords() noexcept {
+    if (!m_file.isOpen()) {
+        return false;
+    }
+    if (!retryWrite()) {
+        return false;
+    }
+    if (m_nRecordEnd > 0) {
+        writeOut(m_nRecordEnd, true);
+    }
+    return !m_bStalled;
+}
+
+bool LogFile::writeDirect(const void* p, unsigned long n) noexcept {
+    if (!m_file.isOpen() || m_bStalled) {
+        return false;
+    }
+    unsigned long nWritten = 0;
+    if (!m_file.writeBytes(p, n, nWritten, BinaryFile::kReturnFalse)) {
+        return false;
+    }
+    if (!m_bPartialInFile) {
+        m_nCleanEnd = m_file.getKnownPosition();
+    }
+    return true;
+}
+
+void LogFile::forgetBuffered() noexcept {
+    m_nUsed = 0;
+    m_nRecordEnd = 0;
+    m_nRecordsBuffered = 0;
+    m_bRecordLost = false;
+    m_bPartialInFile = false;
+}
+
 void LogFile::close() {
     if (!m_file.isOpen()) {
         return;

@@ -110,6 +110,22 @@ public:
     // Closes the file without writing anything to it, keeping the buffer for the next file.
     void detach() noexcept;
 
+    // For the crash handler and the fork handlers, which reach the file without a log call
+    // (the caller holds the writer's lock). These three allocate nothing, take no lock and
+    // throw nothing: memmove, write(2), ftruncate(2) and lseek(2) are all they use, so the
+    // crash handler may call them.
+    //
+    // Writes the whole records the buffer holds (a stalled file is tried once more) and forgets
+    // them; the record in progress stays. False when the file is closed or a write failed
+    // (the records then stay, as with any failed write).
+    bool writeOutWholeRecords() noexcept;
+    // Writes bytes straight to the file, past the buffer; the caller writes out the buffer
+    // first. False when the file is closed or the write failed.
+    bool writeDirect(const void* p, unsigned long n) noexcept;
+    // Forgets what the buffer holds without writing or counting it: in a forked child, whose
+    // parent writes those records itself.
+    void forgetBuffered() noexcept;
+
     bool isOpen() const noexcept { return m_file.isOpen(); }
     bool isStalled() const noexcept { return m_bStalled; }
     // The system's error of the write that stalled the file.
