@@ -17,6 +17,7 @@
 #include <mutex>
 #include <string>
 
+#include "ratio_reporter.h"
 #include "support/alloc_counter.h"
 #include "weblogger/logsource.h"
 #include "weblogger/logwritersman.h"
@@ -165,50 +166,12 @@ void BM_Spdlog_BasicFileSink_Short(benchmark::State& state) {
 BENCHMARK(BM_Spdlog_BasicFileSink_Short)->Threads(1)->Threads(2)->UseRealTime();
 #endif
 
-// Keeps the messages per second of every run and prints the ratios that matter at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        // With --benchmark_repetitions the median stands for the benchmark; otherwise the
-        // single run does.
-        for (const Run& run : runs) {
-            const auto it = run.counters.find("items_per_second");
-            if (it == run.counters.end()) {
-                continue;
-            }
-            if (run.run_type == Run::RT_Aggregate) {
-                if (run.aggregate_name == "median") {
-                    m_mapRates[run.run_name.str()] = it->second.value;
-                }
-            } else if (m_mapMedians.count(run.run_name.str()) == 0) {
-                m_mapRates[run.run_name.str()] = it->second.value;
-            }
-            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-                m_mapMedians[run.run_name.str()] = true;
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void printRatio(const char* pszWhat, const std::string& ours, const std::string& theirs) {
-        const auto itOurs = m_mapRates.find(ours);
-        const auto itTheirs = m_mapRates.find(theirs);
-        if (itOurs != m_mapRates.end() && itTheirs != m_mapRates.end() && itTheirs->second > 0) {
-            std::printf("%-60s %6.2fx  (%.0f vs %.0f msg/s)\n", pszWhat,
-                        itOurs->second / itTheirs->second, itOurs->second, itTheirs->second);
-        }
-    }
-
-private:
-    std::map<std::string, double> m_mapRates;
-    std::map<std::string, bool> m_mapMedians;
-};
-
 }  // namespace
 }  // namespace kiv
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
-    kiv::RatioReporter reporter;
+    kiv::bench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     std::printf("\n");
     for (const char* pszThreads : {"threads:1", "threads:2"}) {
