@@ -71,14 +71,16 @@ const LogSourceHandle& requestSource() {
 std::string loggingElement(Workload nWorkload, const std::string& strDir) {
     const bool bRotate = nWorkload == WL_ROTATE;
     const bool bFlush = nWorkload == WL_FILE1T_FLUSH;
-    return std::string("<Logging><WriterClassGroups><WriterClassGroup name='Files'>1"
-                       "</WriterClassGroup></WriterClassGroups><Filters>"
-                       "<FilterRecord writerClassGroup='Files' path='kiv' incident_error='65534' "
-                       "error='65534' warning='65534' information='65534' trace='0'/>"
-                       "</Filters><Writers><Writer name='peers' implementation='FileLogWriter' "
-                       "writerClassId='1' fmtName='Peers' dir='") +
+    return std::string(
+               "<Logging><WriterClassGroups><WriterClassGroup name='Files'>1"
+               "</WriterClassGroup></WriterClassGroups><Filters>"
+               "<FilterRecord writerClassGroup='Files' path='kiv' incident_error='65534' "
+               "error='65534' warning='65534' information='65534' trace='0'/>"
+               "</Filters><Writers><Writer name='peers' implementation='FileLogWriter' "
+               "writerClassId='1' fmtName='Peers' dir='") +
            strDir + "' filePrefix='bench' " +
-           (bRotate ? "maxFileSizeKb='64' filesN='10' " : "maxFileSizeKb='1073741824' filesN='1' ") +
+           (bRotate ? "maxFileSizeKb='64' filesN='10' "
+                    : "maxFileSizeKb='1073741824' filesN='1' ") +
            "autoFlush='" + (bFlush ? "yes" : "no") +
            "'/></Writers><Formats><Format name='Peers'>[<Time style='KLFTimeFormat'/>] "
            "[<MsgType style='long'/>] [<CurrentLogSource/>] <MessageText/><LineBreak/>"
@@ -171,11 +173,9 @@ void spdlogWorkload(benchmark::State& state, Workload nWorkload) {
     std::uint64_t i = static_cast<std::uint64_t>(state.thread_index()) << 40;
     for (auto _ : state) {
         if (nWorkload == WL_DISABLED) {
-            s_pLogger->debug("request {} handled in {} ms by worker {}", i, g_nMillis,
-                             g_pszWorker);
+            s_pLogger->debug("request {} handled in {} ms by worker {}", i, g_nMillis, g_pszWorker);
         } else {
-            s_pLogger->info("request {} handled in {} ms by worker {}", i, g_nMillis,
-                            g_pszWorker);
+            s_pLogger->info("request {} handled in {} ms by worker {}", i, g_nMillis, g_pszWorker);
         }
         ++i;
     }

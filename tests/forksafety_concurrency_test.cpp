@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <set>
 #include <sstream>
@@ -22,6 +23,24 @@
 #include "support/temp_dir.h"
 #include "support/writer_config.h"
 #include "weblogger/internal/filelogwriter.h"
+#include "weblogger/logsource.h"
+#include "weblogger/tmlogger.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+// Children here end with exit() while the parent's threads, whose stacks held the pointers to
+// the parent's objects, do not exist in them: every such object would look leaked to the leak
+// check that runs at a child's exit.
+extern "C" const char* __lsan_default_options() {
+    return "detect_leaks=0";
+}
+#endif
+#if defined(__SANITIZE_THREAD__)
+// ThreadSanitizer sleeps a second at every exit by default (for threads still running), the
+// children's exits included.
+extern "C" const char* __tsan_default_options() {
+    return "atexit_sleep_ms=0";
+}
+#endif
 
 namespace kiv {
 namespace {
@@ -203,6 +222,77 @@ TEST(ForkSafetyTest, WritersMadeAndDestroyedDuringForksAreNeitherLostNorLeftLock
         EXPECT_TRUE(setSeen.insert(line).second) << line;
     }
     EXPECT_EQ(setSeen.size(), static_cast<std::size_t>(kForks / 4));
+}
+
+// Threads that log through their loggers while the main thread forks, and children that log
+// through a logger of their own (made in the child) and end with exit(), which runs the
+// library's shutdown: it must neither wait for the parent's threads, which do not exist in the
+// child, nor find the live loggers' lock held. Each child's line is written out at its exit.
+TEST(ForkSafetyTest, ChildThatLogsAndEndsWithExitNeitherHangsNorWaits) {
+    TempDir dir;
+    const WriterConfig config(writerXml(dir.path(), "exit"));
+    Handle<LogWriter> hWriter = config.create(L"FileLogWriter");
+    ASSERT_FALSE(hWriter.isNull());
+    const LogSourceHandle source(String(L"forktest.exit"));
+    const_cast<LogSource&>(*source).getLogFilter().setLogLevelsForId(
+        3, LogLevels(65534, 65534, 65534, 65534, 65534));
+
+    std::atomic<bool> bStop{false};
+    std::atomic<long> nLogged{0};
+    std::vector<std::thread> vecThreads;
+    for (int nThread = 0; nThread < kThreads; ++nThread) {
+        vecThreads.emplace_back([&] {
+            TmLogger& logger = TmLogger::getLogger();
+            logger.addLocalWriter(hWriter.get());
+            logger.pushSource(*source);
+            const GDString text(L"parent");
+            while (!bStop.load(std::memory_order_relaxed)) {
+                logger.logMessage(kSevError, text);
+                nLogged.fetch_add(1, std::memory_order_relaxed);
+            }
+            logger.popSource();
+            logger.removeLocalWriter(hWriter.get());
+        });
+    }
+    while (nLogged.load() < 1000) {
+        std::this_thread::yield();
+    }
+    constexpr int kExitForks = 50;
+    int nHung = 0;
+    int nFailed = 0;
+    for (int nFork = 0; nFork < kExitForks; ++nFork) {
+        std::fflush(nullptr);
+        const pid_t nChild = ::fork();
+        ASSERT_GE(nChild, 0);
+        if (nChild == 0) {
+            // The forking thread has logged nowhere else: its logger is made in the child.
+            TmLogger& logger = TmLogger::getLogger();
+            logger.addLocalWriter(hWriter.get());
+            logger.pushSource(*source);
+            logLine(*hWriter, test::stateWithSource(L"forktest.exit"), "exited", nFork);
+            logger.popSource();
+            logger.removeLocalWriter(hWriter.get());
+            std::exit(0);
+        }
+        int nStatus = 0;
+        if (!waitForChild(nChild, 1000, nStatus)) {
+            ++nHung;
+        } else if (!WIFEXITED(nStatus) || WEXITSTATUS(nStatus) != 0) {
+            ++nFailed;
+        }
+    }
+    bStop = true;
+    for (std::thread& thread : vecThreads) {
+        thread.join();
+    }
+    hWriter->flush();
+    EXPECT_EQ(nHung, 0) << "children that did not end within a second";
+    EXPECT_EQ(nFailed, 0) << "children that did not exit normally";
+    const std::string text = readFile(dir.file("exit0.log"));
+    for (int nFork = 0; nFork < kExitForks; ++nFork) {
+        EXPECT_NE(text.find("exited " + std::to_string(nFork) + "\n"), std::string::npos)
+            << "child " << nFork;
+    }
 }
 
 }  // namespace

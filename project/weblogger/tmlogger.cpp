@@ -221,6 +221,23 @@ bool TmLogger::closeAndDrain(int nMillisLimit) noexcept {
     return true;
 }
 
+void TmLogger::lockLiveLoggersForFork() noexcept {
+    g_liveLoggersMutex.lock();
+}
+
+void TmLogger::unlockLiveLoggersAfterFork(bool bChild) noexcept {
+    if (bChild) {
+        const TmLogger* pOwn = callingThreadsLogger();
+        for (TmLogger* pLogger = g_pLiveLoggers; pLogger != nullptr;
+             pLogger = pLogger->m_pNextLive) {
+            if (pLogger != pOwn) {
+                pLogger->m_bInGate.store(false, std::memory_order_relaxed);
+            }
+        }
+    }
+    g_liveLoggersMutex.unlock();
+}
+
 bool TmLogger::otherThreadsHaveLoggers() noexcept {
     const TmLogger* pOwn = callingThreadsLogger();
     const std::lock_guard<std::mutex> lock(g_liveLoggersMutex);

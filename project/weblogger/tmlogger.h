@@ -146,6 +146,14 @@ public:
 
     const Handle<LogWriters>& getLogWriters() const noexcept { return m_hLogWriters; }
 
+    // ------------------------------------------------------------------ fork
+    // For the library's fork handlers. Before the fork: takes the live-loggers lock, so that no
+    // thread holds it while the process is copied. After it: releases the lock; in the child
+    // also marks every other thread's logger as outside any log call, because those threads do
+    // not exist there and a shutdown by exit() must not wait for their calls to end.
+    static void lockLiveLoggersForFork() noexcept;
+    static void unlockLiveLoggersAfterFork(bool bChild) noexcept;
+
     // ------------------------------------------------------------------ the logging time zone
     // Makes zone the process-wide zone of message time stamps and caches its short names
     // (language "en", without and with daylight saving). Throws std::bad_cast when the zone

@@ -9,6 +9,7 @@
 #include "weblogger/internal/filelogwriter.h"
 #include "weblogger/internal/livefilewriters.h"
 #include "weblogger/logwritersman.h"
+#include "weblogger/tmlogger.h"
 
 namespace kiv::logger_details {
 namespace {
@@ -42,11 +43,14 @@ void prepareFork() noexcept {
         // them for its next try.
         pWriter->getLogFile().writeOutWholeRecords();
     }
-    // Last in the order: a writer takes it under its own lock at its first write.
+    // After the writers: a writer takes it under its own lock at its first write.
     LogWritersMan::lockLiveWritersList();
+    // Last: nothing is taken under it, and a thread that makes or ends its logger holds it.
+    TmLogger::lockLiveLoggersForFork();
 }
 
 void release(bool bChild) noexcept {
+    TmLogger::unlockLiveLoggersAfterFork(bChild);
     LogWritersMan::unlockLiveWritersList();
     for (unsigned nSlot = g_nSlotsWalked; nSlot-- > 0;) {
         FileLogWriter* pWriter = g_arrHeld[nSlot];
