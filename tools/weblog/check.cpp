@@ -27,10 +27,10 @@ int runCheck(const Arguments& args) {
     if (!configReadable(kCheckCommand, file)) {
         return kExitProblems;
     }
-    kiv::ConfigInspector inspector(kiv::fromUtf8(file), vars.empty() ? nullptr : &vars);
+    kiv::ConfigReviewer reviewer(kiv::fromUtf8(file), vars.empty() ? nullptr : &vars);
     unsigned nErrors = 0;
     unsigned nWarnings = 0;
-    for (const kiv::ConfigFinding& finding : inspector.check()) {
+    for (const kiv::ConfigFinding& finding : reviewer.check()) {
         std::printf("%s\n", formatFinding(finding).c_str());
         ++(finding.m_nSeverity == kiv::ConfigFinding::CF_ERROR ? nErrors : nWarnings);
     }

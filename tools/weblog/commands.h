@@ -4,7 +4,7 @@
 #include <string>
 
 #include "options.h"
-#include "weblogger/configinspection.h"
+#include "weblogger/configreview.h"
 #include "zq/webkeel/string.h"
 
 namespace weblog {
@@ -23,8 +23,8 @@ int runCat(const Arguments& args);
 
 std::string utf8(const kiv::String& text);
 
-// "file:line" of an element of the inspected document.
-std::string placeOf(const kiv::ConfigInspector& inspector, const kiv::XmlElement& element);
+// "file:line" of an element of the document under review.
+std::string placeOf(const kiv::ConfigReviewer& reviewer, const kiv::XmlElement& element);
 
 // The --var option the configuration commands share.
 extern const OptionDescription kVarOption;
@@ -38,7 +38,7 @@ bool configReadable(const CommandDescription& description, const std::string& fi
 
 // A command that needs the document's thresholds or writers stops at a document the loader
 // would refuse: its problems are printed as check prints them, and false returned.
-bool loadableOrReport(kiv::ConfigInspector& inspector);
+bool loadableOrReport(kiv::ConfigReviewer& reviewer);
 
 // "file:line:column: error: text" (or "file: error: text" without a place).
 std::string formatFinding(const kiv::ConfigFinding& finding);

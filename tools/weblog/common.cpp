@@ -11,8 +11,8 @@ std::string utf8(const kiv::String& text) {
     return kiv::toUtf8(text.view()).std();
 }
 
-std::string placeOf(const kiv::ConfigInspector& inspector, const kiv::XmlElement& element) {
-    return utf8(inspector.getFile()) + ":" + std::to_string(element.getLine());
+std::string placeOf(const kiv::ConfigReviewer& reviewer, const kiv::XmlElement& element) {
+    return utf8(reviewer.getFile()) + ":" + std::to_string(element.getLine());
 }
 
 const OptionDescription kVarOption{"var", "name=value",
@@ -53,9 +53,9 @@ std::string formatFinding(const kiv::ConfigFinding& finding) {
     return text + utf8(finding.m_strText);
 }
 
-bool loadableOrReport(kiv::ConfigInspector& inspector) {
-    bool bLoadable = inspector.getRoot() != nullptr;
-    for (const kiv::ConfigFinding& finding : inspector.check()) {
+bool loadableOrReport(kiv::ConfigReviewer& reviewer) {
+    bool bLoadable = reviewer.getRoot() != nullptr;
+    for (const kiv::ConfigFinding& finding : reviewer.check()) {
         if (finding.m_nSeverity == kiv::ConfigFinding::CF_ERROR) {
             std::fprintf(stderr, "%s\n", formatFinding(finding).c_str());
             bLoadable = false;

@@ -23,18 +23,18 @@ const CommandDescription kExplainCommand{
 
 namespace {
 
-std::string recordText(const kiv::ConfigInspector& inspector, const kiv::XmlElement& record) {
-    return placeOf(inspector, record) + " (FilterRecord path=\"" +
+std::string recordText(const kiv::ConfigReviewer& reviewer, const kiv::XmlElement& record) {
+    return placeOf(reviewer, record) + " (FilterRecord path=\"" +
            utf8(record.getAttributeValue(L"path")) + "\")";
 }
 
 // "set by file:line (...)" or "inherited from SOURCE, set there by file:line (...)".
-std::string originText(const kiv::ConfigInspector& inspector, const kiv::ZQWString& source,
+std::string originText(const kiv::ConfigReviewer& reviewer, const kiv::ZQWString& source,
                        const kiv::ZQWString& setAt, const kiv::XmlElement& record) {
     if (setAt == source) {
-        return "set by " + recordText(inspector, record);
+        return "set by " + recordText(reviewer, record);
     }
-    return "inherited from " + utf8(setAt) + ", set there by " + recordText(inspector, record);
+    return "inherited from " + utf8(setAt) + ", set there by " + recordText(reviewer, record);
 }
 
 std::string comparison(std::uint16_t nThreshold, std::uint64_t nImportance) {
@@ -73,22 +73,22 @@ int runExplain(const Arguments& args) {
     if (!configReadable(kExplainCommand, file)) {
         return kExitProblems;
     }
-    kiv::ConfigInspector inspector(kiv::fromUtf8(file), vars.empty() ? nullptr : &vars);
-    if (!loadableOrReport(inspector)) {
+    kiv::ConfigReviewer reviewer(kiv::fromUtf8(file), vars.empty() ? nullptr : &vars);
+    if (!loadableOrReport(reviewer)) {
         return kExitProblems;
     }
-    inspector.applyThresholds({sourcePath});
+    reviewer.applyThresholds({sourcePath});
     const kiv::LogSource& source =
         *kiv::LogSourcesMan::getLogSourcesMan().getLogSource(nullptr, sourcePath);
 
     std::printf("%s, %s of importance %s:\n", utf8(sourcePath).c_str(), typeWord.c_str(),
                 importanceText.c_str());
-    const std::vector<const kiv::XmlElement*> vecWriters = inspector.getWriters();
+    const std::vector<const kiv::XmlElement*> vecWriters = reviewer.getWriters();
     if (vecWriters.empty()) {
         std::printf("  no writer is configured\n");
     }
     for (const kiv::XmlElement* pWriter : vecWriters) {
-        const int nId = kiv::ConfigInspector::writerIdOf(*pWriter);
+        const int nId = kiv::ConfigReviewer::writerIdOf(*pWriter);
         if (nId < 0) {
             // Refused by the check above; nothing to explain.
             continue;
@@ -96,19 +96,19 @@ int runExplain(const Arguments& args) {
         const std::string header = "writer \"" + utf8(pWriter->getAttributeValue(L"name")) +
                                    "\" (id " + std::to_string(nId) + ", " +
                                    utf8(pWriter->getAttributeValue(L"implementation")) + ")";
-        const kiv::ConfigInspector::ThresholdOrigin origin =
-            inspector.thresholdOrigin(source, nId, severity.m_nType);
+        const kiv::ConfigReviewer::ThresholdOrigin origin =
+            reviewer.thresholdOrigin(source, nId, severity.m_nType);
         const bool bSourcePasses =
             origin.m_nThreshold != kiv::LogLevels::kNotSet && origin.m_nThreshold >= nImportance;
-        const kiv::ConfigInspector::WriterFilterOrigin writerOrigin =
-            inspector.writerFilterOrigin(*pWriter, source, severity);
+        const kiv::ConfigReviewer::WriterFilterOrigin writerOrigin =
+            reviewer.writerFilterOrigin(*pWriter, source, severity);
         const bool bReached = bSourcePasses && writerOrigin.m_bPasses;
         std::printf("%s: %s\n", header.c_str(), bReached ? "reached" : "not reached");
 
         std::string sourceLine = "  source filter: " + typeWord + " threshold " +
                                  comparison(origin.m_nThreshold, nImportance) + ", ";
         sourceLine += origin.m_pRecord != nullptr
-                          ? originText(inspector, sourcePath, origin.m_strSource, *origin.m_pRecord)
+                          ? originText(reviewer, sourcePath, origin.m_strSource, *origin.m_pRecord)
                           : "no record sets it for this source or an ancestor (the default 0)";
         std::printf("%s\n", sourceLine.c_str());
 
@@ -116,10 +116,10 @@ int runExplain(const Arguments& args) {
         if (!writerOrigin.m_bHasFilter) {
             writerLine += "none (the writer takes every source)";
         } else if (writerOrigin.m_pRecord != nullptr) {
-            writerLine += typeWord + " threshold " +
-                          comparison(writerOrigin.m_nThreshold, nImportance) + ", " +
-                          originText(inspector, sourcePath, writerOrigin.m_strSource,
-                                     *writerOrigin.m_pRecord);
+            writerLine +=
+                typeWord + " threshold " + comparison(writerOrigin.m_nThreshold, nImportance) +
+                ", " +
+                originText(reviewer, sourcePath, writerOrigin.m_strSource, *writerOrigin.m_pRecord);
         } else {
             writerLine += std::string("no record of the writer sets ") + typeWord +
                           " for this source or an ancestor, so it " +

@@ -58,12 +58,12 @@ int runRender(const Arguments& args) {
     if (!configReadable(kRenderCommand, file)) {
         return kExitProblems;
     }
-    kiv::ConfigInspector inspector(kiv::fromUtf8(file), vars.empty() ? nullptr : &vars);
-    if (inspector.getRoot() == nullptr) {
-        loadableOrReport(inspector);
+    kiv::ConfigReviewer reviewer(kiv::fromUtf8(file), vars.empty() ? nullptr : &vars);
+    if (reviewer.getRoot() == nullptr) {
+        loadableOrReport(reviewer);
         return kExitProblems;
     }
-    if (inspector.findFormat(kiv::fromUtf8(formatName)) == nullptr) {
+    if (reviewer.findFormat(kiv::fromUtf8(formatName)) == nullptr) {
         std::fprintf(stderr, "weblog render: %s\n",
                      utf8(kiv::ParamMessage(kiv::kmsgFormatNotFound)
                               .setInsert(1, kiv::GDString(kiv::fromUtf8(formatName)))
@@ -81,7 +81,7 @@ int runRender(const Arguments& args) {
         "information=\"65534\" trace=\"65534\"/></Filters><Writers><Writer name=\"render\" "
         "implementation=\"CoutWriter\" writerClassId=\"0\" fmtName=\"" +
         xmlAttributeText(formatName) + "\"/></Writers>";
-    for (const kiv::XmlElement* pFormats : inspector.getRoot()->selectElements(L"Formats")) {
+    for (const kiv::XmlElement* pFormats : reviewer.getRoot()->selectElements(L"Formats")) {
         document += utf8(pFormats->toXmlString());
     }
     document += "</Logging>";

@@ -28,10 +28,10 @@ const CommandDescription kThresholdsCommand{
 namespace {
 
 // The sources that the file's records name by exact path, and their ancestors, sorted.
-std::vector<kiv::ZQWString> namedSources(const kiv::ConfigInspector& inspector) {
+std::vector<kiv::ZQWString> namedSources(const kiv::ConfigReviewer& reviewer) {
     std::vector<const kiv::XmlElement*> vecRecords =
-        inspector.getRoot()->selectElements(L"Filters/FilterRecord");
-    for (const kiv::XmlElement* pWriter : inspector.getWriters()) {
+        reviewer.getRoot()->selectElements(L"Filters/FilterRecord");
+    for (const kiv::XmlElement* pWriter : reviewer.getWriters()) {
         for (const kiv::XmlElement* pRecord : pWriter->selectElements(L"Filters/FilterRecord")) {
             vecRecords.push_back(pRecord);
         }
@@ -62,23 +62,23 @@ int runThresholds(const Arguments& args) {
     if (!configReadable(kThresholdsCommand, file)) {
         return kExitProblems;
     }
-    kiv::ConfigInspector inspector(kiv::fromUtf8(file), vars.empty() ? nullptr : &vars);
-    if (!loadableOrReport(inspector)) {
+    kiv::ConfigReviewer reviewer(kiv::fromUtf8(file), vars.empty() ? nullptr : &vars);
+    if (!loadableOrReport(reviewer)) {
         return kExitProblems;
     }
     std::vector<kiv::ZQWString> vecSources;
     for (std::size_t i = 1; i < args.vecPositional.size(); ++i) {
         vecSources.push_back(kiv::fromUtf8(args.vecPositional[i]));
     }
-    inspector.applyThresholds(vecSources);
+    reviewer.applyThresholds(vecSources);
     if (vecSources.empty()) {
-        vecSources = namedSources(inspector);
+        vecSources = namedSources(reviewer);
     }
 
     // Writer id to the names of its writers.
     std::map<int, std::string> mapWriters;
-    for (const kiv::XmlElement* pWriter : inspector.getWriters()) {
-        const int nId = kiv::ConfigInspector::writerIdOf(*pWriter);
+    for (const kiv::XmlElement* pWriter : reviewer.getWriters()) {
+        const int nId = kiv::ConfigReviewer::writerIdOf(*pWriter);
         if (nId >= 0) {
             std::string& names = mapWriters[nId];
             names += (names.empty() ? "" : ",") + utf8(pWriter->getAttributeValue(L"name"));

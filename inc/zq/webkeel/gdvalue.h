@@ -11,7 +11,7 @@
 // Values are copied polymorphically with clone() (heap) or placementClone() (into caller
 // memory); GDAdjustableSizeVariant keeps a copy in inline storage when it fits, so copying a
 // typical property value does not allocate. Two visitors walk values: GDValueVisitor for
-// inspection and MessageVisitor for the text message formatter, which renders into a reused
+// examining a value and MessageVisitor for the text message formatter, which renders into a reused
 // wide buffer.
 #pragma once
 

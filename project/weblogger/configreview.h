@@ -2,7 +2,7 @@
 // every problem of a document at once, each with its line and column, and where each threshold
 // a source ends up with was written.
 //
-// ConfigInspector reads a document the way reconfigure does (variables replaced in the file's
+// ConfigReviewer reads a document the way reconfigure does (variables replaced in the file's
 // own text, so places are the places as written) and runs the same checks, plus the ones the
 // loader passes over silently: values that the numbers rules read as something else, formats
 // that no writer could use, patterns that reach no source, two file writers sharing one ring.
@@ -11,7 +11,7 @@
 //
 // Explaining thresholds needs the source tree of this process: applyThresholds creates the
 // sources the document names (and the ones asked about) and applies the document's global
-// records to the tree, as configAll would, without building any writer. An inspector is meant
+// records to the tree, as configAll would, without building any writer. An reviewer is meant
 // for a process of its own, such as the operators' command-line tool; it is not thread-safe.
 #pragma once
 
@@ -41,7 +41,7 @@ public:
     String m_strText;
 };
 
-class ConfigInspector {
+class ConfigReviewer {
 public:
     // Where a threshold of one source, writer id and message type came from.
     struct ThresholdOrigin {
@@ -68,7 +68,7 @@ public:
 
     // Reads file; problems reading it (not well-formed, an unterminated "{%", unreadable) are
     // the first findings of check, and getRoot is then null.
-    ConfigInspector(const ZQWString& file, const ReplacementMap* pVariables);
+    ConfigReviewer(const ZQWString& file, const ReplacementMap* pVariables);
 
     const ZQWString& getFile() const noexcept { return m_strFile; }
     const XmlElement* getRoot() const noexcept { return m_document.getDocumentElement(); }

@@ -1,4 +1,4 @@
-#include "weblogger/configinspection.h"
+#include "weblogger/configreview.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -88,7 +88,7 @@ String ringKeyOf(const String& dir, const String& prefix) {
 
 }  // namespace
 
-ConfigInspector::ConfigInspector(const ZQWString& file, const ReplacementMap* pVariables)
+ConfigReviewer::ConfigReviewer(const ZQWString& file, const ReplacementMap* pVariables)
     : m_strFile(file) {
     try {
         String text;
@@ -126,20 +126,20 @@ ConfigInspector::ConfigInspector(const ZQWString& file, const ReplacementMap* pV
     m_vecLoadFindings.swap(m_vecFindings);
 }
 
-void ConfigInspector::addFinding(ConfigFinding::Severity nSeverity, const GDValue& message,
-                                 unsigned nLine, unsigned nColumn) {
+void ConfigReviewer::addFinding(ConfigFinding::Severity nSeverity, const GDValue& message,
+                                unsigned nLine, unsigned nColumn) {
     m_vecFindings.push_back(
         ConfigFinding{nSeverity, m_strFile, nLine, nColumn,
                       withoutPlace(logger_details::textOf(message), m_strFile)});
 }
 
-void ConfigInspector::addFinding(ConfigFinding::Severity nSeverity, const GDValue& message,
-                                 const XmlElement* pElement) {
+void ConfigReviewer::addFinding(ConfigFinding::Severity nSeverity, const GDValue& message,
+                                const XmlElement* pElement) {
     addFinding(nSeverity, message, pElement != nullptr ? pElement->getLine() : 0,
                pElement != nullptr ? pElement->getColumn() : 0);
 }
 
-std::vector<ConfigFinding> ConfigInspector::check() {
+std::vector<ConfigFinding> ConfigReviewer::check() {
     m_vecFindings = m_vecLoadFindings;
     const XmlElement* pRoot = getRoot();
     if (pRoot == nullptr) {
@@ -207,7 +207,7 @@ std::vector<ConfigFinding> ConfigInspector::check() {
     return m_vecFindings;
 }
 
-void ConfigInspector::checkFormats() {
+void ConfigReviewer::checkFormats() {
     for (const XmlElement* pFormat : getRoot()->selectElements(kFormatPath.view())) {
         const String& name = pFormat->unchecked_getAttributeValue(kFormatNameAttribute.view());
         const String& encoding = pFormat->unchecked_getAttributeValue(kEncodingAttribute.view());
@@ -244,7 +244,7 @@ void ConfigInspector::checkFormats() {
     }
 }
 
-void ConfigInspector::checkWriterFormatsAndRings() {
+void ConfigReviewer::checkWriterFormatsAndRings() {
     const logger_details::SourcePlace place{m_strFile, 0};
     // Ring key to the name of the first writer on it.
     std::map<String, String> mapRings;
@@ -285,20 +285,20 @@ void ConfigInspector::checkWriterFormatsAndRings() {
     }
 }
 
-const XmlElement* ConfigInspector::findFormat(const String& name) const {
+const XmlElement* ConfigReviewer::findFormat(const String& name) const {
     LogWritersFactory::ConfigChain chain;
     logger_details::buildFormatChain(*getRoot(), chain);
     return LogWritersFactory::findFormat(chain, name);
 }
 
-std::vector<const XmlElement*> ConfigInspector::getWriters() const {
+std::vector<const XmlElement*> ConfigReviewer::getWriters() const {
     if (getRoot() == nullptr) {
         return {};
     }
     return getRoot()->selectElements(logger_details::kWritersPath.view());
 }
 
-int ConfigInspector::writerIdOf(const XmlElement& writer) {
+int ConfigReviewer::writerIdOf(const XmlElement& writer) {
     const String& id =
         writer.unchecked_getAttributeValue(logger_details::kWriterClassAttribute.view());
     if (!writer.hasAttribute(logger_details::kWriterClassAttribute.view()) ||
@@ -308,7 +308,7 @@ int ConfigInspector::writerIdOf(const XmlElement& writer) {
     return static_cast<int>(std::wcstol(id.c_str(), nullptr, 10));
 }
 
-void ConfigInspector::createNamedSources() const {
+void ConfigReviewer::createNamedSources() const {
     LogSourcesMan& sources = LogSourcesMan::getLogSourcesMan();
     for (const XmlElement* pRecord :
          getRoot()->selectElements(logger_details::kFilterRecordsPath.view())) {
@@ -328,7 +328,7 @@ void ConfigInspector::createNamedSources() const {
     }
 }
 
-void ConfigInspector::applyThresholds(const std::vector<ZQWString>& vecSources) {
+void ConfigReviewer::applyThresholds(const std::vector<ZQWString>& vecSources) {
     createNamedSources();
     for (const ZQWString& source : vecSources) {
         LogSourcesMan::getLogSourcesMan().getLogSource(nullptr, source);
@@ -336,8 +336,8 @@ void ConfigInspector::applyThresholds(const std::vector<ZQWString>& vecSources) 
     XmlLogConfiguration::configGlobalFilters(*getRoot());
 }
 
-const XmlElement* ConfigInspector::exactRecordFor(const ZQWString& path, int nWriterId,
-                                                  bool& bPathKnown) const {
+const XmlElement* ConfigReviewer::exactRecordFor(const ZQWString& path, int nWriterId,
+                                                 bool& bPathKnown) const {
     const XmlElement* pLast = nullptr;
     bPathKnown = false;
     for (const XmlElement* pRecord :
@@ -359,8 +359,9 @@ const XmlElement* ConfigInspector::exactRecordFor(const ZQWString& path, int nWr
     return pLast;
 }
 
-ConfigInspector::ThresholdOrigin ConfigInspector::thresholdOrigin(
-    const LogSource& source, int nWriterId, LogSeverity::MsgType nType) const {
+ConfigReviewer::ThresholdOrigin ConfigReviewer::thresholdOrigin(const LogSource& source,
+                                                                int nWriterId,
+                                                                LogSeverity::MsgType nType) const {
     const std::uint16_t nThreshold =
         source.getLogFilter().getLogLevels(nWriterId).m_arrLogLevels[nType];
     const std::vector<const XmlElement*> vecRecords =
@@ -395,7 +396,7 @@ ConfigInspector::ThresholdOrigin ConfigInspector::thresholdOrigin(
     return ThresholdOrigin{nThreshold, ZQWString(), nullptr};
 }
 
-ConfigInspector::WriterFilterOrigin ConfigInspector::writerFilterOrigin(
+ConfigReviewer::WriterFilterOrigin ConfigReviewer::writerFilterOrigin(
     const XmlElement& writer, const LogSource& source, const LogSeverity& severity) const {
     const std::vector<const XmlElement*> vecRecords =
         writer.selectElements(logger_details::kFilterRecordsPath.view());
