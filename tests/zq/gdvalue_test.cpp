@@ -52,6 +52,30 @@ TEST(GDValueTest, StringsAndNumbersRenderTheirText) {
     EXPECT_TRUE(render(GDStringRef(static_cast<const wchar_t*>(nullptr))).empty());
 }
 
+TEST(GDValueTest, StringsHandTheirTextOutAsItStandsAndOtherValuesDoNot) {
+    std::wstring_view text;
+    const GDString str(String(L"a\0b", 3));
+    ASSERT_TRUE(str.readyText(text));
+    EXPECT_EQ(text, std::wstring_view(L"a\0b", 3));
+    EXPECT_EQ(text.data(), str.getString().data());
+    const String owner(L"caller text");
+    const GDStringRef ref(owner);
+    ASSERT_TRUE(ref.readyText(text));
+    EXPECT_EQ(text.data(), owner.data());
+    EXPECT_EQ(text.size(), owner.size());
+    // Everything else has to be formatted.
+    EXPECT_FALSE(GDUInteger64(7).readyText(text));
+    EXPECT_FALSE(GDInteger64(-7).readyText(text));
+    EXPECT_FALSE(GDUtf8StringRef("x").readyText(text));
+    EXPECT_FALSE(GDValueRef(&str).readyText(text));
+    // None of the foundation's values keeps a UTF-8 form.
+    std::string_view bytes;
+    EXPECT_FALSE(str.readyUtf8(bytes));
+    EXPECT_FALSE(ref.readyUtf8(bytes));
+    EXPECT_FALSE(GDUtf8StringRef("x").readyUtf8(bytes));
+    EXPECT_FALSE(GDUInteger64(7).readyUtf8(bytes));
+}
+
 TEST(GDValueTest, StringRefDoesNotCopyTheText) {
     const String owner(L"abc");
     const GDStringRef ref(owner);

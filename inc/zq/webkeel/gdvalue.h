@@ -93,6 +93,15 @@ public:
     // reference to nothing).
     virtual const GDValue* target() const noexcept { return this; }
 
+    // The value's text when it already stands somewhere exactly as it would render (a string,
+    // or a deferred text kept elsewhere): a renderer can then copy it out as it is instead of
+    // formatting it into a scratch buffer first. False for every value that must be formatted.
+    virtual bool readyText(std::wstring_view& /*text*/) const { return false; }
+    // The UTF-8 form of the value's text, when the value keeps it encoded and the text holds no
+    // null character: a renderer that writes UTF-8 copies these bytes as they are. False when
+    // the value does not keep such a form.
+    virtual bool readyUtf8(std::string_view& /*bytes*/) const { return false; }
+
     // Whether the value, or the value it refers to, is a string / a number.
     bool isString() const noexcept;
     bool isNumber() const noexcept;
@@ -140,6 +149,10 @@ public:
         visitor.visitString(view(), buffer, params);
     }
     Kind kind() const noexcept override { return kKindString; }
+    bool readyText(std::wstring_view& text) const override {
+        text = view();
+        return true;
+    }
 
 private:
     String m_str;
@@ -160,6 +173,10 @@ public:
         visitor.visitString(m_view, buffer, params);
     }
     Kind kind() const noexcept override { return kKindString; }
+    bool readyText(std::wstring_view& text) const override {
+        text = m_view;
+        return true;
+    }
 
 private:
     std::wstring_view m_view;
