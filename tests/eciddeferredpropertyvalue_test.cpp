@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <ctime>
+#include <string>
+#include <string_view>
 #include <thread>
 
 #include "support/alloc_counter.h"
@@ -12,8 +15,11 @@
 #include "support/klf_writer.h"
 #include "weblogger/commonseverities.h"
 #include "weblogger/executioncontext.h"
+#include "weblogger/internal/messagewriter_impl.h"
 #include "weblogger/logsource.h"
 #include "weblogger/tmlogger.h"
+#include "zq/webkeel/clock.h"
+#include "zq/webkeel/encoding.h"
 #include "zq/webkeel/transcode.h"
 #include "zq/webutil/configreader.h"
 #include "zq/webutil/ctmwrapper.h"
@@ -166,6 +172,79 @@ TEST_F(EcidPropertyTest, RenderingALineWithAnEcidAllocatesNothing) {
     }
     EXPECT_EQ(scope.count(), 0u);
     EXPECT_EQ(KlfTextWriter::ecidOf(toUtf8(out.view()).std()), currentEcid());
+}
+
+TEST_F(EcidPropertyTest, TheValueHandsOutTheThreadsEcidAsTextAndAsUtf8) {
+    std::thread([] {
+        const ECIDLogDeferredPropertyValue value;
+        std::wstring_view text;
+        std::string_view bytes;
+        // A thread that never had a context: empty, in both forms.
+        ASSERT_TRUE(value.readyUtf8(bytes));
+        EXPECT_TRUE(bytes.empty());
+        ASSERT_TRUE(value.readyText(text));
+        EXPECT_TRUE(text.empty());
+
+        ASSERT_TRUE(ExecutionContext::createContext());
+        const std::string strFirst = currentEcid();
+        ASSERT_EQ(strFirst.size(), 49u);
+        ASSERT_TRUE(value.readyText(text));
+        ASSERT_TRUE(value.readyUtf8(bytes));
+        EXPECT_EQ(text, ExecutionContext::getCurrentECID().view());
+        EXPECT_EQ(std::string(bytes), strFirst);
+
+        // Both forms follow the thread's context.
+        ASSERT_TRUE(ExecutionContext::createContext());
+        ASSERT_TRUE(value.readyUtf8(bytes));
+        EXPECT_NE(std::string(bytes), strFirst);
+        EXPECT_EQ(std::string(bytes), currentEcid());
+        ASSERT_TRUE(value.readyText(text));
+        EXPECT_EQ(toUtf8(text).std(), currentEcid());
+    }).join();
+}
+
+TEST_F(EcidPropertyTest, ALineWrittenAsUtf8CopiesTheEcidAndMatchesTheWideLine) {
+    struct Utf8Bytes {
+        void write(const void* p, unsigned long n) { text.append(static_cast<const char*>(p), n); }
+        std::string text;
+    };
+    using Utf8Factory = MessageWriterFactory<
+        Utf8Bytes, EncodingAdapter<StreamWriterAdapter<Utf8Bytes, char>, T2NEncodingUTF8<wchar_t>>>;
+    auto* pWideFormat = new CompiledMsgFormat;
+    MessageFormatLoader::loadFormat(*pWideFormat, *KlfTextWriter::klfTextElement(),
+                                    CompiledMsgFormat::kEncodingPlain);
+    const auto hWide = KlfTextWriter::Factory::createMessageWriter(pWideFormat, true);
+    auto* pUtf8Format = new CompiledMsgFormat;
+    MessageFormatLoader::loadFormat(*pUtf8Format, *KlfTextWriter::klfTextElement(),
+                                    CompiledMsgFormat::kEncodingPlain);
+    const auto hUtf8 = Utf8Factory::createMessageWriter(pUtf8Format, true);
+    // One second for both renderings, so that the two lines can be compared whole.
+    const clock::ScopedWallClock fixedSecond(+[]() noexcept -> std::time_t { return 1774744205; });
+    std::thread([&] {
+        const LoggerState& state = TmLogger::getLogger().getLoggerState();
+        const FileLocation here(L"eciddeferredpropertyvalue_test.cpp", 1);
+        const GDString message(L"served");
+        const auto renderBoth = [&](std::string& strWide, std::string& strUtf8) {
+            StringBufferTemplate<2048, wchar_t> wide;
+            hWide->msg_log(kSevError, message, state, &here, &wide);
+            strWide = toUtf8(wide.view()).std();
+            Utf8Bytes utf8;
+            utf8.text.reserve(2048);
+            const test::AllocationScope scope;
+            hUtf8->msg_log(kSevError, message, state, &here, &utf8);
+            EXPECT_EQ(scope.count(), 0u);
+            strUtf8 = utf8.text;
+        };
+        std::string strWide;
+        std::string strUtf8;
+        renderBoth(strWide, strUtf8);
+        EXPECT_EQ(KlfTextWriter::ecidOf(strUtf8), "");
+        ASSERT_TRUE(ExecutionContext::createContext());
+        renderBoth(strWide, strUtf8);
+        // The same line, with the thread's ECID, however the writer reached it.
+        EXPECT_EQ(strUtf8, strWide);
+        EXPECT_EQ(KlfTextWriter::ecidOf(strUtf8), currentEcid());
+    }).join();
 }
 
 TEST_F(EcidPropertyTest, TheJsonFormatShowsTheEcidOnlyWhileTheThreadHasAContext) {

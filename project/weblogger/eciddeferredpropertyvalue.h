@@ -17,6 +17,8 @@ namespace kiv::logger_details {
 // context, which supplies it; declared here so that the logger, which pushes this value, does
 // not depend on the execution context that itself logs through the logger.
 const String& currentECIDForLog();
+// The same as UTF-8: kept beside it, so that a line written as UTF-8 copies the bytes.
+std::string_view currentECIDUtf8ForLog();
 
 class ECIDLogDeferredPropertyValue final : public GDValueImpl<ECIDLogDeferredPropertyValue>,
                                            public IGDStringBufferable {
@@ -38,6 +40,18 @@ public:
             buffer.append(strECID.view());
         }
         return 0;
+    }
+    // The thread's ECID is kept as text by the execution context, so a renderer copies it from
+    // there rather than through its scratch buffer: showing the id costs the copy of its
+    // characters and little more.
+    bool readyText(std::wstring_view& text) const override {
+        text = currentECIDForLog().view();
+        return true;
+    }
+    // The id is built from the client's C strings, so it never holds a null character.
+    bool readyUtf8(std::string_view& bytes) const override {
+        bytes = currentECIDUtf8ForLog();
+        return true;
     }
 };
 

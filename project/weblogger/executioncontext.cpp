@@ -24,6 +24,11 @@ using logger_details::ExecutionContextImpl;
 using logger_details::swallowOwnFailures;
 using performance::CTMWrapper;
 
+// The calling thread's cache record while it exists: every line that shows the ECID reads it,
+// and a plain thread_local load is far cheaper than the thread-specific lookup. Trivially
+// destructible, so it is still there while a thread's records are destroyed.
+thread_local const ExecutionContextImpl::CachedThreadCtx* t_pThreadCtx = nullptr;
+
 const LogSourceHandle lsCtmInit(String(L"kiv.ctm.init"));
 // The misspelt name is the one operators filter on.
 const LogSourceHandle lsCtmUnwrap(String(L"kiv.ctm.conext.unwrap"));
@@ -71,6 +76,16 @@ ExecutionContextImpl& ExecutionContextImpl::instance() {
 ExecutionContextImpl::ExecutionContextImpl()
     : m_CachedThreadCtx(&ExecutionContextImpl::destroyThreadCtx) {}
 
+ExecutionContextImpl::CachedThreadCtx::CachedThreadCtx() noexcept {
+    t_pThreadCtx = this;
+}
+
+ExecutionContextImpl::CachedThreadCtx::~CachedThreadCtx() {
+    if (t_pThreadCtx == this) {
+        t_pThreadCtx = nullptr;
+    }
+}
+
 void ExecutionContextImpl::destroyThreadCtx(CachedThreadCtx* pCtx) {
     delete pCtx;
 }
@@ -102,13 +117,16 @@ void ExecutionContextImpl::updateThreadECID(void* pContext) {
     const ContextGetIdFn pfnGetRID = fn(qamContextGetRID);
     if (!isEnabled() || pContext == nullptr || pfnGetECID == nullptr || pfnGetRID == nullptr) {
         ctx.currentECID = String();
+        ctx.currentECIDUtf8 = NString();
         return;
     }
     String strECID;
     appendWidened(strECID, pfnGetECID(pContext));
     strECID.append(L',');
     appendWidened(strECID, pfnGetRID(pContext));
+    NString strECIDUtf8 = toUtf8(strECID.view());
     ctx.currentECID = std::move(strECID);
+    ctx.currentECIDUtf8 = std::move(strECIDUtf8);
 }
 
 template <class Fn>
@@ -387,7 +405,22 @@ ExecutionContextGuard::~ExecutionContextGuard() {
 namespace kiv::logger_details {
 
 const String& currentECIDForLog() {
+    if (const ExecutionContextImpl::CachedThreadCtx* pCtx = t_pThreadCtx) [[likely]] {
+        return pCtx->currentECID;
+    }
     return logger::ExecutionContext::getCurrentECID();
+}
+
+std::string_view currentECIDUtf8ForLog() {
+    if (const ExecutionContextImpl::CachedThreadCtx* pCtx = t_pThreadCtx) [[likely]] {
+        return pCtx->currentECIDUtf8.view();
+    }
+    // The record is made by the first look-up; until then the thread has no context.
+    logger::ExecutionContext::getCurrentECID();
+    if (const ExecutionContextImpl::CachedThreadCtx* pCtx = t_pThreadCtx) {
+        return pCtx->currentECIDUtf8.view();
+    }
+    return {};
 }
 
 }  // namespace kiv::logger_details

@@ -42,8 +42,17 @@ public:
     using ReferenceExpireCheckFn = void (*)(unsigned);
 
     // What a thread knows of its current context.
+    // Made and destroyed on its own thread only (the cache is thread-specific), which lets the
+    // record publish where its ECID is to a thread_local pointer for the renderer.
     struct CachedThreadCtx : public MemAllocNewdel {
+        CachedThreadCtx() noexcept;
+        ~CachedThreadCtx();
+        CachedThreadCtx(const CachedThreadCtx&) = delete;
+        CachedThreadCtx& operator=(const CachedThreadCtx&) = delete;
+
         String currentECID;
+        // currentECID as UTF-8, for lines written as UTF-8.
+        NString currentECIDUtf8;
         NString wrappedCtx;
         bool bWrappedCtxInit = false;
     };
