@@ -81,9 +81,9 @@ TEST(DispatchConcurrencyTest, ThreadsSeeReplacedWritersAtTheirNextCall) {
                 const int nExpected = nGeneration.load();
                 if (logger.calcEnabledWriters(kSevInfo)) {
                     // The next call after a replacement must see the new generation's writer.
-                    for (const Handle<LogWriter>& hWriter :
-                         logger.getLogWriters()->getEnabledWriters()) {
-                        if (static_cast<CountingWriter&>(*hWriter).m_nGeneration < nExpected) {
+                    for (const LogWriter* pWriter : logger.getLogWriters()->getEnabledWriters()) {
+                        if (static_cast<const CountingWriter&>(*pWriter).m_nGeneration <
+                            nExpected) {
                             ++nStaleSeen;
                         }
                     }

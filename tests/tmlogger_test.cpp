@@ -313,6 +313,62 @@ TEST_F(TmLoggerTest, RefusedGuardLeavesNothingEnabledFromAnEarlierGuard) {
     openSource(*m_source);
 }
 
+// A writer that tells, when it is destroyed, how many messages it had received.
+class MortalWriter : public RecordingWriter {
+public:
+    MortalWriter(const wchar_t* pszName, WriterType type, int* pnRecordsAtDeath)
+        : RecordingWriter(String(pszName), kWriterId, type, nullptr),
+          m_pnRecordsAtDeath(pnRecordsAtDeath) {}
+    ~MortalWriter() override { *m_pnRecordsAtDeath = static_cast<int>(records().size()); }
+
+private:
+    int* m_pnRecordsAtDeath;
+};
+
+TEST_F(TmLoggerTest, AGuardKeepsALocalWriterRemovedBeforeTheWriteAliveUntilTheWrite) {
+    int nRecordsAtDeath = -1;
+    // The thread's local list holds the only reference.
+    auto* pWriter = new MortalWriter(L"mortal", LogWriter::WT_SINGLE_THREADED, &nRecordsAtDeath);
+    logger().addLocalWriter(pWriter);
+    logger().pushSource(*m_source);
+    ASSERT_TRUE(logger().calcEnabledWriters(kSevError));
+    logger().removeLocalWriter(pWriter);
+    EXPECT_EQ(nRecordsAtDeath, -1) << "destroyed while a guard had enabled it";
+    logger().logToEnabledWriters(kSevError, GDString(L"still delivered"), nullptr);
+    // Written to, then let go with the enabled list.
+    EXPECT_EQ(nRecordsAtDeath, 1);
+    EXPECT_TRUE(logger().getLogWriters()->getEnabledWriters().empty());
+}
+
+TEST_F(TmLoggerTest, AGuardKeepsAGlobalWriterAliveWhenTheThreadsCopyIsReplacedBeforeTheWrite) {
+    int nRecordsAtDeath = -1;
+    LogWritersMan& registry = LogWritersMan::getLogWritersMan();
+    new MortalWriter(L"global", LogWriter::WT_GLOBAL, &nRecordsAtDeath);  // the registry's
+    registry.versionIncrement();
+    logger().pushSource(*m_source);
+    ASSERT_TRUE(logger().calcEnabledWriters(kSevError));
+    registry.clearWriters();
+    registry.versionIncrement();
+    // A one-step message between the guard and its write copies the registry's new (empty)
+    // list: the thread's last handle on the writer goes with the old copy.
+    logger().logMessage(kSevError, GDString(L"in between"));
+    EXPECT_EQ(nRecordsAtDeath, -1) << "destroyed while a guard had enabled it";
+    logger().logToEnabledWriters(kSevError, GDString(L"the guarded one"), nullptr);
+    EXPECT_EQ(nRecordsAtDeath, 1);
+}
+
+TEST_F(TmLoggerTest, AGuardThatIsNotFollowedByAWriteKeepsItsWritersUntilTheNextGuard) {
+    int nRecordsAtDeath = -1;
+    auto* pWriter = new MortalWriter(L"mortal", LogWriter::WT_SINGLE_THREADED, &nRecordsAtDeath);
+    logger().addLocalWriter(pWriter);
+    logger().pushSource(*m_source);
+    ASSERT_TRUE(logger().calcEnabledWriters(kSevError));
+    logger().clearLocalWriters();
+    EXPECT_EQ(nRecordsAtDeath, -1);
+    EXPECT_FALSE(logger().calcEnabledWriters(kSevError));
+    EXPECT_EQ(nRecordsAtDeath, 0);
+}
+
 TEST_F(TmLoggerTest, ImportanceBeyondEveryThresholdIsRefusedAlsoAboveTwoToTheSixtyThird) {
     const Handle<RecordingWriter> hWriter = makeWriter(L"huge");
     logger().addLocalWriter(hWriter.get());

@@ -1,6 +1,7 @@
 #include "weblogger/logwriters.h"
 
 #include <algorithm>
+#include <iterator>
 #include <vector>
 
 #include "weblogger/logsource.h"
@@ -23,7 +24,24 @@ LogWriters::LogWriters()
 
 LogWriters::~LogWriters() = default;
 
+void LogWriters::keepForEnabled(LogWritersList& list) {
+    if (m_vecEnabledWriters.empty()) {
+        return;
+    }
+    // Moved, not copied: no reference count changes.
+    m_keptForEnabled.insert(m_keptForEnabled.end(), std::make_move_iterator(list.begin()),
+                            std::make_move_iterator(list.end()));
+    list.clear();
+}
+
+void LogWriters::keepForEnabled(Handle<LogWriter>& hWriter) {
+    if (!m_vecEnabledWriters.empty()) {
+        m_keptForEnabled.push_back(std::move(hWriter));
+    }
+}
+
 void LogWriters::syncGlobalWriters() {
+    keepForEnabled(m_LogWritersGlobal);
     AtomicEntity<int> version;
     m_pRegistry->getWriters(m_LogWritersGlobal, version);
     m_GlobalWritersVersion.store(version.get(), std::memory_order_relaxed);
@@ -56,15 +74,18 @@ void LogWriters::removeLocalWriter(LogWriter* pWriter) {
         std::find_if(m_LogWritersLocal.begin(), m_LogWritersLocal.end(),
                      [pWriter](const Handle<LogWriter>& h) { return h.get() == pWriter; });
     if (it != m_LogWritersLocal.end()) {
+        keepForEnabled(*it);
         m_LogWritersLocal.erase(it);
     }
 }
 
 void LogWriters::clearEnabledWriters() noexcept {
     m_vecEnabledWriters.clear();
+    m_keptForEnabled.clear();
 }
 
 void LogWriters::clearLocalWriters() {
+    keepForEnabled(m_LogWritersLocal);
     m_LogWritersLocal.clear();
 }
 
@@ -77,7 +98,9 @@ void LogWriters::appendLocalWriters(const LogWritersList& list) {
 }
 
 void LogWriters::setLocalWriters(const LogWritersList& list) {
-    m_LogWritersLocal = list;
+    LogWritersList copy(list);
+    keepForEnabled(m_LogWritersLocal);
+    m_LogWritersLocal.swap(copy);
 }
 
 bool LogWriters::accepts(const LogWriter& writer, const LogSeverity& severity,
@@ -148,15 +171,16 @@ void LogWriters::waitForReplacementAndSync() {
 bool LogWriters::calcEnabledWriters(const LogSeverity& severity, const LoggerState& state) {
     bringGlobalWritersUpToDate();
     const auto collect = [this](const Handle<LogWriter>& hWriter) {
-        m_vecEnabledWriters.push_back(hWriter);
+        m_vecEnabledWriters.push_back(hWriter.get());
     };
-    m_vecEnabledWriters.clear();
+    clearEnabledWriters();
     // Meeting a retired writer means the writers are being replaced: wait for the new ones.
     for (int nAttempt = 0;
          forEachAcceptingWriter(severity, state, collect) && nAttempt < kMaxReplacementWaits;
          ++nAttempt) {
+        // Emptied first: the writers just found need not outlive the old copy.
+        clearEnabledWriters();
         waitForReplacementAndSync();
-        m_vecEnabledWriters.clear();
     }
     return !m_vecEnabledWriters.empty();
 }
@@ -165,18 +189,18 @@ void LogWriters::logToEnabledWriters(const LogSeverity& severity, const GDValue&
                                      const LoggerState& state, const FileLocation* pLocation) {
     bool bRefused = false;
     WrittenBy written;
-    for (const Handle<LogWriter>& hWriter : m_vecEnabledWriters) {
-        hWriter->logMessage(severity, msg, state, pLocation);
+    for (LogWriter* pWriter : m_vecEnabledWriters) {
+        pWriter->logMessage(severity, msg, state, pLocation);
         if (LogWriter::takeWriteRefusal()) {
             bRefused = true;
         } else {
-            written.add(hWriter.get());
+            written.add(pWriter);
         }
     }
     if (bRefused) {
         redeliverToReplacements(severity, msg, state, pLocation, written);
     }
-    m_vecEnabledWriters.clear();
+    clearEnabledWriters();
 }
 
 void LogWriters::logMessage(const LogSeverity& severity, const GDValue& msg,
@@ -209,8 +233,8 @@ void LogWriters::redeliverToReplacements(const LogSeverity& severity, const GDVa
     std::vector<LogWritersList> vecKeptLists;
     // Grows with the writers that take the message in each round.
     WrittenBy took = written;
+    // (The enabled writers are kept alive by m_keptForEnabled once the global copy changes.)
     vecKeptLists.push_back(m_LogWritersGlobal);
-    vecKeptLists.push_back(m_vecEnabledWriters);
     // Every writer of an earlier list either wrote the message or refused it because it was
     // retired; only writers that were not in any of those lists may still receive it. A
     // replacement can itself be replaced before the message reaches it, hence the rounds.

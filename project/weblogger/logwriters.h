@@ -14,6 +14,15 @@
 // its replacement carry the same name and id: a replacement whose predecessor already wrote the
 // message (the reconfiguration retires old writers one at a time) is skipped.
 //
+// Enabled writers: the result of calcEnabledWriters is a list of plain pointers, not of counted
+// handles. Every accepted message would otherwise increment and decrement each writer's
+// reference count, two atomic operations on a line of the writer that every logging thread
+// reads, which made threads logging to one writer wait on each other's cache. The writers stay
+// alive all the same, until the next calculation or write empties the list: the thread's
+// global and local lists hold them, and whatever this thread drops from those lists while the
+// list is not empty (a new copy of the global writers, a local writer removed) is kept in
+// m_keptForEnabled until then.
+//
 // Threads: a LogWriters belongs to one thread's logger and takes no lock of its own; it takes
 // the registry's monitor only to copy the global list and to wait for a replacement.
 #pragma once
@@ -36,6 +45,8 @@ class LogWritersMan;
 }
 
 using LogWritersList = std::vector<Handle<LogWriter>>;
+// The writers a calcEnabledWriters found, kept alive as described at the top of this file.
+using EnabledWritersList = std::vector<LogWriter*>;
 
 class LogWritersState {
 public:
@@ -77,13 +88,18 @@ public:
                     const FileLocation* pLocation);
 
     const LogWritersList& getGlobalWriters() const noexcept { return m_LogWritersGlobal; }
-    const LogWritersList& getEnabledWriters() const noexcept { return m_vecEnabledWriters; }
+    const EnabledWritersList& getEnabledWriters() const noexcept { return m_vecEnabledWriters; }
+    // Empties the enabled list and lets go of the writers kept for it.
     void clearEnabledWriters() noexcept;
     int getGlobalWritersVersion() const noexcept {
         return m_GlobalWritersVersion.load(std::memory_order_relaxed);
     }
 
 private:
+    // Before a list of this thread's writers changes: while writers are enabled, the handles
+    // that the change will drop are kept until the enabled list is emptied.
+    void keepForEnabled(LogWritersList& list);
+    void keepForEnabled(Handle<LogWriter>& hWriter);
     void bringGlobalWritersUpToDate();
     static bool accepts(const LogWriter& writer, const LogSeverity& severity,
                         const LoggerState& state, const LogSource& source);
@@ -110,7 +126,8 @@ private:
     logger_details::LogWritersMan* const m_pRegistry;
     LogWritersList m_LogWritersLocal;
     LogWritersList m_LogWritersGlobal;
-    LogWritersList m_vecEnabledWriters;
+    EnabledWritersList m_vecEnabledWriters;
+    LogWritersList m_keptForEnabled;
 };
 
 }  // namespace kiv
