@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "support/alloc_counter.h"
+#include "weblogger/internal/messagewriter_impl.h"
 #include "weblogger/loggermessages.h"
 #include "weblogger/logsource.h"
 #include "weblogger/tmlogger.h"
@@ -21,6 +22,34 @@ namespace {
 
 using WideBuffer = StringBufferBaseTemplate<wchar_t>;
 using WideFactory = MessageWriterFactory<WideBuffer, WriterAdapter<WideBuffer>>;
+
+// UTF-8 bytes gathered as a byte stream receives them.
+struct Utf8Bytes {
+    void write(const void* p, unsigned long n) { text.append(static_cast<const char*>(p), n); }
+    std::string text;
+};
+using Utf8Factory = MessageWriterFactory<
+    Utf8Bytes, EncodingAdapter<StreamWriterAdapter<Utf8Bytes, char>, T2NEncodingUTF8<wchar_t>>>;
+
+// A value that keeps a UTF-8 form beside its text, as the thread's ECID does. The two forms
+// differ here on purpose, so that a line shows which of them the writer used.
+class TwoFormValue final : public GDValueImpl<TwoFormValue> {
+public:
+    void accept(GDValueVisitor& visitor) const override { visitor.visitString(kWide); }
+    void acceptMessageVisitor(const MessageVisitor& visitor,
+                              StringBufferBaseTemplate<wchar_t>& buffer,
+                              const MessageVisitorParams& params) const override {
+        visitor.visitString(kWide, buffer, params);
+    }
+    Kind kind() const noexcept override { return kKindString; }
+    bool readyUtf8(std::string_view& bytes) const override {
+        bytes = "bytes\"&";
+        return true;
+    }
+
+private:
+    static constexpr std::wstring_view kWide = L"wide\"&";
+};
 
 // 2026-03-29 00:30:05 UTC: 01:30:05 CET, half an hour before Berlin moves to CEST.
 constexpr std::time_t kFixedTime = 1774744205;
@@ -122,6 +151,29 @@ TEST_F(MessageWriterTest, PropertyShowsOnlyWhereItsLevelReachesTheImportance) {
     EXPECT_TRUE(
         render(hWriter, LogSeverity(LogSeverity::SV_ERROR, 2), GDString(L"")).equals(L"custom=v"));
     EXPECT_TRUE(render(hWriter, LogSeverity(LogSeverity::SV_ERROR, 3), GDString(L"")).empty());
+}
+
+TEST_F(MessageWriterTest, AValueKeptAsUtf8IsCopiedAsItIsOnlyWhereNothingIsEscaped) {
+    const char* const pszFormat =
+        "<Format>[<Property name='p'><PropertyValues/></Property>]<MessageText/></Format>";
+    m_state.pushProperty(String(L"p"), TwoFormValue(), 100);
+    const auto renderUtf8 = [&](CompiledMsgFormat::Encoding nEncoding) {
+        const XmlDocument document = XmlDocument::parseString(std::string_view(pszFormat));
+        auto* pFormat = new CompiledMsgFormat;
+        MessageFormatLoader::loadFormat(*pFormat, *document.getDocumentElement(), nEncoding);
+        const auto hWriter = Utf8Factory::createMessageWriter(pFormat, true);
+        Utf8Bytes out;
+        hWriter->msg_log(kSevError, TwoFormValue(), m_state, nullptr, &out);
+        return out.text;
+    };
+    // Plain and Xml write property values unescaped: the bytes go in as they are. The message
+    // text is a value that Xml escapes, so it is always formatted.
+    EXPECT_EQ(renderUtf8(CompiledMsgFormat::kEncodingPlain), "[bytes\"&]wide\"&");
+    EXPECT_EQ(renderUtf8(CompiledMsgFormat::kEncodingXml), "[bytes\"&]wide&quot;&amp;");
+    // Json escapes property values too: they are formatted and escaped.
+    EXPECT_EQ(renderUtf8(CompiledMsgFormat::kEncodingJson), "[wide\\\"&]wide\\\"&");
+    // A wide stream takes no bytes.
+    EXPECT_TRUE(render(writerFor(pszFormat), kSevError, GDString(L"m")).equals(L"[wide\"&]m"));
 }
 
 TEST_F(MessageWriterTest, ReservedPropertiesShowOnlyThroughTheirOwnRecord) {

@@ -363,6 +363,16 @@ TEST(EncodingAdapterTest, HeavilyJsonEscapedChunksLoseNothing) {
     EXPECT_EQ(file.joined(), toUtf8(expected).std());
 }
 
+TEST(TakesUtf8BytesTest, OnlyTheUtf8AdaptorsOfByteStreamsPassBytesThrough) {
+    EXPECT_TRUE(TakesUtf8Bytes<Utf8InPlaceAdaptor>::value);
+    EXPECT_TRUE(TakesUtf8Bytes<Utf8Adapter<RecordingFile>>::value);
+    // Escaping changes the text, the console gathers it first, and a wide buffer takes no bytes.
+    EXPECT_FALSE((TakesUtf8Bytes<EncodingAdapter<Utf8InPlaceAdaptor, W2WXmlEncoding>>::value));
+    EXPECT_FALSE(TakesUtf8Bytes<JsonUtf8Adapter<RecordingFile>>::value);
+    EXPECT_FALSE(TakesUtf8Bytes<HoopyAdaptor>::value);
+    EXPECT_FALSE(TakesUtf8Bytes<WriterAdapter<WideBuffer>>::value);
+}
+
 TEST(WriterAdaptersAllocationTest, JsonEncodingAdapterIntoAByteSinkAllocatesNothing) {
     const std::wstring text = mixedText(600) + L"\"\\\n\u0002";
     FixedFile file;

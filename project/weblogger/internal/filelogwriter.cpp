@@ -107,7 +107,7 @@ bool FileLogWriter::initialize(const XmlElement* pElemConfig, const XmlElement* 
     m_nFileMode = static_cast<unsigned>(nFileMode);
     m_nDirectoryMode = logger_details::directoryModeFor(m_nFileMode);
 
-    m_pMessageWriter = MessageWriterFactory<LogFile, Utf8InPlaceAdaptor>::compile(pFormat);
+    m_pMessageWriter = MessageWriterFactory<RecordBuffer, Utf8InPlaceAdaptor>::compile(pFormat);
 
     return bByTime ? initializeByTime(strDir, strPrefix, static_cast<unsigned>(nFilesN), nSeconds,
                                       bAutoFlush)
@@ -300,6 +300,12 @@ bool FileLogWriter::openFile() {
 
 void FileLogWriter::logMessage(const LogSeverity& severity, const GDValue& message,
                                const LoggerState& state, const FileLocation* pLocation) {
+    // Rendered before the lock: see "Locking" in filelogwriter.h.
+    RecordBuffer& record = logger_details::RenderScratch::forThisThread().record;
+    record.clear();
+    if (!m_pMessageWriter.isNull()) {
+        m_pMessageWriter->msg_log(severity, message, state, pLocation, &record);
+    }
     const WriteGuard guard(*this);
     if (!guard) {
         return;
@@ -325,7 +331,7 @@ void FileLogWriter::logMessage(const LogSeverity& severity, const GDValue& messa
         return;
     }
     try {
-        m_pMessageWriter->msg_log(severity, message, state, pLocation, &m_CurFile);
+        m_CurFile.write(record.data(), record.size());
         m_CurFile.endRecord();
         if (m_bAutoFlush) {
             m_CurFile.flush();

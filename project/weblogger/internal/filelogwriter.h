@@ -52,10 +52,19 @@
 // the crash flush (crashflush.h) writes out its buffer on a fatal signal, and the fork handlers
 // (forksafety.h) lock and write it out around a fork.
 //
-// Locking: the writer's own lock is held for the whole of initializeByTime/initializeBySize,
-// logMessage and flush (rotation, rendering, flush), so rotation and writing never interleave.
-// initialize replaces the message writer before taking it, and appendFilePrefix takes no lock:
-// neither may run while another thread logs through the same writer. The process-wide table of
+// Locking: a message is rendered before the writer's lock is taken, into the calling thread's
+// record buffer (RenderScratch in messagewriter.h): rendering reads only the message, the
+// caller's state, the compiled format and the thread's own scratch, nothing the lock guards.
+// The lock is then held for everything that touches the file: the once-a-second checks, the
+// rotation, the copy of the whole record into the file's buffer, its record end and the flush.
+// So two threads logging to one writer render at the same time, and what the lock still
+// guarantees is unchanged: a record reaches the file whole, never interleaved with another, and
+// the records of one writer are in the order in which their threads took its lock. (A record's
+// time stamp is the moment of its rendering, so around a change of second two threads' lines
+// may show their seconds out of order.) initializeByTime/initializeBySize and flush hold the
+// lock throughout. initialize replaces the message writer before taking it, and
+// appendFilePrefix takes no lock: neither may run while another thread logs through the same
+// writer. The process-wide table of
 // rings is taken under a writer's lock, never the other way round.
 #pragma once
 
@@ -178,7 +187,7 @@ private:
     std::uint64_t m_lFileSizeMax = kDefaultFileSizeMax;
     std::uint32_t m_iRotationIntervalSeconds = kDefaultRotationIntervalSeconds;
     std::uint32_t m_iNumberOfFiles = kDefaultNumberOfFiles;
-    MessageWriterHandle<LogFile> m_pMessageWriter;
+    MessageWriterHandle<RecordBuffer> m_pMessageWriter;
     bool m_bAutoFlush = true;
     unsigned m_nFileMode = kDefaultFileMode;
     unsigned m_nDirectoryMode = 0750;

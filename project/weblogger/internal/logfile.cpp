@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "zq/webkeel/encoding.h"
 #include "zq/webutil/filesystemutils.h"
 
 namespace kiv {
@@ -144,7 +143,7 @@ bool LogFile::makeRoom(unsigned long n) {
     return true;
 }
 
-void LogFile::write(const void* p, unsigned long n) {
+void LogFile::writeInPieces(const void* p, unsigned long n) {
     requireOpen(L"write to file");
     const char* pBytes = static_cast<const char*>(p);
     while (n != 0 && !m_bRecordLost) {
@@ -156,25 +155,6 @@ void LogFile::write(const void* p, unsigned long n) {
         std::memcpy(m_pBuffer.get() + m_nUsed, pBytes, nPiece);
         m_nUsed += nPiece;
         pBytes += nPiece;
-        n -= nPiece;
-    }
-}
-
-void LogFile::writeUtf8InPieces(const wchar_t* p, std::size_t n) {
-    requireOpen(L"write to file");
-    // A UTF-8 sequence is at most 4 bytes; pieces of 1024 characters fit the buffer.
-    constexpr std::size_t kPieceChars = 1024;
-    constexpr std::size_t kMaxBytesPerChar = 4;
-    while (n != 0 && !m_bRecordLost) {
-        const std::size_t nPiece = n < kPieceChars ? n : kPieceChars;
-        const unsigned long nNeeded = static_cast<unsigned long>(nPiece * kMaxBytesPerChar);
-        if (kBufferSize - m_nUsed < nNeeded && !makeRoom(nNeeded)) {
-            return;
-        }
-        std::size_t nBytes = 0;
-        T2NEncodingUTF8<wchar_t>::encode(p, nPiece, m_pBuffer.get() + m_nUsed, nNeeded, nBytes);
-        m_nUsed += static_cast<unsigned long>(nBytes);
-        p += nPiece;
         n -= nPiece;
     }
 }

@@ -1,7 +1,8 @@
 // The byte sink of the file writer: one file on disk behind a buffer.
 //
-// The message writer writes the UTF-8 bytes of each rendered message with write(); the file
-// writer opens, flushes and closes the file around its rotation. The buffer is made once in the
+// The file writer writes the UTF-8 bytes of each rendered message with write() (the whole
+// record at once, rendered beforehand into a RecordBuffer), and opens, flushes and closes the
+// file around its rotation. The buffer is made once in the
 // constructor and lives as long as the LogFile; only the file is opened and closed again and
 // again. Opening, seeking and sizing throw FileException on any error; close() never throws
 // for the close itself, only for the flush before it, and the destructor never throws.
@@ -29,9 +30,9 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 
-#include "zq/webkeel/encoding.h"
 #include "zq/webkeel/memalloc.h"
 #include "zq/webkeel/string.h"
 #include "zq/webutil/binaryfile.h"
@@ -75,21 +76,14 @@ public:
     // The file gets exactly nMode.
     void openFresh(const String& path, unsigned nMode, const void* pFirst, unsigned long nFirst);
 
-    void write(const void* p, unsigned long n);
-    // Writes wide text as UTF-8, encoding it straight into the buffer: the same bytes as
-    // converting first and writing them, without the copy.
-    void writeUtf8(const wchar_t* p, std::size_t n) {
-        // A message's pieces are short: encode them straight into the buffer, inline.
-        constexpr std::size_t kMaxBytesPerChar = 4;
-        if (m_file.isOpen() && !m_bRecordLost && n <= kInlinePieceChars &&
-            n * kMaxBytesPerChar <= kBufferSize - m_nUsed) {
-            std::size_t nBytes = 0;
-            T2NEncodingUTF8<wchar_t>::encode(p, n, m_pBuffer.get() + m_nUsed, n * kMaxBytesPerChar,
-                                             nBytes);
-            m_nUsed += static_cast<unsigned long>(nBytes);
+    void write(const void* p, unsigned long n) {
+        // Bytes that fit the buffer (nearly every piece of a message) are copied inline.
+        if (m_file.isOpen() && !m_bRecordLost && n <= kBufferSize - m_nUsed) {
+            std::memcpy(m_pBuffer.get() + m_nUsed, p, n);
+            m_nUsed += n;
             return;
         }
-        writeUtf8InPieces(p, n);
+        writeInPieces(p, n);
     }
     // The bytes written since the last mark form a whole record. A record that had to be
     // dropped is counted here. Throws when a record that was partly written through cannot be
@@ -148,8 +142,7 @@ public:
     const BinaryFile& getFile() const noexcept { return m_file; }
 
 private:
-    static constexpr std::size_t kInlinePieceChars = 256;
-    void writeUtf8InPieces(const wchar_t* p, std::size_t n);
+    void writeInPieces(const void* p, unsigned long n);
     // Room for n more bytes (n at most the buffer size): writes out what it can. False when
     // the record in progress has to be dropped instead.
     bool makeRoom(unsigned long n);

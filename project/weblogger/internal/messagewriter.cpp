@@ -4,15 +4,41 @@
 
 #include "weblogger/internal/logtimezone.h"
 #include "zq/webkeel/prettyfilename.h"
+#include "zq/webthreadstorage/threadstatic.h"
 
 namespace kiv::logger_details {
 namespace {
 
-const String kReservedPropertyNames[] = {String(L"ecid"),    String(L"ThreadID"),
-                                         String(L"SIName"),  String(L"IDDName"),
-                                         String(L"IDDGUID"), String(L"userId")};
+// The calling thread's scratch while it exists. Trivially destructible, so it is still there
+// while the thread's thread-specific values are destroyed.
+thread_local RenderScratch* t_pScratch = nullptr;
+
+void destroyScratch(RenderScratch* pScratch) {
+    if (t_pScratch == pScratch) {
+        t_pScratch = nullptr;
+    }
+    delete pScratch;
+}
+
+// Made by the first rendering; destroyed with the library's statics, which frees the
+// destroying thread's scratch (no thread renders by then: the library's shutdown refuses log
+// calls before its statics go). Every other thread's goes when the
+// thread ends.
+ThreadSpecificStatic<RenderScratch>& scratchSlot() {
+    static ThreadSpecificStatic<RenderScratch> s_slot(&destroyScratch);
+    return s_slot;
+}
 
 }  // namespace
+
+RenderScratch& RenderScratch::forThisThread() {
+    if (RenderScratch* pScratch = t_pScratch) [[likely]] {
+        return *pScratch;
+    }
+    RenderScratch& scratch = scratchSlot().getOrCreate();
+    t_pScratch = &scratch;
+    return scratch;
+}
 
 std::wstring_view TimeStampCache::ordinary(std::time_t now) {
     return refresh(m_ordinary, now, false);
@@ -32,15 +58,6 @@ std::wstring_view TimeStampCache::refresh(Entry& entry, std::time_t now, bool bI
         entry.nZoneGeneration = nGeneration;
     }
     return std::wstring_view(entry.arrText, entry.nLength);
-}
-
-bool RenderingHelpers::isReservedPropertyName(const String& name) noexcept {
-    for (const String& reserved : kReservedPropertyNames) {
-        if (reserved.equals(name)) {
-            return true;
-        }
-    }
-    return false;
 }
 
 std::size_t RenderingHelpers::toDecimal(std::uint64_t n, wchar_t (&arrDigits)[24]) noexcept {
@@ -68,9 +85,9 @@ std::wstring_view RenderingHelpers::fileNameOnly(const wchar_t* pwszFile) noexce
 
 namespace kiv {
 
-template class MessageWriterFactory<LogFile, Utf8InPlaceAdaptor>;
-template class MessageWriterImpl<LogFile, Utf8InPlaceAdaptor, Utf8InPlaceAdaptor>;
-template class MessageWriterImpl<LogFile, Utf8InPlaceAdaptor,
+template class MessageWriterFactory<RecordBuffer, Utf8InPlaceAdaptor>;
+template class MessageWriterImpl<RecordBuffer, Utf8InPlaceAdaptor, Utf8InPlaceAdaptor>;
+template class MessageWriterImpl<RecordBuffer, Utf8InPlaceAdaptor,
                                  EncodingAdapter<Utf8InPlaceAdaptor, W2WXmlEncoding>>;
 template class MessageWriterFactory<CoutStream, HoopyAdaptor>;
 template class MessageWriterImpl<CoutStream, HoopyAdaptor, HoopyAdaptor>;
@@ -81,7 +98,7 @@ template class MessageWriterImpl<WideTextBuffer, WriterAdapter<WideTextBuffer>,
                                  WriterAdapter<WideTextBuffer>>;
 template class MessageWriterImpl<WideTextBuffer, WriterAdapter<WideTextBuffer>,
                                  EncodingAdapter<WriterAdapter<WideTextBuffer>, W2WXmlEncoding>>;
-template class MessageWriterImpl<LogFile, Utf8InPlaceAdaptor,
+template class MessageWriterImpl<RecordBuffer, Utf8InPlaceAdaptor,
                                  EncodingAdapter<Utf8InPlaceAdaptor, W2WJsonEncoding>>;
 template class MessageWriterImpl<CoutStream, HoopyAdaptor,
                                  EncodingAdapter<HoopyAdaptor, W2WJsonEncoding>>;

@@ -2,8 +2,9 @@
 //
 // A message writer walks the records of a CompiledMsgFormat in order and writes each record's
 // piece through two adaptors: one for the format's own text and one for values. The choice of
-// adaptors makes a format "Xml" (values escaped) or "Plain"; the stream (a wide buffer, a log
-// file, the console) is whatever the adaptors write to. Writers own one message writer each,
+// adaptors makes a format "Xml" (values escaped) or "Plain"; the stream (a wide buffer, the
+// record buffer a file writer copies into its file, the console) is whatever the adaptors
+// write to. Writers own one message writer each,
 // made by MessageWriterFactory<Stream, Writer>::createMessageWriter.
 //
 // Which pieces are values (escaped in Xml formats): the time stamps and the zone name, each
@@ -16,17 +17,22 @@
 // current source, the message type text and property values are escaped like every other
 // value (see EscapesEveryValue).
 //
-// Threads: msg_log is logically const but uses the writer's scratch buffer and its time-stamp
-// cache, so one message writer renders one message at a time: its owning writer serialises the
-// calls under its own lock.
+// Threads: what rendering changes as it goes (the buffer that values are formatted into, the
+// time-stamp texts) belongs to the rendering thread (RenderScratch), not to the message writer,
+// so one message writer may render on several threads at once. The file writer relies on it:
+// it renders before it takes its lock, so that its lock covers only the copy of the record
+// into its file. The console and event-log writers still render under their own locks, into
+// the stream they guard.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <string_view>
 #include <type_traits>
 
 #include "weblogger/commonseverities.h"
-#include "weblogger/internal/logfile.h"
+#include "weblogger/internal/recordbuffer.h"
 #include "weblogger/internal/writeradapters.h"
 #include "weblogger/loggerstate.h"
 #include "weblogger/messageformatloader.h"
@@ -74,9 +80,54 @@ private:
     Entry m_klf;
 };
 
+// What rendering changes as it goes, one set per thread and shared by every message writer the
+// thread renders with: the buffer that values are formatted into, the time-stamp texts, and
+// the record a file writer renders into before it takes its lock. A thread renders one
+// message at a time (a message logged from inside a log call is diverted, never rendered
+// inside another rendering), which is all that sharing needs.
+//
+// Made on the thread's first rendering and destroyed when the thread ends; found through a
+// thread_local pointer, which costs far less than the thread-specific lookup behind it.
+struct RenderScratch : public MemAllocNewdel {
+    // The calling thread's, made on first use. Throws when it cannot be made (no memory); the
+    // log call's entry point swallows that.
+    static RenderScratch& forThisThread();
+
+    StringBufferTemplate<511, wchar_t> valueText;
+    TimeStampCache timeStamps;
+    RecordBuffer record;
+};
+
 // Shared pieces of rendering that do not depend on the adaptors.
 struct RenderingHelpers {
-    static bool isReservedPropertyName(const String& name) noexcept;
+    // Whether text equals a literal of the same length, compared in place (a library compare
+    // call costs more than these few characters).
+    template <std::size_t N>
+    static bool sameText(std::wstring_view text, const wchar_t (&literal)[N]) noexcept {
+        for (std::size_t i = 0; i + 1 < N; ++i) {
+            if (text[i] != literal[i]) {
+                return false;
+            }
+        }
+        return true;
+    }
+    // "ecid", "ThreadID", "SIName", "IDDName", "IDDGUID" and "userId". Inline and told apart by
+    // length first: every message with a Properties list asks this of each of its properties.
+    static bool isReservedPropertyName(const String& name) noexcept {
+        const std::wstring_view view = name.view();
+        switch (view.size()) {
+            case 4:
+                return sameText(view, L"ecid");
+            case 6:
+                return sameText(view, L"SIName") || sameText(view, L"userId");
+            case 7:
+                return sameText(view, L"IDDName") || sameText(view, L"IDDGUID");
+            case 8:
+                return sameText(view, L"ThreadID");
+            default:
+                return false;
+        }
+    }
     // The decimal digits of n into arrDigits (no terminator); returns the count.
     static std::size_t toDecimal(std::uint64_t n, wchar_t (&arrDigits)[24]) noexcept;
     static std::wstring_view prettyPath(const wchar_t* pwszFile) noexcept;
@@ -120,22 +171,29 @@ private:
     using InsertWriter = std::conditional_t<logger_details::EscapesEveryValue<ValueWriter>::value,
                                             ValueWriter, TextWriter>;
 
-    // Renders a value into the scratch buffer and returns its text.
-    std::wstring_view renderValue(const GDValue& value) const;
+    using Scratch = logger_details::RenderScratch;
+
+    // A value's text: where the value holds it ready (readyText), the text itself; otherwise
+    // the value rendered into the thread's scratch buffer. Valid until the next call.
+    std::wstring_view renderValue(const GDValue& value, Scratch& scratch) const;
+    void writePropertyWith(const CompiledMsgFormat& itemFormat,
+                           const LoggerState::PropsMap::value_type& entry, Scratch& scratch,
+                           Stream* out) const;
+    // One property value, cut at its first null character; a value that keeps its text as
+    // UTF-8 is copied as it is where the adaptor passes UTF-8 through.
+    void writePropertyValue(const GDValue& value, Scratch& scratch, Stream* out) const;
     // Whether no value of a property renders any text (before its first null character).
-    bool rendersEmpty(const LoggerState::PropValues& values) const;
+    bool rendersEmpty(const LoggerState::PropValues& values, Scratch& scratch) const;
     void writeNumber(std::uint64_t n, Stream* out) const;
     void writeSourcesList(const CompiledMsgFormat::SimpleListRecord& record,
                           const LoggerState& state, Stream* out) const;
     void writePropertiesList(const CompiledMsgFormat::ComplexListRecord& record,
                              const LogSeverity& severity, const LoggerState& state,
-                             Stream* out) const;
+                             Scratch& scratch, Stream* out) const;
 
     const CompiledMsgFormat* m_pformat;
     bool m_bDeleteFmt;
     WebTextMessageFormatter m_tMsgFormatter;
-    mutable StringBufferTemplate<511, wchar_t> m_tBuffer;
-    mutable logger_details::TimeStampCache m_timeStamps;
 };
 
 // Makes the message writer for a format: values escaped for XML when the format's encoding is
@@ -154,15 +212,15 @@ public:
     static MessageWriterHandle<Stream> compile(const XmlElement* pFormat);
 };
 
-// The streams the library renders to, each with its adaptor: the log file (UTF-8 encoded in
-// place), the console (UTF-8 in one piece) and a wide text buffer. Their message writers are
-// compiled once, in messagewriter.cpp; code that renders to a stream of its own includes
-// messagewriter_impl.h for the template bodies.
+// The streams the library renders to, each with its adaptor: the file writer's record buffer
+// (UTF-8 encoded in place), the console (UTF-8 in one piece) and a wide text buffer. Their message
+// writers are compiled once, in messagewriter.cpp; code that renders to a stream of its own
+// includes messagewriter_impl.h for the template bodies.
 using WideTextBuffer = StringBufferBaseTemplate<wchar_t>;
 
-extern template class MessageWriterFactory<LogFile, Utf8InPlaceAdaptor>;
-extern template class MessageWriterImpl<LogFile, Utf8InPlaceAdaptor, Utf8InPlaceAdaptor>;
-extern template class MessageWriterImpl<LogFile, Utf8InPlaceAdaptor,
+extern template class MessageWriterFactory<RecordBuffer, Utf8InPlaceAdaptor>;
+extern template class MessageWriterImpl<RecordBuffer, Utf8InPlaceAdaptor, Utf8InPlaceAdaptor>;
+extern template class MessageWriterImpl<RecordBuffer, Utf8InPlaceAdaptor,
                                         EncodingAdapter<Utf8InPlaceAdaptor, W2WXmlEncoding>>;
 extern template class MessageWriterFactory<CoutStream, HoopyAdaptor>;
 extern template class MessageWriterImpl<CoutStream, HoopyAdaptor, HoopyAdaptor>;
@@ -174,7 +232,7 @@ extern template class MessageWriterImpl<WideTextBuffer, WriterAdapter<WideTextBu
 extern template class MessageWriterImpl<
     WideTextBuffer, WriterAdapter<WideTextBuffer>,
     EncodingAdapter<WriterAdapter<WideTextBuffer>, W2WXmlEncoding>>;
-extern template class MessageWriterImpl<LogFile, Utf8InPlaceAdaptor,
+extern template class MessageWriterImpl<RecordBuffer, Utf8InPlaceAdaptor,
                                         EncodingAdapter<Utf8InPlaceAdaptor, W2WJsonEncoding>>;
 extern template class MessageWriterImpl<CoutStream, HoopyAdaptor,
                                         EncodingAdapter<HoopyAdaptor, W2WJsonEncoding>>;

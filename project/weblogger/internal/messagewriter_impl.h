@@ -17,10 +17,14 @@ namespace kiv {
 
 template <class Stream, class TextWriter, class ValueWriter>
 std::wstring_view MessageWriterImpl<Stream, TextWriter, ValueWriter>::renderValue(
-    const GDValue& value) const {
-    m_tBuffer.clear();
-    m_tMsgFormatter.FormatBuffer(m_tBuffer, value);
-    return m_tBuffer.view();
+    const GDValue& value, Scratch& scratch) const {
+    std::wstring_view ready;
+    if (value.readyText(ready)) {
+        return ready;
+    }
+    scratch.valueText.clear();
+    m_tMsgFormatter.FormatBuffer(scratch.valueText, value);
+    return scratch.valueText.view();
 }
 
 template <class Stream, class TextWriter, class ValueWriter>
@@ -37,6 +41,7 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
                                                                  const LoggerState& state,
                                                                  const FileLocation* pFileLocation,
                                                                  Stream* out) const {
+    Scratch& scratch = Scratch::forThisThread();
     for (const Record* pRecord : m_pformat->m_records) {
         switch (pRecord->m_nType) {
             case CompiledMsgFormat::kText: {
@@ -46,12 +51,13 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
                 break;
             }
             case CompiledMsgFormat::kTimeStamp: {
-                const std::wstring_view text = m_timeStamps.ordinary(clock::wallClockSeconds());
+                const std::wstring_view text =
+                    scratch.timeStamps.ordinary(clock::wallClockSeconds());
                 ValueWriter::write(out, text.data(), text.size());
                 break;
             }
             case CompiledMsgFormat::kTimeStampKLFFormat: {
-                const std::wstring_view text = m_timeStamps.klf(clock::wallClockSeconds());
+                const std::wstring_view text = scratch.timeStamps.klf(clock::wallClockSeconds());
                 ValueWriter::write(out, text.data(), text.size());
                 break;
             }
@@ -86,10 +92,10 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
             case CompiledMsgFormat::kPropsList:
                 writePropertiesList(
                     *static_cast<const CompiledMsgFormat::ComplexListRecord*>(pRecord), severity,
-                    state, out);
+                    state, scratch, out);
                 break;
             case CompiledMsgFormat::kMsg: {
-                const std::wstring_view text = renderValue(message);
+                const std::wstring_view text = renderValue(message, scratch);
                 ValueWriter::write(out, text.data(), text.size());
                 break;
             }
@@ -116,8 +122,8 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
                 const auto& map = state.propertiesMap();
                 const auto it = map.find(pProperty->m_strValueName);
                 if (it != map.end() && pProperty->m_pFormat != nullptr &&
-                    !(pProperty->m_bOmitWhenEmpty && rendersEmpty(it->second))) {
-                    writeProperty(*pProperty->m_pFormat, severity, *it, out);
+                    !(pProperty->m_bOmitWhenEmpty && rendersEmpty(it->second, scratch))) {
+                    writePropertyWith(*pProperty->m_pFormat, *it, scratch, out);
                 }
                 break;
             }
@@ -137,11 +143,29 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
 }
 
 template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writePropertyValue(const GDValue& value,
+                                                                            Scratch& scratch,
+                                                                            Stream* out) const {
+    if constexpr (TakesUtf8Bytes<InsertWriter>::value) {
+        std::string_view bytes;
+        if (value.readyUtf8(bytes)) {
+            if (!bytes.empty()) {
+                out->write(bytes.data(), bytes.size());
+            }
+            return;
+        }
+    }
+    const std::wstring_view text = renderValue(value, scratch);
+    // A property value ends at its first null character.
+    InsertWriter::write(out, text.data(), ::wcsnlen(text.data(), text.size()));
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
 bool MessageWriterImpl<Stream, TextWriter, ValueWriter>::rendersEmpty(
-    const LoggerState::PropValues& values) const {
+    const LoggerState::PropValues& values, Scratch& scratch) const {
     for (const auto& value : values) {
         if (const GDValue* pValue = value.first.get()) {
-            const std::wstring_view text = renderValue(*pValue);
+            const std::wstring_view text = renderValue(*pValue, scratch);
             if (!text.empty() && text.front() != L'\0') {
                 return false;
             }
@@ -176,7 +200,7 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeSourcesList(
 template <class Stream, class TextWriter, class ValueWriter>
 void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writePropertiesList(
     const CompiledMsgFormat::ComplexListRecord& record, const LogSeverity& severity,
-    const LoggerState& state, Stream* out) const {
+    const LoggerState& state, Scratch& scratch, Stream* out) const {
     bool bFirstTookPart = true;
     for (const auto& entry : state.propertiesMap()) {
         const auto& values = entry.second;
@@ -194,7 +218,7 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writePropertiesList(
             ValueWriter::write(out, record.m_strSeparator);
         }
         if (record.m_pFormat != nullptr) {
-            writeProperty(*record.m_pFormat, severity, entry, out);
+            writePropertyWith(*record.m_pFormat, entry, scratch, out);
         }
     }
 }
@@ -203,6 +227,13 @@ template <class Stream, class TextWriter, class ValueWriter>
 void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeProperty(
     const CompiledMsgFormat& itemFormat, const LogSeverity&,
     const LoggerState::PropsMap::value_type& entry, Stream* out) const {
+    writePropertyWith(itemFormat, entry, Scratch::forThisThread(), out);
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writePropertyWith(
+    const CompiledMsgFormat& itemFormat, const LoggerState::PropsMap::value_type& entry,
+    Scratch& scratch, Stream* out) const {
     for (const Record* pRecord : itemFormat.m_records) {
         switch (pRecord->m_nType) {
             case CompiledMsgFormat::kText:
@@ -223,9 +254,7 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeProperty(
                     bFirst = false;
                     TextWriter::write(out, list.m_strPrefix);
                     if (const GDValue* pValue = value.first.get()) {
-                        const std::wstring_view text = renderValue(*pValue);
-                        // A property value ends at its first null character.
-                        InsertWriter::write(out, text.data(), ::wcsnlen(text.data(), text.size()));
+                        writePropertyValue(*pValue, scratch, out);
                     }
                     TextWriter::write(out, list.m_strSuffix);
                 }

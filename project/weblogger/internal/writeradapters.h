@@ -21,6 +21,8 @@
 #include <algorithm>
 #include <cstddef>
 #include <string>
+#include <string_view>
+#include <type_traits>
 
 #include "zq/webkeel/assert.h"
 #include "zq/webkeel/encoding.h"
@@ -116,7 +118,7 @@ public:
     }
 };
 
-// Wide text to a stream that encodes UTF-8 into its own buffer (the log file's writeUtf8):
+// Wide text to a stream that encodes UTF-8 into its own buffer (RecordBuffer::writeUtf8):
 // the same bytes as EncodingAdapter<StreamWriterAdapter<Stream, char>, T2NEncodingUTF8>, without
 // the copy through a chunk buffer. Under an XML escaping adaptor it receives the escaped text.
 class Utf8InPlaceAdaptor {
@@ -136,6 +138,18 @@ public:
         write(out, s.data(), s.size());
     }
 };
+
+// Whether an adaptor hands UTF-8 to its stream's write(bytes, count) unchanged: text that is
+// already encoded (the thread's ECID) can then be copied into the stream as it is, with no
+// conversion. True for the UTF-8 adaptors of byte streams; false for escaping adaptors, whose
+// output differs from their input, and for the console, which gathers its text first.
+template <class Adaptor>
+struct TakesUtf8Bytes : std::false_type {};
+template <>
+struct TakesUtf8Bytes<Utf8InPlaceAdaptor> : std::true_type {};
+template <class Stream>
+struct TakesUtf8Bytes<EncodingAdapter<StreamWriterAdapter<Stream, char>, T2NEncodingUTF8<wchar_t>>>
+    : std::true_type {};
 
 // The console's conversion: the whole text as UTF-8, handed to the stream's
 // writeBytes(const void*, unsigned long) in a single call, so that the console stream is entered

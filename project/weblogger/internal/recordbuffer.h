@@ -1,0 +1,89 @@
+// The bytes of one rendered record, gathered before they go to their file.
+//
+// The file writer renders a message into the calling thread's RecordBuffer without holding its
+// lock, then copies the whole record into its log file under the lock (filelogwriter.h): two
+// threads logging to one file render at the same time, and the lock covers only the copy.
+//
+// It is the byte sink that the UTF-8 adaptors write to: write() for bytes that are already
+// UTF-8, writeUtf8() for wide text, encoded straight into the buffer. The storage grows as a
+// record needs and is kept for the next one, so a thread renders without allocating once it has
+// seen its longest message; storage beyond kKeptBytes is given back at the next clear, so that
+// one huge message does not pin its memory for the rest of the thread's life. Growing throws
+// std::bad_alloc when memory runs out; the log call's entry point swallows it.
+//
+// Thread-safety: none; each thread has its own (see RenderScratch in messagewriter.h).
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+#include <memory>
+
+#include "zq/webkeel/encoding.h"
+#include "zq/webkeel/memalloc.h"
+
+namespace kiv {
+
+class RecordBuffer : public MemAllocNewdel {
+public:
+    // The first storage: a few ordinary lines.
+    static constexpr std::size_t kInitialBytes = 4096;
+    // The most that clear() keeps for the next record.
+    static constexpr std::size_t kKeptBytes = 256 * 1024;
+
+    RecordBuffer() noexcept = default;
+    RecordBuffer(const RecordBuffer&) = delete;
+    RecordBuffer& operator=(const RecordBuffer&) = delete;
+
+    void write(const void* p, unsigned long n) {
+        if (n <= m_nCapacity - m_nSize && n != 0) {
+            std::memcpy(m_pBuffer.get() + m_nSize, p, n);
+            m_nSize += n;
+            return;
+        }
+        writeGrowing(p, n);
+    }
+    // Wide text as UTF-8, encoded in place: the same bytes as converting it first and writing
+    // them, without the copy.
+    void writeUtf8(const wchar_t* p, std::size_t n) {
+        // A message's pieces are short: encoded straight into the room there is, inline.
+        if (n <= kInlinePieceChars && n * kMaxBytesPerChar <= m_nCapacity - m_nSize) {
+            // Formats write many empty pieces (an empty prefix or suffix): no call for those.
+            if (n == 0) {
+                return;
+            }
+            std::size_t nBytes = 0;
+            T2NEncodingUTF8<wchar_t>::encode(p, n, m_pBuffer.get() + m_nSize, n * kMaxBytesPerChar,
+                                             nBytes);
+            m_nSize += nBytes;
+            return;
+        }
+        writeUtf8Growing(p, n);
+    }
+
+    // Empties the buffer for the next record.
+    void clear() noexcept {
+        m_nSize = 0;
+        if (m_nCapacity > kKeptBytes) [[unlikely]] {
+            release();
+        }
+    }
+    const char* data() const noexcept { return m_pBuffer.get(); }
+    std::size_t size() const noexcept { return m_nSize; }
+    std::size_t capacity() const noexcept { return m_nCapacity; }
+
+private:
+    static constexpr std::size_t kMaxBytesPerChar = 4;
+    static constexpr std::size_t kInlinePieceChars = 256;
+
+    void writeGrowing(const void* p, std::size_t n);
+    void writeUtf8Growing(const wchar_t* p, std::size_t n);
+    // Room for n more bytes.
+    void reserveMore(std::size_t n);
+    void release() noexcept;
+
+    std::unique_ptr<char[]> m_pBuffer;
+    std::size_t m_nSize = 0;
+    std::size_t m_nCapacity = 0;
+};
+
+}  // namespace kiv

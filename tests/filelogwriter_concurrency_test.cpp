@@ -1,0 +1,107 @@
+// Threads render their messages before they take the file writer's lock: the lines must still
+// reach the file whole, each thread's in the order it logged them, also when records are far
+// longer than a thread's first record storage and grow it while other threads write.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/temp_dir.h"
+#include "support/writer_config.h"
+#include "weblogger/logsource.h"
+#include "weblogger/logwritersman.h"
+#include "weblogger/tmlogger.h"
+#include "zq/webkeel/transcode.h"
+#include "zq/webutil/message.h"
+
+namespace kiv {
+namespace {
+
+using logger_details::LogWritersMan;
+
+constexpr int kThreads = 4;
+constexpr int kMessagesPerThread = 3000;
+
+// Every 50th message carries 20,000 characters, the others 20 to 120: whole lines are checked
+// by their length, which the line itself states.
+std::size_t payloadLength(int nSequence) {
+    return nSequence % 50 == 0 ? 20000 : 20 + static_cast<std::size_t>(nSequence % 101);
+}
+
+TEST(FileLogWriterConcurrencyTest, LinesRenderedOutsideTheLockArriveWholeAndInEachThreadsOrder) {
+    test::TempDir dir;
+    const std::string strLogs = dir.file("logs");
+    const LogSourceHandle source(String(L"concurrent.render"));
+    const_cast<LogSource&>(*source).getLogFilter().setLogLevelsForId(
+        5, LogLevels(65534, 65534, 65534, 65534, 65534));
+    LogWritersMan& registry = LogWritersMan::getLogWritersMan();
+    registry.clearWriters();
+    const test::WriterConfig config("<Writer name='lines' writerClassId='5' dir='" + strLogs +
+                                        "' fmtName='Default' filePrefix='c' filesN='1' "
+                                        "maxFileSizeKb='1048576' autoFlush='no'/>",
+                                    test::kLineFormats);
+    ASSERT_FALSE(config.create(L"FileLogWriter", LogWriter::WT_GLOBAL).isNull());
+    registry.versionIncrement();
+
+    std::vector<std::thread> vecThreads;
+    for (int t = 0; t < kThreads; ++t) {
+        vecThreads.emplace_back([&, t] {
+            TmLogger& logger = TmLogger::getLogger();
+            logger.pushSource(*source);
+            const GDString tmpl(L"T%1 S%2 L%3 %4");
+            for (int i = 0; i < kMessagesPerThread; ++i) {
+                const std::size_t nLength = payloadLength(i);
+                const String payload(std::wstring(nLength, static_cast<wchar_t>(L'a' + t)));
+                if (logger.calcEnabledWriters(kSevInfo)) {
+                    logger.logToEnabledWriters4(
+                        kSevInfo, tmpl, GDUInteger64(static_cast<std::uint64_t>(t)),
+                        GDUInteger64(static_cast<std::uint64_t>(i)), GDUInteger64(nLength),
+                        GDStringRef(payload), nullptr);
+                }
+            }
+            logger.popSource();
+        });
+    }
+    for (std::thread& thread : vecThreads) {
+        thread.join();
+    }
+    registry.clearWriters();  // the last handle goes: the file is flushed and closed
+    registry.versionIncrement();
+
+    const std::string text = test::readFile(strLogs + "/c0.log");
+    ASSERT_EQ(text.compare(0, 3, "\xEF\xBB\xBF"), 0);
+    std::istringstream lines(text.substr(3));
+    std::string line;
+    std::map<int, int> mapNextSequence;
+    int nLines = 0;
+    while (std::getline(lines, line)) {
+        ++nLines;
+        int nThread = -1;
+        int nSequence = -1;
+        std::size_t nLength = 0;
+        int nPayloadStart = 0;
+        ASSERT_EQ(std::sscanf(line.c_str(), "T%d S%d L%zu %n", &nThread, &nSequence, &nLength,
+                              &nPayloadStart),
+                  3)
+            << "broken line: " << line.substr(0, 80);
+        ASSERT_EQ(line.size() - static_cast<std::size_t>(nPayloadStart), nLength)
+            << "torn line of thread " << nThread << ", message " << nSequence;
+        ASSERT_EQ(line.find_first_not_of(static_cast<char>('a' + nThread),
+                                         static_cast<std::size_t>(nPayloadStart)),
+                  std::string::npos)
+            << "another thread's text inside the line of thread " << nThread;
+        ASSERT_EQ(nSequence, mapNextSequence[nThread]) << "thread " << nThread << " out of order";
+        mapNextSequence[nThread] = nSequence + 1;
+    }
+    EXPECT_EQ(nLines, kThreads * kMessagesPerThread);
+    for (int t = 0; t < kThreads; ++t) {
+        EXPECT_EQ(mapNextSequence[t], kMessagesPerThread) << "thread " << t;
+    }
+}
+
+}  // namespace
+}  // namespace kiv
