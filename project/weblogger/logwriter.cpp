@@ -27,7 +27,7 @@ const String kElemFormat(L"Format");
 
 LogWriter::LogWriter(const String& name, short id, WriterType type,
                      const Handle<const WriterFilter>& filter)
-    : m_tCs(type != WT_SINGLE_THREADED, 0u, "LogWriter"),
+    : m_tCs(type != WT_SINGLE_THREADED, CriticalSection::kSpinBeforeWaiting, "LogWriter"),
       m_bIsEnabled(true),
       m_id(id),
       m_hWriterFilter(filter) {

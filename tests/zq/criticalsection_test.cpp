@@ -38,6 +38,30 @@ TEST(CriticalSectionTest, NonRecursiveSectionIsRefusedWhileHeld) {
     EXPECT_TRUE(freeForOtherThreads(section));
 }
 
+TEST(CriticalSectionTest, SpinningSectionExcludesLikeAnyOther) {
+    CriticalSection section(CriticalSection::kSpinBeforeWaiting, "spinning");
+    section.acquire();
+    EXPECT_FALSE(freeForOtherThreads(section));
+    EXPECT_FALSE(section.tryAcquire());
+    section.release();
+    EXPECT_TRUE(freeForOtherThreads(section));
+    // Short holds by two threads at once: every increment under the section survives.
+    long nCount = 0;
+    std::vector<std::thread> vecThreads;
+    for (int nThread = 0; nThread < 2; ++nThread) {
+        vecThreads.emplace_back([&] {
+            for (int i = 0; i < 100000; ++i) {
+                const LockGuard<CriticalSection> guard(section);
+                ++nCount;
+            }
+        });
+    }
+    for (std::thread& thread : vecThreads) {
+        thread.join();
+    }
+    EXPECT_EQ(nCount, 200000);
+}
+
 TEST(CriticalSectionTest, RecursiveSectionIsTakenAgainByItsOwnerOnly) {
     CriticalSection section(CriticalSection::kAllowRecursion);
     section.acquire();

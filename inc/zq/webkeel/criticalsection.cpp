@@ -34,8 +34,13 @@ CriticalSection::CriticalSection(unsigned nFlags, const char* pszName)
       m_bContended(false) {
     pthread_mutexattr_t attr;
     pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(
-        &attr, (nFlags & kAllowRecursion) != 0 ? PTHREAD_MUTEX_RECURSIVE : PTHREAD_MUTEX_NORMAL);
+    int nType = PTHREAD_MUTEX_NORMAL;
+    if ((nFlags & kAllowRecursion) != 0) {
+        nType = PTHREAD_MUTEX_RECURSIVE;
+    } else if ((nFlags & kSpinBeforeWaiting) != 0) {
+        nType = PTHREAD_MUTEX_ADAPTIVE_NP;
+    }
+    pthread_mutexattr_settype(&attr, nType);
     const int nResult = pthread_mutex_init(&m_mutex, &attr);
     pthread_mutexattr_destroy(&attr);
     // glibc never fails here; a report is all another platform's failure can get, since a

@@ -32,6 +32,11 @@ class CriticalSection {
 public:
     // Lets the owning thread acquire the section again; it must release it as many times.
     static constexpr unsigned kAllowRecursion = 1u;
+    // A waiter spins briefly before it sleeps (glibc's adaptive mutex): for a lock held for
+    // well under a microsecond at a time, such as a file writer's (which covers the copy of a
+    // rendered line, not its rendering), the holder is usually done before the spin is, and
+    // neither thread pays for a futex sleep and wake-up.
+    static constexpr unsigned kSpinBeforeWaiting = 2u;
     static constexpr unsigned kDefaultContentionThreshold = 16u;
 
     // pszName is kept by pointer for the reports, so it must outlive the section (a literal).
