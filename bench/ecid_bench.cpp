@@ -1,5 +1,6 @@
 // What showing the execution context id costs: one message rendered with the built-in
-// "KLF-Text" format into a reused UTF-8 byte buffer, without an "ecid" property (as before
+// "KLF-Text" format into a reused UTF-8 byte buffer (and, for the file writer's own path, into
+// a record buffer), without an "ecid" property (as before
 // loggers carried one), with it while the thread has no context, and with it while the thread
 // has one (49 characters written). The id is resolved only while the format renders it, so the
 // difference is the copy of those characters. Allocations per message are counted on the
@@ -23,8 +24,9 @@ using logger::ExecutionContext;
 
 enum class Ecid { kNoProperty, kNoContext, kContext, kFixedText };
 
-void render(benchmark::State& state, Ecid nEcid) {
-    const auto hWriter = bench::builtInWriter(L"KLF-Text");
+enum class Output { kByteSink, kRecordBuffer };
+
+void render(benchmark::State& state, Ecid nEcid, Output nOutput = Output::kByteSink) {
     const LogSourceHandle source(String(L"bench.http.request"));
     LoggerState logState;
     logState.pushSource(*source);
@@ -46,10 +48,26 @@ void render(benchmark::State& state, Ecid nEcid) {
             return;
         }
     }
-    // Without a context the thread's ECID is empty: BM_KlfTextEcidWithoutContext runs before
+    // Without a context the thread's ECID is empty: the benchmarks without a context run before
     // the first context is made on this thread.
-    bench::measureRendering(state, *hWriter, logState);
+    if (nOutput == Output::kRecordBuffer) {
+        bench::measureRendering(state, *bench::builtInFileWriter(L"KLF-Text"), logState);
+    } else {
+        bench::measureRendering(state, *bench::builtInWriter(L"KLF-Text"), logState);
+    }
 }
+
+// The same, rendered as the file writer renders: UTF-8 encoded in place into a record buffer,
+// an already encoded ECID copied as it is.
+void BM_KlfTextToFileWithoutEcidProperty(benchmark::State& state) {
+    render(state, Ecid::kNoProperty, Output::kRecordBuffer);
+}
+BENCHMARK(BM_KlfTextToFileWithoutEcidProperty);
+
+void BM_KlfTextToFileEcidWithoutContext(benchmark::State& state) {
+    render(state, Ecid::kNoContext, Output::kRecordBuffer);
+}
+BENCHMARK(BM_KlfTextToFileEcidWithoutContext);
 
 void BM_KlfTextWithoutEcidProperty(benchmark::State& state) {
     render(state, Ecid::kNoProperty);
@@ -70,6 +88,11 @@ void BM_KlfTextWithFixedEcidText(benchmark::State& state) {
     render(state, Ecid::kFixedText);
 }
 BENCHMARK(BM_KlfTextWithFixedEcidText);
+
+void BM_KlfTextToFileWithEcid(benchmark::State& state) {
+    render(state, Ecid::kContext, Output::kRecordBuffer);
+}
+BENCHMARK(BM_KlfTextToFileWithEcid);
 
 // The deferred value alone: the thread's ECID looked up and appended to the renderer's buffer.
 void BM_EcidBufferize(benchmark::State& state) {
