@@ -29,10 +29,16 @@ TEST(FlushAllConcurrencyTest, FlushingWhileThreadsLogLosesAndRepeatsNothing) {
     ASSERT_FALSE(hWriter.isNull());
 
     std::atomic<int> nDone{0};
+    // The threads start logging once flushing has begun: on a busy machine they could otherwise
+    // be done before the flushing loop ever ran.
+    std::atomic<bool> bFlushing{false};
     std::vector<std::thread> vecThreads;
     for (int t = 0; t < kThreads; ++t) {
         vecThreads.emplace_back([&, t] {
             const LoggerState state = test::stateWithSource(L"flushall.concurrency");
+            while (!bFlushing.load()) {
+                std::this_thread::yield();
+            }
             for (int i = 0; i < kLines; ++i) {
                 const std::string text = "T" + std::to_string(t) + " S" + std::to_string(i);
                 hWriter->logMessage(kSevError, GDString(fromUtf8(text)), state, nullptr);
@@ -53,6 +59,7 @@ TEST(FlushAllConcurrencyTest, FlushingWhileThreadsLogLosesAndRepeatsNothing) {
     while (nDone.load() < kThreads) {
         logger_details::LogWritersMan::flushAll();
         ++nFlushes;
+        bFlushing.store(true);
     }
     for (std::thread& thread : vecThreads) {
         thread.join();
