@@ -63,6 +63,14 @@ TEST(LogSourceTest, RelativeNameNeverConsultsTheTopLevel) {
     EXPECT_EQ(registry().findLogSource(ZQWString(L"a.b")), nullptr);
 }
 
+TEST(LogSourceTest, ThePathIsKeptAsUtf8Too) {
+    LogSource* pSource =
+        registry().getLogSource(nullptr, ZQWString(L"src\u00e9.zw\u00f6lf.\U0001F600"));
+    ASSERT_NE(pSource, nullptr);
+    EXPECT_EQ(pSource->getPathUtf8().std(), "src\xc3\xa9.zw\xc3\xb6lf.\xf0\x9f\x98\x80");
+    EXPECT_EQ(pSource->getParent()->getPathUtf8().std(), "src\xc3\xa9.zw\xc3\xb6lf");
+}
+
 TEST(LogSourceTest, TopLevelNamesAreRootsSideBySide) {
     LogSource* pFirst = registry().getLogSource(nullptr, ZQWString(L"src3"));
     LogSource* pSecond = registry().getLogSource(nullptr, ZQWString(L"src3x"));

@@ -154,6 +154,20 @@ TEST(CompiledMsgFormatTest, AddRecordMergesTextIntoPrecedingTextOnly) {
     EXPECT_EQ(textAt(format, 4), L"d");
 }
 
+TEST(CompiledMsgFormatTest, TextAndTypeWordsAreKeptAsUtf8TooAlsoWhenTextIsMerged) {
+    Format format;
+    format.addRecord(new Format::TextRecord(String(L"\u00e9 ")));
+    format.addRecord(new Format::TextRecord(String(L"\u20ac\U0001F600")));
+    const auto& text = static_cast<const Format::TextRecord&>(*format.m_records.at(0));
+    EXPECT_EQ(text.m_strUtf8.std(), "\xc3\xa9 \xe2\x82\xac\xf0\x9f\x98\x80");
+    const Format::EnumRecord types({String(L"INFO"), String(L"\u00dcBER")});
+    ASSERT_EQ(types.m_vecUtf8Values.size(), 2u);
+    EXPECT_EQ(types.m_vecUtf8Values[0].std(), "INFO");
+    EXPECT_EQ(types.m_vecUtf8Values[1].std(),
+              "\xc3\x9c"
+              "BER");
+}
+
 TEST(CompiledMsgFormatTest, SwapExchangesRecordsSeparatorAndEncoding) {
     Format first;
     first.addRecord(new Format::Record(Format::kMsg));

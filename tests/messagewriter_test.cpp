@@ -7,6 +7,8 @@
 #include <cwchar>
 #include <fstream>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "support/alloc_counter.h"
 #include "weblogger/internal/messagewriter_impl.h"
@@ -174,6 +176,50 @@ TEST_F(MessageWriterTest, AValueKeptAsUtf8IsCopiedAsItIsOnlyWhereNothingIsEscape
     EXPECT_EQ(renderUtf8(CompiledMsgFormat::kEncodingJson), "[wide\\\"&]wide\\\"&");
     // A wide stream takes no bytes.
     EXPECT_TRUE(render(writerFor(pszFormat), kSevError, GDString(L"m")).equals(L"[wide\"&]m"));
+}
+
+TEST_F(MessageWriterTest, AsUtf8EveryFormatWritesItsWideTextEncodedByteForByte) {
+    // Text beyond ASCII everywhere a writer copies pre-encoded bytes: format text, the source
+    // names, the message type words (through a format of its own), the time zone's name.
+    const LogSourceHandle source(String(L"one.zw\u00f6lf.\u20ac"));
+    m_state.pushSource(*m_one);
+    m_state.pushSource(*source);
+    m_state.pushProperty(String(L"userId"), GDString(L"\u00e4nne"), 100);
+    m_state.pushProperty(String(L"custom"), GDString(L"w\u00e9rt \U0001F600"), 100);
+    m_state.pushProperty(String(L"ecid"), GDString(L"E1,R1"), 0xF0000000u);
+    const GDString tmpl(L"user %1 got %2 \u2014 \u00fcn\u00efcode & <co>");
+    const GDString user(L"\u00e4nne");
+    const GDUInteger64 count(42);
+    const FileLocation here(L"/build/src/\u00e4\u00f6.cpp", 42, L"frame0 \u00e9\nframe1");
+    std::vector<const XmlElement*> vecFormats =
+        MessageFormatLoader::getFallbackLoggerFormats()->selectElements(L"Format");
+    const XmlDocument custom = XmlDocument::parseString(std::string_view(
+        "<Format>\xc3\xa9\xe2\x82\xac [<MsgType/>|<MsgType style='short'/>] <Time/> "
+        "<Time style='KLFTimeFormat'/> <CurrentLogSource/> <LogSources><Separator>\xc2\xbb"
+        "</Separator></LogSources> <MessageText/></Format>"));
+    vecFormats.push_back(custom.getDocumentElement());
+    for (const XmlElement* pFormat : vecFormats) {
+        for (const auto nEncoding :
+             {CompiledMsgFormat::kEncodingPlain, CompiledMsgFormat::kEncodingXml}) {
+            auto* pWideFormat = new CompiledMsgFormat;
+            MessageFormatLoader::loadFormat(*pWideFormat, *pFormat, nEncoding);
+            const auto hWide = WideFactory::createMessageWriter(pWideFormat, true);
+            auto* pUtf8Format = new CompiledMsgFormat;
+            MessageFormatLoader::loadFormat(*pUtf8Format, *pFormat, nEncoding);
+            const auto hUtf8 = Utf8Factory::createMessageWriter(pUtf8Format, true);
+            for (const LogSeverity* pSeverity : {&kSevInfo, &kSevErrorCorruption, &kSevTraceFine}) {
+                StringBufferTemplate<4096, wchar_t> wide;
+                hWide->msg_log(*pSeverity, ReferentialParameterizedMessage(tmpl, user, count),
+                               m_state, &here, &wide);
+                Utf8Bytes utf8;
+                hUtf8->msg_log(*pSeverity, ReferentialParameterizedMessage(tmpl, user, count),
+                               m_state, &here, &utf8);
+                EXPECT_EQ(utf8.text, toUtf8(wide.view()).std())
+                    << "format " << toUtf8(pFormat->getAttributeValue(L"name").view()).std();
+                EXPECT_FALSE(utf8.text.empty());
+            }
+        }
+    }
 }
 
 TEST_F(MessageWriterTest, ReservedPropertiesShowOnlyThroughTheirOwnRecord) {

@@ -5,6 +5,7 @@
 
 #include "weblogger/logfilterconfig.h"
 #include "zq/webkeel/assert.h"
+#include "zq/webkeel/transcode.h"
 #include "zq/webkeel/wildcard.h"
 
 namespace kiv {
@@ -32,6 +33,7 @@ LogSourcesMan* const g_pLogSourcesMan = &LogSourcesMan::getLogSourcesMan();
 LogSource::LogSource(const ZQWString& name, LogSource* pParent)
     : m_strName(name),
       m_strFullPath(makeFullPath(name, pParent)),
+      m_strFullPathUtf8(toUtf8(m_strFullPath.view())),
       m_plogFilter(nullptr),
       m_pParent(pParent) {
     std::unique_ptr<LogFilter> pFilter(new LogFilter);

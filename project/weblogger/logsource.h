@@ -48,6 +48,8 @@ public:
 
     const ZQWString& getName() const noexcept { return m_strName; }
     const ZQWString& getPath() const noexcept { return m_strFullPath; }
+    // The full path as UTF-8, made once: the file writers' lines show it on every message.
+    const NString& getPathUtf8() const noexcept { return m_strFullPathUtf8; }
     const LogSource* getParent() const noexcept { return m_pParent; }
     LogSource* getParent() noexcept { return m_pParent; }
     const LogFilter& getLogFilter() const noexcept { return *m_plogFilter; }
@@ -88,6 +90,7 @@ private:
 
     const ZQWString m_strName;
     const ZQWString m_strFullPath;
+    const NString m_strFullPathUtf8;
     LogSourcesMap m_mapChildSources;
     LogFilter* m_plogFilter;
     LogSource* m_pParent;

@@ -9,6 +9,7 @@
 #include "weblogger/loggermessages.h"
 #include "zq/webkeel/assert.h"
 #include "zq/webkeel/stringbuffer.h"
+#include "zq/webkeel/transcode.h"
 #include "zq/webutil/message.h"
 
 namespace kiv {
@@ -413,6 +414,41 @@ void compileElement(CompiledMsgFormat& format, const XmlElement& element,
 
 }  // namespace
 
+CompiledMsgFormat::TextRecord::TextRecord(String strText)
+    : Record(kText), m_strText(std::move(strText)), m_strUtf8(toUtf8(m_strText.view())) {}
+
+void CompiledMsgFormat::TextRecord::append(const String& strMore) {
+    NString strUtf8 = m_strUtf8;
+    strUtf8.append(toUtf8(strMore.view()));
+    m_strText.append(strMore);
+    m_strUtf8 = std::move(strUtf8);
+}
+
+CompiledMsgFormat::EnumRecord::EnumRecord(std::vector<String> vecValues)
+    : Record(kMsgType), m_vecValues(std::move(vecValues)) {
+    m_vecUtf8Values.reserve(m_vecValues.size());
+    for (const String& strValue : m_vecValues) {
+        m_vecUtf8Values.push_back(toUtf8(strValue.view()));
+    }
+}
+
+CompiledMsgFormat::SingleValueFromListRecord::SingleValueFromListRecord(String strValueName,
+                                                                        CompiledMsgFormat* pFormat,
+                                                                        bool bOmitWhenEmpty)
+    : Record(kSpecificProperty),
+      m_strValueName(std::move(strValueName)),
+      m_pFormat(pFormat),
+      m_bOmitWhenEmpty(bOmitWhenEmpty),
+      m_pBareValues(nullptr) {
+    if (pFormat != nullptr && pFormat->m_records.size() == 1 &&
+        pFormat->m_records.front()->m_nType == kPropValuesList) {
+        const auto* pList = static_cast<const SimpleListRecord*>(pFormat->m_records.front());
+        if (pList->m_strPrefix.empty() && pList->m_strSuffix.empty()) {
+            m_pBareValues = pList;
+        }
+    }
+}
+
 CompiledMsgFormat::~CompiledMsgFormat() {
     for (Record* pRecord : m_records) {
         delete pRecord;
@@ -425,7 +461,7 @@ void CompiledMsgFormat::addRecord(Record* pRecord) {
     if (pRecord->m_nType == kText && !m_records.empty() && m_records.back()->m_nType == kText) {
         // One text record per run of text keeps the renderer's walk short.
         static_cast<TextRecord*>(m_records.back())
-            ->m_strText.append(static_cast<TextRecord*>(pRecord)->m_strText);
+            ->append(static_cast<TextRecord*>(pRecord)->m_strText);
         return;
     }
     m_records.push_back(pRecord);

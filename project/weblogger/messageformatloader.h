@@ -94,18 +94,23 @@ public:
         MessagePart m_nType;
     };
 
+    // Format text, kept also as UTF-8: most lines go to files, and their renderer copies the
+    // bytes instead of encoding the same text for every message.
     class TextRecord : public Record {
     public:
-        explicit TextRecord(String strText) : Record(kText), m_strText(std::move(strText)) {}
+        explicit TextRecord(String strText);
+        // Appends more text to both forms.
+        void append(const String& strMore);
         String m_strText;
+        NString m_strUtf8;
     };
 
-    // The texts of the five message types, indexed by the type.
+    // The texts of the five message types, indexed by the type, and their UTF-8 forms.
     class EnumRecord : public Record {
     public:
-        explicit EnumRecord(std::vector<String> vecValues)
-            : Record(kMsgType), m_vecValues(std::move(vecValues)) {}
+        explicit EnumRecord(std::vector<String> vecValues);
         std::vector<String> m_vecValues;
+        std::vector<NString> m_vecUtf8Values;
     };
 
     class ListRecordBase : public Record {
@@ -140,15 +145,15 @@ public:
     class SingleValueFromListRecord : public Record {
     public:
         SingleValueFromListRecord(String strValueName, CompiledMsgFormat* pFormat,
-                                  bool bOmitWhenEmpty = false)
-            : Record(kSpecificProperty),
-              m_strValueName(std::move(strValueName)),
-              m_pFormat(pFormat),
-              m_bOmitWhenEmpty(bOmitWhenEmpty) {}
+                                  bool bOmitWhenEmpty = false);
         ~SingleValueFromListRecord() override { delete m_pFormat; }
         String m_strValueName;
         CompiledMsgFormat* m_pFormat;
         bool m_bOmitWhenEmpty;
+        // When the nested format is its values alone (one PropertyValues without prefix or
+        // suffix, as every built-in format has it), that list; otherwise null. A renderer then
+        // writes the values without walking the nested format.
+        const SimpleListRecord* m_pBareValues;
     };
 
     // No records, encoding kEncodingXml.

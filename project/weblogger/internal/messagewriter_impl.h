@@ -36,6 +36,20 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeNumber(std::uint64
 }
 
 template <class Stream, class TextWriter, class ValueWriter>
+template <class Writer>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeTwoForm(Stream* out,
+                                                                      std::wstring_view wide,
+                                                                      std::string_view utf8) {
+    if constexpr (TakesUtf8Bytes<Writer>::value) {
+        if (!utf8.empty()) {
+            out->write(utf8.data(), utf8.size());
+        }
+    } else {
+        Writer::write(out, wide.data(), wide.size());
+    }
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
 void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeverity& severity,
                                                                  const GDValue& message,
                                                                  const LoggerState& state,
@@ -45,20 +59,20 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
     for (const Record* pRecord : m_pformat->m_records) {
         switch (pRecord->m_nType) {
             case CompiledMsgFormat::kText: {
-                const String& strText =
-                    static_cast<const CompiledMsgFormat::TextRecord*>(pRecord)->m_strText;
-                TextWriter::write(out, strText.data(), strText.size());
+                const auto& text = *static_cast<const CompiledMsgFormat::TextRecord*>(pRecord);
+                writeTwoForm<TextWriter>(out, text.m_strText.view(), text.m_strUtf8.view());
                 break;
             }
             case CompiledMsgFormat::kTimeStamp: {
-                const std::wstring_view text =
+                const logger_details::TwoFormText text =
                     scratch.timeStamps.ordinary(clock::wallClockSeconds());
-                ValueWriter::write(out, text.data(), text.size());
+                writeTwoForm<ValueWriter>(out, text.wide, text.utf8);
                 break;
             }
             case CompiledMsgFormat::kTimeStampKLFFormat: {
-                const std::wstring_view text = scratch.timeStamps.klf(clock::wallClockSeconds());
-                ValueWriter::write(out, text.data(), text.size());
+                const logger_details::TwoFormText text =
+                    scratch.timeStamps.klf(clock::wallClockSeconds());
+                writeTwoForm<ValueWriter>(out, text.wide, text.utf8);
                 break;
             }
             case CompiledMsgFormat::kLogSourcesList:
@@ -67,7 +81,8 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
                 break;
             case CompiledMsgFormat::kCurLogSource:
                 if (const LogSource* pSource = state.getCurSource()) {
-                    InsertWriter::write(out, pSource->getPath().data(), pSource->getPath().size());
+                    writeTwoForm<InsertWriter>(out, pSource->getPath().view(),
+                                               pSource->getPathUtf8().view());
                 }
                 break;
             case CompiledMsgFormat::kFile:
@@ -100,11 +115,11 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
                 break;
             }
             case CompiledMsgFormat::kMsgType: {
-                const auto& values =
-                    static_cast<const CompiledMsgFormat::EnumRecord*>(pRecord)->m_vecValues;
+                const auto& types = *static_cast<const CompiledMsgFormat::EnumRecord*>(pRecord);
                 const std::size_t nType = static_cast<std::size_t>(severity.m_nType);
-                if (nType < values.size()) {
-                    InsertWriter::write(out, values[nType].data(), values[nType].size());
+                if (nType < types.m_vecValues.size()) {
+                    writeTwoForm<InsertWriter>(out, types.m_vecValues[nType].view(),
+                                               types.m_vecUtf8Values[nType].view());
                 } else {
                     wchar_t arrDigits[24];
                     const std::size_t nDigits =
@@ -123,7 +138,11 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
                 const auto it = map.find(pProperty->m_strValueName);
                 if (it != map.end() && pProperty->m_pFormat != nullptr &&
                     !(pProperty->m_bOmitWhenEmpty && rendersEmpty(it->second, scratch))) {
-                    writePropertyWith(*pProperty->m_pFormat, *it, scratch, out);
+                    if (pProperty->m_pBareValues != nullptr) {
+                        writeValues(*pProperty->m_pBareValues, it->second, scratch, out);
+                    } else {
+                        writePropertyWith(*pProperty->m_pFormat, *it, scratch, out);
+                    }
                 }
                 break;
             }
@@ -143,9 +162,31 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
 }
 
 template <class Stream, class TextWriter, class ValueWriter>
-void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writePropertyValue(const GDValue& value,
-                                                                            Scratch& scratch,
-                                                                            Stream* out) const {
+inline void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeValues(
+    const CompiledMsgFormat::SimpleListRecord& list, const LoggerState::PropValues& values,
+    Scratch& scratch, Stream* out) const {
+    bool bFirst = true;
+    for (const auto& value : values) {
+        // Most lists have no separator, prefix or suffix: no adaptor call for those.
+        if (!bFirst && !list.m_strSeparator.empty()) {
+            TextWriter::write(out, list.m_strSeparator);
+        }
+        bFirst = false;
+        if (!list.m_strPrefix.empty()) {
+            TextWriter::write(out, list.m_strPrefix);
+        }
+        if (const GDValue* pValue = value.first.get()) {
+            writePropertyValue(*pValue, scratch, out);
+        }
+        if (!list.m_strSuffix.empty()) {
+            TextWriter::write(out, list.m_strSuffix);
+        }
+    }
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+inline void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writePropertyValue(
+    const GDValue& value, Scratch& scratch, Stream* out) const {
     if constexpr (TakesUtf8Bytes<InsertWriter>::value) {
         std::string_view bytes;
         if (value.readyUtf8(bytes)) {
@@ -192,7 +233,7 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeSourcesList(
         }
         bFirst = false;
         TextWriter::write(out, record.m_strPrefix);
-        ValueWriter::write(out, pSource->getPath());
+        writeTwoForm<ValueWriter>(out, pSource->getPath().view(), pSource->getPathUtf8().view());
         TextWriter::write(out, record.m_strSuffix);
     }
 }
@@ -236,30 +277,18 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writePropertyWith(
     Scratch& scratch, Stream* out) const {
     for (const Record* pRecord : itemFormat.m_records) {
         switch (pRecord->m_nType) {
-            case CompiledMsgFormat::kText:
-                TextWriter::write(
-                    out, static_cast<const CompiledMsgFormat::TextRecord*>(pRecord)->m_strText);
+            case CompiledMsgFormat::kText: {
+                const auto& text = *static_cast<const CompiledMsgFormat::TextRecord*>(pRecord);
+                writeTwoForm<TextWriter>(out, text.m_strText.view(), text.m_strUtf8.view());
                 break;
+            }
             case CompiledMsgFormat::kPropName:
                 ValueWriter::write(out, entry.first);
                 break;
-            case CompiledMsgFormat::kPropValuesList: {
-                const auto& list =
-                    *static_cast<const CompiledMsgFormat::SimpleListRecord*>(pRecord);
-                bool bFirst = true;
-                for (const auto& value : entry.second) {
-                    if (!bFirst) {
-                        TextWriter::write(out, list.m_strSeparator);
-                    }
-                    bFirst = false;
-                    TextWriter::write(out, list.m_strPrefix);
-                    if (const GDValue* pValue = value.first.get()) {
-                        writePropertyValue(*pValue, scratch, out);
-                    }
-                    TextWriter::write(out, list.m_strSuffix);
-                }
+            case CompiledMsgFormat::kPropValuesList:
+                writeValues(*static_cast<const CompiledMsgFormat::SimpleListRecord*>(pRecord),
+                            entry.second, scratch, out);
                 break;
-            }
             default:
                 ZQ_ASSERT(false);
                 break;
