@@ -41,6 +41,20 @@ TEST(RecordBufferTest, BytesAndWideTextFollowEachOtherAsUtf8) {
     EXPECT_EQ(contents(record), "[" + toUtf8(text).std() + "]\n");
 }
 
+TEST(RecordBufferTest, PiecesOfEveryShortLengthArriveWhole) {
+    RecordBuffer record;
+    std::string strExpected;
+    for (std::size_t n = 1; n <= 40; ++n) {
+        std::string piece;
+        for (std::size_t i = 0; i < n; ++i) {
+            piece += static_cast<char>('a' + (n + i) % 26);
+        }
+        record.write(piece.data(), piece.size());
+        strExpected += piece;
+        ASSERT_EQ(contents(record), strExpected) << "after a piece of " << n << " bytes";
+    }
+}
+
 TEST(RecordBufferTest, EmptyPiecesWriteNothingAndAllocateNothing) {
     RecordBuffer record;
     const test::AllocationScope scope;

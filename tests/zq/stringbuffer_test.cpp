@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "support/alloc_counter.h"
 
 namespace kiv {
@@ -62,6 +64,24 @@ TEST(StringBufferTest, NumbersAppendInDecimal) {
     buffer.appendUnsigned(0).append(L' ').appendUnsigned(18446744073709551615ULL).append(L' ');
     buffer.appendSigned(-9223372036854775807LL - 1);
     EXPECT_EQ(buffer.view(), L"0 18446744073709551615 -9223372036854775808");
+}
+
+TEST(StringBufferTest, NumbersOfEveryLengthAppendAcrossTheBuffersGrowth) {
+    // Four characters inline: the numbers move the buffer to the heap and grow it there.
+    StringBufferTemplate<4, char> buffer;
+    std::string strExpected;
+    unsigned long long n = 1;
+    for (int nDigits = 1; nDigits <= 20; ++nDigits) {
+        for (const unsigned long long value : {n - 1, n, n + 7}) {
+            buffer.appendUnsigned(value).append(',');
+            strExpected += std::to_string(value) + ",";
+        }
+        n = nDigits < 20 ? n * 10 : n;
+    }
+    buffer.appendSigned(-1).appendSigned(-10);
+    strExpected += "-1-10";
+    EXPECT_EQ(std::string(buffer.view()), strExpected);
+    EXPECT_EQ(buffer.c_str()[buffer.size()], '\0');
 }
 
 TEST(StringBufferTest, TruncateShortensOnly) {
