@@ -19,6 +19,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/alloc_counter.h"
@@ -76,6 +77,17 @@ TEST_F(FileLogWriterTest, DefaultsAndFileNaming) {
     EXPECT_EQ(hWriter->getFilePathN().std(), m_dir.file("kiv0.log"));
     log(*hWriter, "first");
     EXPECT_EQ(file("kiv0.log"), kBom + "first\n");
+}
+
+TEST_F(FileLogWriterTest, AFormatThatRendersNothingWritesNothingFromAThreadsFirstMessage) {
+    m_pConfig = std::make_unique<WriterConfig>(writerXml(m_dir.path(), "fmtName='Empty'"),
+                                               "<Formats><Format name='Empty'/></Formats>");
+    Handle<LogWriter> hWriter = m_pConfig->create(L"FileLogWriter");
+    ASSERT_FALSE(hWriter.isNull());
+    // A new thread: its record buffer has no storage yet when the empty record is copied.
+    std::thread([&] { log(static_cast<FileLogWriter&>(*hWriter), "nothing shows"); }).join();
+    hWriter->flush();
+    EXPECT_EQ(file("kiv0.log"), kBom);
 }
 
 TEST_F(FileLogWriterTest, DirectoryIsCreatedWithItsParents) {

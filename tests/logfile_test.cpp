@@ -89,6 +89,20 @@ TEST(LogFileTest, OpenAppendOnMissingFileThrowsAndCreatesNothing) {
     EXPECT_EQ(::access(path.c_str(), F_OK), -1);
 }
 
+TEST(LogFileTest, WritingNothingFromANullPointerLeavesTheFileAsItWas) {
+    TempDir dir;
+    const std::string path = dir.file("empty.log");
+    LogFile file;
+    file.openTruncate(wide(path));
+    writeText(file, "a");
+    file.write(nullptr, 0);
+    file.endRecord();
+    file.flush();
+    EXPECT_EQ(readFile(path), "a");
+    file.close();
+    EXPECT_THROW(file.write(nullptr, 0), FileException);
+}
+
 TEST(LogFileTest, UnflushedBytesReachTheDiskAtFlush) {
     TempDir dir;
     const std::string path = dir.file("flush.log");

@@ -2,10 +2,10 @@
 //
 // The file writer writes the UTF-8 bytes of each rendered message with write() (the whole
 // record at once, rendered beforehand into a RecordBuffer), and opens, flushes and closes the
-// file around its rotation. The buffer is made once in the
-// constructor and lives as long as the LogFile; only the file is opened and closed again and
-// again. Opening, seeking and sizing throw FileException on any error; close() never throws
-// for the close itself, only for the flush before it, and the destructor never throws.
+// file around its rotation. The buffer is made once in the constructor and lives as long as
+// the LogFile; only the file is opened and closed again and again. Opening, seeking and sizing
+// throw FileException on any error; close() never throws for the close itself, only for the flush
+// before it, and the destructor never throws.
 //
 // Records. The writer marks the end of every message with endRecord(); the bytes since the last
 // mark are the record in progress (flush() marks one too, so a plain user of this class sees
@@ -76,9 +76,10 @@ public:
     // The file gets exactly nMode.
     void openFresh(const String& path, unsigned nMode, const void* pFirst, unsigned long nFirst);
 
+    // Nothing to write may come with a null pointer (an empty record that never needed storage).
     void write(const void* p, unsigned long n) {
-        // Bytes that fit the buffer (nearly every piece of a message) are copied inline.
-        if (m_file.isOpen() && !m_bRecordLost && n <= kBufferSize - m_nUsed) {
+        // Bytes that fit the buffer (nearly every record) are copied inline.
+        if (m_file.isOpen() && !m_bRecordLost && n <= kBufferSize - m_nUsed && n != 0) {
             std::memcpy(m_pBuffer.get() + m_nUsed, p, n);
             m_nUsed += n;
             return;
