@@ -64,8 +64,8 @@
 // may show their seconds out of order.) initializeByTime/initializeBySize and flush hold the
 // lock throughout. initialize replaces the message writer before taking it, and
 // appendFilePrefix takes no lock: neither may run while another thread logs through the same
-// writer. The process-wide table of
-// rings is taken under a writer's lock, never the other way round.
+// writer. The process-wide table of rings is taken under a writer's lock, never the other way
+// round.
 #pragma once
 
 #include <cstdint>

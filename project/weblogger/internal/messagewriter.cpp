@@ -22,8 +22,7 @@ void destroyScratch(RenderScratch* pScratch) {
 
 // Made by the first rendering; destroyed with the library's statics, which frees the
 // destroying thread's scratch (no thread renders by then: the library's shutdown refuses log
-// calls before its statics go). Every other thread's goes when the
-// thread ends.
+// calls before its statics go). Every other thread's goes when the thread ends.
 ThreadSpecificStatic<RenderScratch>& scratchSlot() {
     static ThreadSpecificStatic<RenderScratch> s_slot(&destroyScratch);
     return s_slot;

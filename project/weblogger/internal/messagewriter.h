@@ -4,8 +4,8 @@
 // piece through two adaptors: one for the format's own text and one for values. The choice of
 // adaptors makes a format "Xml" (values escaped) or "Plain"; the stream (a wide buffer, the
 // record buffer a file writer copies into its file, the console) is whatever the adaptors
-// write to. Writers own one message writer each,
-// made by MessageWriterFactory<Stream, Writer>::createMessageWriter.
+// write to. Writers own one message writer each, made by
+// MessageWriterFactory<Stream, Writer>::createMessageWriter.
 //
 // Which pieces are values (escaped in Xml formats): the time stamps and the zone name, each
 // source name of the sources list, the file path or name, the line, the message text, the
