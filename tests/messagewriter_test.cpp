@@ -222,6 +222,114 @@ TEST_F(MessageWriterTest, AsUtf8EveryFormatWritesItsWideTextEncodedByteForByte) 
     }
 }
 
+TEST_F(MessageWriterTest, AsUtf8AMessageOfAnyShapeWritesItsWideTextEncodedByteForByte) {
+    // Plain templates are expanded straight to UTF-8 where the stream takes it; whatever the
+    // template and its inserts, the bytes must be those of the formatter's wide text, encoded.
+    const char* const pszFormat = "<Format>&lt;<MessageText/>&gt;</Format>";
+    const auto hWide = writerFor(pszFormat);
+    const auto compileFor = [pszFormat](auto factory) {
+        const XmlDocument document = XmlDocument::parseString(std::string_view(pszFormat));
+        auto* pFormat = new CompiledMsgFormat;
+        MessageFormatLoader::loadFormat(*pFormat, *document.getDocumentElement(),
+                                        CompiledMsgFormat::kEncodingPlain);
+        return decltype(factory)::createMessageWriter(pFormat, true);
+    };
+    const auto hBytes = compileFor(Utf8Factory());
+    const auto hRecord = compileFor(MessageWriterFactory<RecordBuffer, Utf8InPlaceAdaptor>());
+
+    const GDString every(L"s=%1 u=%2 min=%3 neg=%4 f=%5 ref=%6 utf8=%7 arr=%8");
+    const GDString text(L"\u00e4\u20ac \U0001F600");
+    const GDUInteger64 maxU(UINT64_MAX);
+    const GDInteger64 minI(INT64_MIN);
+    const GDInteger64 minusSeven(-7);
+    const GDFloat half(0.5);
+    const GDValueRef refToNumber(&maxU);
+    const GDUtf8StringRef utf8("caf\xc3\xa9");
+    GDArray array;
+    array.append(GDString(L"x")).append(GDUInteger64(3)).append(GDInteger64(-4));
+    const GDString odd(L"%% 100% %0 %x %9 %%1 %1%2 %");
+    const GDString withNull(String(L"a\0b", 3));
+    const GDStringRef nullInside(L"n\0l", 3);
+    const GDValueRef refToNothing(nullptr);
+    const GDString nestedTemplate(L"[in %1]");
+    const ReferentialParameterizedMessage nested(nestedTemplate, text);
+    const GDValueRef templateByReference(&nestedTemplate);
+    const GDUInteger64 numberTemplate(5);
+    const GDString emptyTemplate(L"");
+    ParamMessage owning(GDString(L"owned %1 %2"));
+    owning.setInsert(1, text).setInsert(2, GDInteger64(0));
+    const ReferentialParameterizedMessage byReference(every, text, maxU);
+    const GDValueRef refToMessage(&byReference);
+
+    const auto check = [&](const char* pszWhat, const GDValue& message) {
+        StringBufferTemplate<1024, wchar_t> wide;
+        hWide->msg_log(kSevInfo, message, m_state, nullptr, &wide);
+        Utf8Bytes bytes;
+        hBytes->msg_log(kSevInfo, message, m_state, nullptr, &bytes);
+        RecordBuffer record;
+        hRecord->msg_log(kSevInfo, message, m_state, nullptr, &record);
+        const std::string expected = toUtf8(wide.view()).std();
+        EXPECT_EQ(bytes.text, expected) << pszWhat;
+        EXPECT_EQ(std::string(record.data(), record.size()), expected) << pszWhat;
+        return expected;
+    };
+    EXPECT_EQ(check("every kind of insert",
+                    ReferentialParameterizedMessage(every, text, maxU, minI, minusSeven, half,
+                                                    refToNumber, utf8, array)),
+              "<s=\xc3\xa4\xe2\x82\xac \xf0\x9f\x98\x80 u=18446744073709551615 "
+              "min=-9223372036854775808 neg=-7 f=0.5 ref=18446744073709551615 "
+              "utf8=caf\xc3\xa9 arr=x3-4>");
+    EXPECT_EQ(check("percent signs", ReferentialParameterizedMessage(odd, text, maxU)),
+              "<% 100% %0 %x %9 %1 \xc3\xa4\xe2\x82\xac \xf0\x9f\x98\x80"
+              "18446744073709551615 %>");
+    EXPECT_EQ(
+        check("null characters", ReferentialParameterizedMessage(every, withNull, nullInside)),
+        std::string("<s=a") + '\0' + "b u=n" + '\0' +
+            "l min=%3 neg=%4 f=%5 ref=%6 utf8=%7 arr=%8>");
+    check("a reference to nothing", ReferentialParameterizedMessage(every, refToNothing));
+    EXPECT_EQ(check("a nested message", ReferentialParameterizedMessage(nestedTemplate, nested)),
+              "<[in [in \xc3\xa4\xe2\x82\xac \xf0\x9f\x98\x80]]>");
+    EXPECT_EQ(check("a template by reference",
+                    ReferentialParameterizedMessage(templateByReference, maxU)),
+              "<[in 18446744073709551615]>");
+    EXPECT_EQ(
+        check("a template that is a number", ReferentialParameterizedMessage(numberTemplate, maxU)),
+        "<5>");
+    EXPECT_EQ(check("an empty template", ReferentialParameterizedMessage(emptyTemplate, maxU)),
+              "<>");
+    EXPECT_EQ(check("a message owning its inserts", owning),
+              "<owned \xc3\xa4\xe2\x82\xac \xf0\x9f\x98\x80 0>");
+    check("a reference to a message", refToMessage);
+    EXPECT_EQ(check("a string, not a message", GDString(L"%1 stays")), "<%1 stays>");
+    EXPECT_EQ(check("an array", array), "<x3-4>");
+}
+
+TEST_F(MessageWriterTest, AsUtf8ANumberInsertOfEveryLengthIsWrittenWhole) {
+    // Numbers go straight into the record buffer, their length counted first: each side of
+    // every power of ten, both signs, and the extremes.
+    const auto hRecord = MessageWriterFactory<RecordBuffer, Utf8InPlaceAdaptor>::compile(
+        XmlDocument::parseString(std::string_view("<Format>(<MessageText/>)</Format>"))
+            .getDocumentElement());
+    const GDString tmpl(L"%1|%2");
+    std::vector<std::uint64_t> vecNumbers = {0, UINT64_MAX};
+    for (std::uint64_t nPower = 1; nPower <= 10000000000000000000ULL; nPower *= 10) {
+        vecNumbers.insert(vecNumbers.end(), {nPower - 1, nPower, nPower + 1});
+        if (nPower == 10000000000000000000ULL) {
+            break;
+        }
+    }
+    for (const std::uint64_t n : vecNumbers) {
+        const std::int64_t nSigned =
+            n > static_cast<std::uint64_t>(INT64_MAX) ? INT64_MIN : -static_cast<std::int64_t>(n);
+        RecordBuffer record;
+        hRecord->msg_log(
+            kSevInfo, ReferentialParameterizedMessage(tmpl, GDUInteger64(n), GDInteger64(nSigned)),
+            m_state, nullptr, &record);
+        EXPECT_EQ(std::string(record.data(), record.size()),
+                  "(" + std::to_string(n) + "|" + std::to_string(nSigned) + ")");
+    }
+}
+
 TEST_F(MessageWriterTest, ReservedPropertiesShowOnlyThroughTheirOwnRecord) {
     auto hList = writerFor(
         "<Format><Properties><ListElementFormat><PropertyName/>=<PropertyValues/>"

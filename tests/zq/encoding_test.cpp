@@ -237,6 +237,47 @@ TEST(T2NEncodingUTF8Test, AsciiRunsEncodeLikeCharacterByCharacterWhereverTheyBre
     }
 }
 
+TEST(T2NEncodingUTF8Test, EncodeUntilStopsAtItsStopCharacterWhereverItIs) {
+    // Every length up to three blocks, the stop at every place (and nowhere), with a character
+    // beyond ASCII before it or not: the bytes of everything before the stop, and its place.
+    for (std::size_t nLength = 0; nLength <= 24; ++nLength) {
+        for (std::size_t nStop = 0; nStop <= nLength; ++nStop) {
+            for (bool bWide : {false, true}) {
+                std::wstring text(nLength, L'x');
+                for (std::size_t i = 0; i < nLength; ++i) {
+                    text[i] = static_cast<wchar_t>(L'a' + i % 26);
+                }
+                if (bWide && nStop > 0) {
+                    text[nStop / 2] = static_cast<wchar_t>(0x1F600);
+                }
+                if (nStop < nLength) {
+                    text[nStop] = L'%';
+                }
+                std::vector<char> vecOut(nLength * 4 + Utf8::kUntilSlack);
+                std::size_t nConsumed = 99;
+                const std::size_t nBytes =
+                    Utf8::encodeUntil(text.data(), nLength, L'%', vecOut.data(), nConsumed);
+                EXPECT_EQ(nConsumed, nStop) << nLength << " " << nStop;
+                EXPECT_EQ(std::string(vecOut.data(), nBytes),
+                          encodeUtf8Whole(std::wstring_view(text).substr(0, nStop)))
+                    << nLength << " " << nStop << " " << bWide;
+            }
+        }
+    }
+}
+
+TEST(T2NEncodingUTF8Test, EncodeAllGivesWhatEncodeGives) {
+    const std::wstring text =
+        L"plain ascii, then \u00e9\u20ac\U0001F600 and a stray \xD800 "
+        L"surrogate and % signs, long enough for blocks";
+    for (std::size_t nLength = 0; nLength <= text.size(); ++nLength) {
+        const std::wstring_view piece = std::wstring_view(text).substr(0, nLength);
+        std::vector<char> vecOut(nLength * 4 + Utf8::kUntilSlack);
+        const std::size_t nBytes = Utf8::encodeAll(piece.data(), piece.size(), vecOut.data());
+        EXPECT_EQ(std::string(vecOut.data(), nBytes), encodeUtf8Whole(piece)) << nLength;
+    }
+}
+
 }  // namespace
 }  // namespace kiv
 

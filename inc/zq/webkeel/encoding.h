@@ -108,8 +108,86 @@ public:
         return i == nIn;
     }
 
+    // The room that encodeUntil and encodeAll need beyond four bytes a character: they store
+    // characters in whole blocks before they know where within a block their run ends.
+    static constexpr std::size_t kUntilSlack = 8;
+
+    // Encodes pIn up to its first stop character (all of it when there is none) into pOut,
+    // which has room for 4 * nIn + kUntilSlack bytes. Returns the bytes written and sets
+    // nInConsumed to the characters encoded: the stop character, when found, is not one of them.
+    // One pass finds the stop and encodes, eight ASCII characters at a time where the processor
+    // lets us: what a template expansion needs between two of its markers.
+    static std::size_t encodeUntil(const CharT* pIn, std::size_t nIn, CharT stop, char* pOut,
+                                   std::size_t& nInConsumed) noexcept {
+        return encodeRun<true>(pIn, nIn, stop, pOut, nInConsumed);
+    }
+    // Encodes the whole of pIn into pOut, which has room for 4 * nIn + kUntilSlack bytes, and
+    // returns the bytes written: short text inline, without the capacity checks of encode.
+    static std::size_t encodeAll(const CharT* pIn, std::size_t nIn, char* pOut) noexcept {
+        std::size_t nInConsumed = 0;
+        return encodeRun<false>(pIn, nIn, CharT(), pOut, nInConsumed);
+    }
+
 private:
     static constexpr std::size_t kMaxSequenceBytes = 4;
+
+    template <bool kStops>
+    static std::size_t encodeRun(const CharT* pIn, std::size_t nIn, CharT stop, char* pOut,
+                                 std::size_t& nInConsumed) noexcept {
+        std::size_t i = 0;
+        std::size_t nOut = 0;
+#if defined(__SSE2__)
+        const __m128i high = _mm_set1_epi32(static_cast<int>(0xFFFFFF80u));
+        const __m128i zero = _mm_setzero_si128();
+        const __m128i stops = _mm_set1_epi32(static_cast<int>(stop));
+        while (i + 8 <= nIn) {
+            const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pIn + i));
+            const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pIn + i + 4));
+            // A lane goes on the run when it is ASCII (and not the stop character).
+            __m128i goesA = _mm_cmpeq_epi32(_mm_and_si128(a, high), zero);
+            __m128i goesB = _mm_cmpeq_epi32(_mm_and_si128(b, high), zero);
+            if constexpr (kStops) {
+                goesA = _mm_andnot_si128(_mm_cmpeq_epi32(a, stops), goesA);
+                goesB = _mm_andnot_si128(_mm_cmpeq_epi32(b, stops), goesB);
+            }
+            const __m128i goes16 = _mm_packs_epi32(goesA, goesB);
+            const unsigned nGoes =
+                static_cast<unsigned>(_mm_movemask_epi8(_mm_packs_epi16(goes16, zero))) & 0xFFu;
+            // Values below 0x80 survive both narrowing packs unchanged; the bytes of lanes past
+            // the run are written over or left beyond the end.
+            const __m128i words = _mm_packs_epi32(a, b);
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut + nOut),
+                             _mm_packus_epi16(words, zero));
+            if (nGoes == 0xFFu) {
+                i += 8;
+                nOut += 8;
+                continue;
+            }
+            const unsigned nRun = static_cast<unsigned>(__builtin_ctz(~nGoes));
+            i += nRun;
+            nOut += nRun;
+            if (kStops && pIn[i] == stop) {
+                nInConsumed = i;
+                return nOut;
+            }
+            nOut += encodeUtf8(static_cast<wchar_t>(pIn[i]), pOut + nOut);
+            ++i;
+        }
+#endif
+        for (; i < nIn; ++i) {
+            const CharT c = pIn[i];
+            if (kStops && c == stop) {
+                break;
+            }
+            if (static_cast<std::uint32_t>(c) < 0x80) {
+                pOut[nOut++] = static_cast<char>(c);
+            } else {
+                nOut += encodeUtf8(static_cast<wchar_t>(c), pOut + nOut);
+            }
+        }
+        nInConsumed = i;
+        return nOut;
+    }
 
     // Copies the leading ASCII characters as bytes, eight at a time where the processor lets
     // us, and returns how many it copied. Log text is mostly ASCII, so this is most of the work.

@@ -288,6 +288,33 @@ std::vector<String> MessageTable::getLoadErrors() const {
 }
 
 // ---------------------------------------------------------------------------------------------
+// Plain templates
+
+bool PlainTemplate::textOf(const MessageBase& message, std::wstring_view& text) noexcept {
+    if (message.getCatalogueMessage() != nullptr) {
+        return false;
+    }
+    const GDValue* pTemplate = message.getTemplateValue();
+    const GDValue* pTarget = pTemplate != nullptr ? pTemplate->target() : nullptr;
+    if (pTarget == nullptr) {
+        return false;
+    }
+    StringViewReader reader;
+    pTarget->accept(reader);
+    text = reader.m_view;
+    return reader.m_bFound;
+}
+
+const MessageBase* PlainTemplate::find(const GDValue& value, std::wstring_view& text) noexcept {
+    const GDValue* pTarget = value.target();
+    if (pTarget == nullptr || pTarget->kind() != GDValue::kKindMessage) {
+        return nullptr;
+    }
+    const auto* pMessage = static_cast<const MessageBase*>(pTarget);
+    return textOf(*pMessage, text) ? pMessage : nullptr;
+}
+
+// ---------------------------------------------------------------------------------------------
 // The text formatter
 
 const WebTextMessageFormatter& WebTextMessageFormatter::getInstance() noexcept {
@@ -315,12 +342,13 @@ void WebTextMessageFormatter::visitMessage(const MessageBase& message, Buffer& b
     if (pTemplate == nullptr) {
         return;
     }
-    StringViewReader reader;
-    if (const GDValue* pTarget = pTemplate->target()) {
-        pTarget->accept(reader);
-    }
-    if (reader.m_bFound) {
-        expandPlainTemplate(reader.m_view, message, buffer, inner);
+    std::wstring_view text;
+    if (PlainTemplate::textOf(message, text)) {
+        PlainTemplate::walk(
+            text, message, [&buffer](const wchar_t* p, std::size_t n) { buffer.append(p, n); },
+            [this, &buffer, &inner](const GDValue& insert) {
+                insert.acceptMessageVisitor(*this, buffer, inner);
+            });
     } else {
         pTemplate->acceptMessageVisitor(*this, buffer, inner);
     }
@@ -354,38 +382,6 @@ void WebTextMessageFormatter::expandCatalogueText(const XmlNode* pFirst, const M
         } else {
             expandCatalogueText(pElement->getFirstChild(), message, buffer, params);
         }
-    }
-}
-
-void WebTextMessageFormatter::expandPlainTemplate(std::wstring_view text,
-                                                  const MessageBase& message, Buffer& buffer,
-                                                  const MessageVisitorParams& params) const {
-    std::size_t nStart = 0;
-    std::size_t nSearch = 0;
-    // Jump from one '%' to the next: the text between them is copied in one piece.
-    while (nSearch + 1 < text.size()) {
-        const wchar_t* pPercent =
-            std::wmemchr(text.data() + nSearch, L'%', text.size() - nSearch - 1);
-        if (pPercent == nullptr) {
-            break;
-        }
-        const std::size_t i = static_cast<std::size_t>(pPercent - text.data());
-        const wchar_t next = text[i + 1];
-        if (next == L'%') {
-            buffer.append(text.data() + nStart, i + 1 - nStart);
-            nStart = i + 2;
-        } else if (next >= L'1' && next <= L'9') {
-            const unsigned nIndex = static_cast<unsigned>(next - L'0');
-            if (const GDValue* pInsert = message.getInsert(nIndex)) {
-                buffer.append(text.data() + nStart, i - nStart);
-                pInsert->acceptMessageVisitor(*this, buffer, params);
-                nStart = i + 2;
-            }
-        }
-        nSearch = i + 2;
-    }
-    if (nStart < text.size()) {
-        buffer.append(text.data() + nStart, text.size() - nStart);
     }
 }
 

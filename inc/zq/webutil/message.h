@@ -18,6 +18,8 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cwchar>
+#include <string_view>
 #include <vector>
 
 #include "zq/webkeel/gdvalue.h"
@@ -176,6 +178,78 @@ private:
     State* m_pState;
 };
 
+// How the text formatter reads a plain template, for renderers that write a message's text
+// some other way (the file writer encodes it straight to UTF-8) and must give exactly what the
+// formatter gives.
+struct PlainTemplate {
+    // The message that value is, or refers to, when the formatter expands it as a plain
+    // template: no catalogue entry, and a template whose value (or the value it refers to) is a
+    // string; text is then that string. Null for every other value.
+    static const MessageBase* find(const GDValue& value, std::wstring_view& text) noexcept;
+    // The plain template text of message, as find gives it.
+    static bool textOf(const MessageBase& message, std::wstring_view& text) noexcept;
+
+    // Walks text as the formatter expands it: onText(pointer, count) for each run of text that
+    // stands as it is, onInsert(insert) for each "%1".."%9" whose insert is set. "%%" gives one
+    // "%"; "%N" without an insert, and a "%" before anything else, stay as written.
+    template <class OnText, class OnInsert>
+    static void walk(std::wstring_view text, const MessageBase& message, OnText&& onText,
+                     OnInsert&& onInsert) {
+        walk(
+            text, message,
+            [&onText](const wchar_t* p, std::size_t n) {
+                const wchar_t* pPercent = std::wmemchr(p, L'%', n);
+                const std::size_t nRun =
+                    pPercent != nullptr ? static_cast<std::size_t>(pPercent - p) : n;
+                if (nRun != 0) {
+                    onText(p, nRun);
+                }
+                return nRun;
+            },
+            onText, onInsert);
+    }
+    // The same, with the runs between two '%' handed to runUntilPercent(pointer, count), which
+    // takes the text up to the first '%' among its count characters (all of them when there is
+    // none) and returns how many it took: for a renderer that finds the '%' as it encodes.
+    template <class RunUntilPercent, class OnText, class OnInsert>
+    static void walk(std::wstring_view text, const MessageBase& message,
+                     RunUntilPercent&& runUntilPercent, OnText&& onText, OnInsert&& onInsert);
+};
+
+template <class RunUntilPercent, class OnText, class OnInsert>
+void PlainTemplate::walk(std::wstring_view text, const MessageBase& message,
+                         RunUntilPercent&& runUntilPercent, OnText&& onText, OnInsert&& onInsert) {
+    const wchar_t* const p = text.data();
+    const std::size_t n = text.size();
+    std::size_t i = 0;
+    while (i < n) {
+        i += runUntilPercent(p + i, n - i);
+        if (i >= n) {
+            break;
+        }
+        // p[i] is a '%'.
+        if (i + 1 < n) {
+            const wchar_t next = p[i + 1];
+            if (next >= L'1' && next <= L'9') {
+                if (const GDValue* pInsert =
+                        message.getInsert(static_cast<unsigned>(next - L'0'))) {
+                    onInsert(*pInsert);
+                    i += 2;
+                    continue;
+                }
+            }
+            if (next == L'%') {
+                onText(p + i, 1);
+                i += 2;
+                continue;
+            }
+        }
+        // A '%' that marks nothing stands as written; what follows it is ordinary text.
+        onText(p + i, 1);
+        ++i;
+    }
+}
+
 // The text formatter: expands catalogue messages and plain templates, and writes any other
 // value in its text form.
 class WebTextMessageFormatter : public MessageFormatter {
@@ -192,8 +266,6 @@ public:
 
 private:
     void expandCatalogueText(const XmlNode* pFirst, const MessageBase& message, Buffer& buffer,
-                             const MessageVisitorParams& params) const;
-    void expandPlainTemplate(std::wstring_view text, const MessageBase& message, Buffer& buffer,
                              const MessageVisitorParams& params) const;
     void formatInsert(const MessageBase& message, unsigned nIndex, Buffer& buffer,
                       const MessageVisitorParams& params) const;

@@ -181,6 +181,15 @@ private:
     // A value's text: where the value holds it ready (readyText), the text itself; otherwise
     // the value rendered into the thread's scratch buffer. Valid until the next call.
     std::wstring_view renderValue(const GDValue& value, Scratch& scratch) const;
+    // The message's text. Where the adaptor passes UTF-8 through, a plain template is expanded
+    // straight into the stream: its text encoded piece by piece and whole numbers written as
+    // digits, with no wide text in between. The bytes are those of the text formatter's
+    // rendering, encoded: each wide character encodes on its own, so pieces encode as the whole
+    // would. Anything else is rendered by the formatter and then written.
+    void writeMessage(const GDValue& message, Scratch& scratch, Stream* out) const;
+    // One insert of a plain template, as UTF-8: strings and whole numbers directly, other values
+    // through the formatter (one level deep, as it renders the inserts of a message).
+    void writeInsertUtf8(const GDValue& insert, Scratch& scratch, Stream* out) const;
     void writePropertyWith(const CompiledMsgFormat& itemFormat,
                            const LoggerState::PropsMap::value_type& entry, Scratch& scratch,
                            Stream* out) const;

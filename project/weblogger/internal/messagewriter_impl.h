@@ -4,6 +4,9 @@
 
 #include "weblogger/internal/messagewriter.h"
 
+#include <array>
+#include <bit>
+#include <concepts>
 #include <cwchar>
 #include <memory>
 
@@ -14,6 +17,93 @@
 #include "zq/webkeel/encoding.h"
 
 namespace kiv {
+namespace logger_details {
+
+// A byte stream that lets a renderer write into its storage: reserve(n) gives room for n bytes,
+// commit(k) keeps the first k of them.
+template <class Stream>
+concept WritesInPlace = requires(Stream& stream, std::size_t n) {
+    { stream.reserve(n) } -> std::same_as<char*>;
+    stream.commit(n);
+};
+
+// Writes a value's text to a stream that takes UTF-8 where the value is a string or a whole
+// number, as the text formatter would render it; leaves every other value (arrays, deferred
+// values, messages) to the formatter and says so in m_bFormatterNeeded, having written nothing.
+template <class Stream, class Writer>
+class Utf8InsertWriter final : public GDValueVisitor {
+public:
+    explicit Utf8InsertWriter(Stream* out) noexcept : m_pOut(out) {}
+
+    void visitString(std::wstring_view text) override {
+        Writer::write(m_pOut, text.data(), text.size());
+    }
+    void visitUInteger64(std::uint64_t n) override { writeDecimal(n, false); }
+    void visitInteger64(std::int64_t n) override {
+        if (n < 0) {
+            writeDecimal(0ULL - static_cast<std::uint64_t>(n), true);
+        } else {
+            writeDecimal(static_cast<std::uint64_t>(n), false);
+        }
+    }
+    void visitReference(const GDValue* pTarget) override {
+        if (pTarget != nullptr) {
+            pTarget->accept(*this);
+        }
+    }
+    void visitArray(const GDArray&) override { m_bFormatterNeeded = true; }
+    void visitStringBufferable(const IGDStringBufferable&) override { m_bFormatterNeeded = true; }
+    void visitMessage(const MessageBase&) override { m_bFormatterNeeded = true; }
+
+    bool m_bFormatterNeeded = false;
+
+private:
+    void writeDecimal(std::uint64_t n, bool bNegative) {
+        if constexpr (WritesInPlace<Stream>) {
+            // Straight into the stream, last digit first, once the count of digits is known.
+            static constexpr std::array<std::uint64_t, 20> kPowersOfTen = [] {
+                std::array<std::uint64_t, 20> arrPowers{};
+                std::uint64_t nPower = 1;
+                for (std::uint64_t& nEntry : arrPowers) {
+                    nEntry = nPower;
+                    nPower *= 10;  // wraps after the last entry, which is never read
+                }
+                return arrPowers;
+            }();
+            // log10 from the bit width (1233 / 4096 is just above log10(2)), then corrected;
+            // zero counts as one digit.
+            const unsigned nBits = static_cast<unsigned>(64 - std::countl_zero(n | 1));
+            const unsigned nGuess = (nBits * 1233) >> 12;
+            const std::size_t nDigits = nGuess + 1 - ((n | 1) < kPowersOfTen[nGuess] ? 1 : 0);
+            const std::size_t nChars = nDigits + (bNegative ? 1 : 0);
+            char* const pRoom = m_pOut->reserve(nChars);
+            char* p = pRoom + nChars;
+            do {
+                *--p = static_cast<char>('0' + n % 10);
+                n /= 10;
+            } while (n != 0);
+            if (bNegative) {
+                *--p = '-';
+            }
+            m_pOut->commit(nChars);
+            return;
+        }
+        char arrText[24];
+        std::size_t nPos = sizeof(arrText);
+        do {
+            arrText[--nPos] = static_cast<char>('0' + n % 10);
+            n /= 10;
+        } while (n != 0);
+        if (bNegative) {
+            arrText[--nPos] = '-';
+        }
+        m_pOut->write(arrText + nPos, sizeof(arrText) - nPos);
+    }
+
+    Stream* m_pOut;
+};
+
+}  // namespace logger_details
 
 template <class Stream, class TextWriter, class ValueWriter>
 std::wstring_view MessageWriterImpl<Stream, TextWriter, ValueWriter>::renderValue(
@@ -25,6 +115,58 @@ std::wstring_view MessageWriterImpl<Stream, TextWriter, ValueWriter>::renderValu
     scratch.valueText.clear();
     m_tMsgFormatter.FormatBuffer(scratch.valueText, value);
     return scratch.valueText.view();
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeMessage(const GDValue& message,
+                                                                      Scratch& scratch,
+                                                                      Stream* out) const {
+    if constexpr (TakesUtf8Bytes<ValueWriter>::value) {
+        std::wstring_view text;
+        if (const MessageBase* pMessage = PlainTemplate::find(message, text)) {
+            const auto writeText = [out](const wchar_t* p, std::size_t n) {
+                ValueWriter::write(out, p, n);
+            };
+            const auto writeInsert = [this, &scratch, out](const GDValue& insert) {
+                writeInsertUtf8(insert, scratch, out);
+            };
+            if constexpr (logger_details::WritesInPlace<Stream>) {
+                // Finding the next '%' and encoding up to it is one pass over the text.
+                using Utf8 = T2NEncodingUTF8<wchar_t>;
+                const auto encodeRun = [out](const wchar_t* p, std::size_t n) {
+                    char* pRoom = out->reserve(n * 4 + Utf8::kUntilSlack);
+                    std::size_t nTaken = 0;
+                    out->commit(Utf8::encodeUntil(p, n, L'%', pRoom, nTaken));
+                    return nTaken;
+                };
+                PlainTemplate::walk(text, *pMessage, encodeRun, writeText, writeInsert);
+            } else {
+                PlainTemplate::walk(text, *pMessage, writeText, writeInsert);
+            }
+            return;
+        }
+    }
+    const std::wstring_view text = renderValue(message, scratch);
+    ValueWriter::write(out, text.data(), text.size());
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeInsertUtf8(const GDValue& insert,
+                                                                         Scratch& scratch,
+                                                                         Stream* out) const {
+    // Only streams that take UTF-8 have a direct way; the others never come here.
+    if constexpr (TakesUtf8Bytes<ValueWriter>::value) {
+        logger_details::Utf8InsertWriter<Stream, ValueWriter> writer(out);
+        insert.accept(writer);
+        if (writer.m_bFormatterNeeded) {
+            MessageVisitorParams params;
+            params.nDepth = 1;
+            scratch.valueText.clear();
+            insert.acceptMessageVisitor(m_tMsgFormatter, scratch.valueText, params);
+            const std::wstring_view text = scratch.valueText.view();
+            ValueWriter::write(out, text.data(), text.size());
+        }
+    }
 }
 
 template <class Stream, class TextWriter, class ValueWriter>
@@ -109,11 +251,9 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
                     *static_cast<const CompiledMsgFormat::ComplexListRecord*>(pRecord), severity,
                     state, scratch, out);
                 break;
-            case CompiledMsgFormat::kMsg: {
-                const std::wstring_view text = renderValue(message, scratch);
-                ValueWriter::write(out, text.data(), text.size());
+            case CompiledMsgFormat::kMsg:
+                writeMessage(message, scratch, out);
                 break;
-            }
             case CompiledMsgFormat::kMsgType: {
                 const auto& types = *static_cast<const CompiledMsgFormat::EnumRecord*>(pRecord);
                 const std::size_t nType = static_cast<std::size_t>(severity.m_nType);

@@ -60,6 +60,17 @@ public:
         writeUtf8Growing(p, n);
     }
 
+    // Room for n more bytes, for a caller that writes into the buffer itself; commit then keeps
+    // what it wrote. Growing throws as write() does.
+    char* reserve(std::size_t n) {
+        if (n > m_nCapacity - m_nSize) [[unlikely]] {
+            reserveMore(n);
+        }
+        return m_pBuffer.get() + m_nSize;
+    }
+    // Keeps the first n bytes of the room reserve() gave.
+    void commit(std::size_t n) noexcept { m_nSize += n; }
+
     // Empties the buffer for the next record.
     void clear() noexcept {
         m_nSize = 0;
