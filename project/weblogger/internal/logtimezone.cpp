@@ -15,7 +15,6 @@ struct ZoneState {
     TimeZone g_tTimeZone{TimeZone::kServerOS};
     String g_sTimeZoneShortName;
     String g_sTimeZoneDSTShortName;
-    std::atomic<std::uint64_t> m_nGeneration{1};
 };
 
 // Destroyed with the library's other statics, after its shutdown: from then on no log call
@@ -31,7 +30,7 @@ void LoggingTimeZone::set(const TimeZone& zone) {
     ZoneState& state = zoneState();
     LockGuard<CriticalSection> lock(state.m_tCs);
     state.g_tTimeZone = zone;
-    state.m_nGeneration.fetch_add(1, std::memory_order_acq_rel);
+    s_nGeneration.fetch_add(1, std::memory_order_acq_rel);
     const String strLanguage(L"en");
     const GDVariant standardName = zone.getShortName(strLanguage, false);
     if (standardName.empty() || !standardName->isString()) {
@@ -52,10 +51,6 @@ const TimeZone& LoggingTimeZone::get() {
 const String& LoggingTimeZone::getShortName(bool bDst) {
     const ZoneState& state = zoneState();
     return bDst ? state.g_sTimeZoneDSTShortName : state.g_sTimeZoneShortName;
-}
-
-std::uint64_t LoggingTimeZone::getGeneration() noexcept {
-    return zoneState().m_nGeneration.load(std::memory_order_acquire);
 }
 
 std::size_t LoggingTimeZone::formatTimeStamp(std::time_t t, bool bIso8601, wchar_t* pBuffer,

@@ -7,6 +7,7 @@
 // the host's view of the same zone.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -30,12 +31,19 @@ public:
     // The cached short name; empty until set is first called.
     static const String& getShortName(bool bDst);
     // Changes whenever the zone is set, so renderers know when their cached text is stale.
-    static std::uint64_t getGeneration() noexcept;
+    // Inline and without a function-local static: every rendered time stamp asks it.
+    static std::uint64_t getGeneration() noexcept {
+        return s_nGeneration.load(std::memory_order_acquire);
+    }
     // Writes the stamp of second t into pBuffer (zero-terminated, at most nCapacity characters
     // with the terminator) and returns its length: with bIso8601 the ISO 8601 text with the
     // zone offset, otherwise the local date and time, a blank and the zone's short name.
     static std::size_t formatTimeStamp(std::time_t t, bool bIso8601, wchar_t* pBuffer,
                                        std::size_t nCapacity);
+
+private:
+    // Constant-initialised and trivially destructible: valid from load to unload.
+    static inline std::atomic<std::uint64_t> s_nGeneration{1};
 };
 
 }  // namespace kiv::logger_details

@@ -39,28 +39,19 @@ RenderScratch& RenderScratch::forThisThread() {
     return scratch;
 }
 
-TwoFormText TimeStampCache::ordinary(std::time_t now) {
-    return refresh(m_ordinary, now, false);
-}
-
-TwoFormText TimeStampCache::klf(std::time_t now) {
-    return refresh(m_klf, now, true);
-}
-
 TwoFormText TimeStampCache::refresh(Entry& entry, std::time_t now, bool bIso8601) {
+    // The generation is read before the zone: a zone set in between leaves the entry marked
+    // stale, and the next message renders it again.
     const std::uint64_t nGeneration = LoggingTimeZone::getGeneration();
-    if (entry.tSecond != now || entry.nZoneGeneration != nGeneration) {
-        // The ISO stamp fits in 50 characters.
-        entry.nLength = LoggingTimeZone::formatTimeStamp(now, bIso8601, entry.arrText,
-                                                         bIso8601 ? 50 : std::size(entry.arrText));
-        // Four bytes a character always fit.
-        T2NEncodingUTF8<wchar_t>::encode(entry.arrText, entry.nLength, entry.arrUtf8,
-                                         std::size(entry.arrUtf8), entry.nUtf8Length);
-        entry.tSecond = now;
-        entry.nZoneGeneration = nGeneration;
-    }
-    return TwoFormText{std::wstring_view(entry.arrText, entry.nLength),
-                       std::string_view(entry.arrUtf8, entry.nUtf8Length)};
+    // The ISO stamp fits in 50 characters.
+    entry.nLength = LoggingTimeZone::formatTimeStamp(now, bIso8601, entry.arrText,
+                                                     bIso8601 ? 50 : std::size(entry.arrText));
+    // Four bytes a character always fit.
+    T2NEncodingUTF8<wchar_t>::encode(entry.arrText, entry.nLength, entry.arrUtf8,
+                                     std::size(entry.arrUtf8), entry.nUtf8Length);
+    entry.tSecond = now;
+    entry.nZoneGeneration = nGeneration;
+    return entry.text();
 }
 
 std::size_t RenderingHelpers::toDecimal(std::uint64_t n, wchar_t (&arrDigits)[24]) noexcept {

@@ -33,6 +33,7 @@
 #include <type_traits>
 
 #include "weblogger/commonseverities.h"
+#include "weblogger/internal/logtimezone.h"
 #include "weblogger/internal/recordbuffer.h"
 #include "weblogger/internal/writeradapters.h"
 #include "weblogger/loggerstate.h"
@@ -70,13 +71,27 @@ struct TwoFormText {
 class TimeStampCache {
 public:
     // "<local date and time> <zone short name>" for the second now.
-    TwoFormText ordinary(std::time_t now);
+    TwoFormText ordinary(std::time_t now) {
+        return m_ordinary.isFor(now) ? m_ordinary.text() : refresh(m_ordinary, now, false);
+    }
     // ISO 8601 with the zone offset for the second now.
-    TwoFormText klf(std::time_t now);
+    TwoFormText klf(std::time_t now) {
+        return m_klf.isFor(now) ? m_klf.text() : refresh(m_klf, now, true);
+    }
 
 private:
     static constexpr std::size_t kMaxChars = 96;
     struct Entry {
+        // Whether the texts are those of second now in the current logging zone: the test every
+        // message makes, inline.
+        bool isFor(std::time_t now) const noexcept {
+            return tSecond == now && nZoneGeneration == LoggingTimeZone::getGeneration();
+        }
+        TwoFormText text() const noexcept {
+            return TwoFormText{std::wstring_view(arrText, nLength),
+                               std::string_view(arrUtf8, nUtf8Length)};
+        }
+
         std::time_t tSecond = -1;
         std::uint64_t nZoneGeneration = 0;
         std::size_t nLength = 0;
@@ -84,6 +99,7 @@ private:
         wchar_t arrText[kMaxChars] = {};
         char arrUtf8[kMaxChars * 4] = {};
     };
+    // Renders the texts of second now again.
     static TwoFormText refresh(Entry& entry, std::time_t now, bool bIso8601);
 
     Entry m_ordinary;

@@ -34,7 +34,8 @@ public:
     RecordBuffer(const RecordBuffer&) = delete;
     RecordBuffer& operator=(const RecordBuffer&) = delete;
 
-    void write(const void* p, unsigned long n) {
+    // Inline in the renderer however large it grows: a record is a dozen of these.
+    [[gnu::always_inline]] void write(const void* p, unsigned long n) {
         if (n <= m_nCapacity - m_nSize && n != 0) {
             std::memcpy(m_pBuffer.get() + m_nSize, p, n);
             m_nSize += n;
