@@ -76,12 +76,29 @@ private:
             const unsigned nGuess = (nBits * 1233) >> 12;
             const std::size_t nDigits = nGuess + 1 - ((n | 1) < kPowersOfTen[nGuess] ? 1 : 0);
             const std::size_t nChars = nDigits + (bNegative ? 1 : 0);
+            // Two digits a division, from a table of the hundred pairs "00" to "99".
+            static constexpr std::array<char, 200> kDigitPairs = [] {
+                std::array<char, 200> arrPairs{};
+                for (std::size_t i = 0; i < 100; ++i) {
+                    arrPairs[2 * i] = static_cast<char>('0' + i / 10);
+                    arrPairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+                }
+                return arrPairs;
+            }();
             char* const pRoom = m_pOut->reserve(nChars);
             char* p = pRoom + nChars;
-            do {
-                *--p = static_cast<char>('0' + n % 10);
-                n /= 10;
-            } while (n != 0);
+            while (n >= 100) {
+                const std::size_t nPair = static_cast<std::size_t>(n % 100);
+                n /= 100;
+                p -= 2;
+                std::memcpy(p, kDigitPairs.data() + 2 * nPair, 2);
+            }
+            if (n >= 10) {
+                p -= 2;
+                std::memcpy(p, kDigitPairs.data() + 2 * n, 2);
+            } else {
+                *--p = static_cast<char>('0' + n);
+            }
             if (bNegative) {
                 *--p = '-';
             }

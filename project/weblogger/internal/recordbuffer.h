@@ -47,15 +47,9 @@ public:
     // them, without the copy.
     void writeUtf8(const wchar_t* p, std::size_t n) {
         // A message's pieces are short: encoded straight into the room there is, inline.
-        if (n <= kInlinePieceChars && n * kMaxBytesPerChar <= m_nCapacity - m_nSize) {
-            // Formats write many empty pieces (an empty prefix or suffix): no call for those.
-            if (n == 0) {
-                return;
-            }
-            std::size_t nBytes = 0;
-            T2NEncodingUTF8<wchar_t>::encode(p, n, m_pBuffer.get() + m_nSize, n * kMaxBytesPerChar,
-                                             nBytes);
-            m_nSize += nBytes;
+        if (n <= kInlinePieceChars &&
+            n * kMaxBytesPerChar + T2NEncodingUTF8<wchar_t>::kUntilSlack <= m_nCapacity - m_nSize) {
+            m_nSize += T2NEncodingUTF8<wchar_t>::encodeAll(p, n, m_pBuffer.get() + m_nSize);
             return;
         }
         writeUtf8Growing(p, n);
