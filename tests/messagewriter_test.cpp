@@ -301,6 +301,26 @@ TEST_F(MessageWriterTest, AsUtf8AMessageOfAnyShapeWritesItsWideTextEncodedByteFo
               "<owned \xc3\xa4\xe2\x82\xac \xf0\x9f\x98\x80 0>");
     check("a reference to a message", refToMessage);
     EXPECT_EQ(check("a string, not a message", GDString(L"%1 stays")), "<%1 stays>");
+    // Templates too long to keep compiled are expanded as they come.
+    const GDString longTemplate(String(std::wstring(200, L'\u00e9') + L" %1 %% %9 %"));
+    std::string longExpected = "<";
+    for (int i = 0; i < 200; ++i) {
+        longExpected += "\xc3\xa9";
+    }
+    EXPECT_EQ(check("a long template", ReferentialParameterizedMessage(longTemplate, minI)),
+              longExpected + " -9223372036854775808 % %9 %>");
+    std::wstring manyMarkers;
+    for (int i = 0; i < 20; ++i) {
+        manyMarkers += L"%1%2";
+    }
+    check("many inserts", ReferentialParameterizedMessage(GDString(manyMarkers.c_str()), text));
+    // The same compiled template serves messages that set different inserts.
+    const GDString shared(L"[%1|%2]");
+    EXPECT_EQ(check("both inserts", ReferentialParameterizedMessage(shared, maxU, minusSeven)),
+              "<[18446744073709551615|-7]>");
+    EXPECT_EQ(check("one insert", ReferentialParameterizedMessage(shared, maxU)),
+              "<[18446744073709551615|%2]>");
+    EXPECT_EQ(check("no insert", ReferentialParameterizedMessage(shared)), "<[%1|%2]>");
     EXPECT_EQ(check("an array", array), "<x3-4>");
 }
 

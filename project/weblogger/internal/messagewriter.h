@@ -35,6 +35,7 @@
 #include "weblogger/commonseverities.h"
 #include "weblogger/internal/logtimezone.h"
 #include "weblogger/internal/recordbuffer.h"
+#include "weblogger/internal/templatecache.h"
 #include "weblogger/internal/writeradapters.h"
 #include "weblogger/loggerstate.h"
 #include "weblogger/messageformatloader.h"
@@ -107,8 +108,9 @@ private:
 };
 
 // What rendering changes as it goes, one set per thread and shared by every message writer the
-// thread renders with: the buffer that values are formatted into, the time-stamp texts, and
-// the record a file writer renders into before it takes its lock. A thread renders one
+// thread renders with: the buffer that values are formatted into, the time-stamp texts, the
+// record a file writer renders into before it takes its lock, and the plain templates the
+// thread has compiled to UTF-8. A thread renders one
 // message at a time (a message logged from inside a log call is diverted, never rendered
 // inside another rendering), which is all that sharing needs.
 //
@@ -122,6 +124,7 @@ struct RenderScratch : public MemAllocNewdel {
     StringBufferTemplate<511, wchar_t> valueText;
     TimeStampCache timeStamps;
     RecordBuffer record;
+    Utf8TemplateCache templates;
 };
 
 // Shared pieces of rendering that do not depend on the adaptors.
@@ -203,6 +206,9 @@ private:
     // rendering, encoded: each wide character encodes on its own, so pieces encode as the whole
     // would. Anything else is rendered by the formatter and then written.
     void writeMessage(const GDValue& message, Scratch& scratch, Stream* out) const;
+    // A message through its template compiled to UTF-8: the pieces copied, the inserts written.
+    void writeCompiled(const logger_details::Utf8Template& compiled, const MessageBase& message,
+                       Scratch& scratch, Stream* out) const;
     // One insert of a plain template, as UTF-8: strings and whole numbers directly, other values
     // through the formatter (one level deep, as it renders the inserts of a message).
     void writeInsertUtf8(const GDValue& insert, Scratch& scratch, Stream* out) const;

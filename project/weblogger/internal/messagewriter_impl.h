@@ -148,7 +148,12 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeMessage(const GDVa
                 writeInsertUtf8(insert, scratch, out);
             };
             if constexpr (logger_details::WritesInPlace<Stream>) {
-                // Finding the next '%' and encoding up to it is one pass over the text.
+                if (const logger_details::Utf8Template* pCompiled = scratch.templates.find(text)) {
+                    writeCompiled(*pCompiled, *pMessage, scratch, out);
+                    return;
+                }
+                // Too long to keep compiled. Finding the next '%' and encoding up to it is one
+                // pass over the text.
                 using Utf8 = T2NEncodingUTF8<wchar_t>;
                 const auto encodeRun = [out](const wchar_t* p, std::size_t n) {
                     char* pRoom = out->reserve(n * 4 + Utf8::kUntilSlack);
@@ -165,6 +170,30 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeMessage(const GDVa
     }
     const std::wstring_view text = renderValue(message, scratch);
     ValueWriter::write(out, text.data(), text.size());
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeCompiled(
+    const logger_details::Utf8Template& compiled, const MessageBase& message, Scratch& scratch,
+    Stream* out) const {
+    // Only streams that are written in place use compiled templates; the others never come here.
+    if constexpr (logger_details::WritesInPlace<Stream>) {
+        for (const logger_details::Utf8Template::Segment& segment : compiled) {
+            if (segment.nBytes != 0) {
+                out->write(compiled.bytes(segment), segment.nBytes);
+            }
+            if (segment.nInsert == 0) {
+                continue;
+            }
+            if (const GDValue* pInsert = message.getInsert(segment.nInsert)) {
+                writeInsertUtf8(*pInsert, scratch, out);
+            } else {
+                // A marker without its insert stands as written.
+                const char arrMarker[2] = {'%', static_cast<char>('0' + segment.nInsert)};
+                out->write(arrMarker, 2);
+            }
+        }
+    }
 }
 
 template <class Stream, class TextWriter, class ValueWriter>
