@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 
 #include "support/alloc_counter.h"
@@ -53,6 +54,24 @@ TEST(RecordBufferTest, PiecesOfEveryShortLengthArriveWhole) {
         strExpected += piece;
         ASSERT_EQ(contents(record), strExpected) << "after a piece of " << n << " bytes";
     }
+}
+
+TEST(RecordBufferTest, ReservedRoomKeepsWhatIsCommittedAndNothingMore) {
+    RecordBuffer record;
+    char* pRoom = record.reserve(10);
+    ASSERT_NE(pRoom, nullptr);
+    std::memcpy(pRoom, "abcdefghij", 10);
+    record.commit(4);
+    EXPECT_EQ(contents(record), "abcd");
+    // Room beyond the storage grows it and keeps what is there.
+    const std::size_t nBeyond = record.capacity() * 2;
+    pRoom = record.reserve(nBeyond);
+    EXPECT_GE(record.capacity() - record.size(), nBeyond);
+    std::memset(pRoom, 'x', nBeyond);
+    record.commit(nBeyond);
+    EXPECT_EQ(contents(record), "abcd" + std::string(nBeyond, 'x'));
+    record.write("!", 1);
+    EXPECT_EQ(contents(record).back(), '!');
 }
 
 TEST(RecordBufferTest, EmptyPiecesWriteNothingAndAllocateNothing) {

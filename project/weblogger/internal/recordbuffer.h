@@ -37,8 +37,24 @@ public:
     // Inline in the renderer however large it grows: a record is a dozen of these.
     [[gnu::always_inline]] void write(const void* p, unsigned long n) {
         if (n <= m_nCapacity - m_nSize && n != 0) {
-            std::memcpy(m_pBuffer.get() + m_nSize, p, n);
+            char* const pTo = m_pBuffer.get() + m_nSize;
+            const auto* const pFrom = static_cast<const char*>(p);
             m_nSize += n;
+            // Most pieces of a line are a few bytes ("] [", a level word): copied inline by two
+            // fixed-size moves that overlap as needed, instead of a call to memcpy.
+            if (n >= 8 && n <= 16) {
+                copyFixed<8>(pTo, pFrom);
+                copyFixed<8>(pTo + n - 8, pFrom + n - 8);
+            } else if (n >= 4 && n < 8) {
+                copyFixed<4>(pTo, pFrom);
+                copyFixed<4>(pTo + n - 4, pFrom + n - 4);
+            } else if (n < 4) {
+                pTo[0] = pFrom[0];
+                pTo[n / 2] = pFrom[n / 2];
+                pTo[n - 1] = pFrom[n - 1];
+            } else {
+                std::memcpy(pTo, pFrom, n);
+            }
             return;
         }
         writeGrowing(p, n);
@@ -79,6 +95,13 @@ public:
 
 private:
     static constexpr std::size_t kMaxBytesPerChar = 4;
+
+    template <std::size_t N>
+    [[gnu::always_inline]] static void copyFixed(char* pTo, const char* pFrom) noexcept {
+        char arrBytes[N];
+        std::memcpy(arrBytes, pFrom, N);
+        std::memcpy(pTo, arrBytes, N);
+    }
     static constexpr std::size_t kInlinePieceChars = 256;
 
     void writeGrowing(const void* p, std::size_t n);

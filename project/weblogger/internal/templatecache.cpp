@@ -22,13 +22,12 @@ public:
     unsigned getInsertCount() const noexcept override { return MessageBase::kMaxInserts; }
     const GDValue* getInsert(unsigned nIndex) const noexcept override {
         return nIndex >= 1 && nIndex <= MessageBase::kMaxInserts ? &g_arrMarkers[nIndex - 1]
-                                                                : nullptr;
+                                                                 : nullptr;
     }
 };
 
 std::uint16_t markerNumber(const GDValue& marker) noexcept {
-    return static_cast<std::uint16_t>(static_cast<const GDUInteger64*>(&marker) - g_arrMarkers +
-                                      1);
+    return static_cast<std::uint16_t>(static_cast<const GDUInteger64*>(&marker) - g_arrMarkers + 1);
 }
 
 }  // namespace
@@ -57,9 +56,9 @@ bool Utf8Template::compile(std::wstring_view text) noexcept {
             bFits = false;
             return;
         }
-        m_arrSegments[m_nSegments++] = Segment{static_cast<std::uint16_t>(nSegmentStart),
-                                               static_cast<std::uint16_t>(nBytes - nSegmentStart),
-                                               nInsert};
+        m_arrSegments[m_nSegments++] =
+            Segment{static_cast<std::uint16_t>(nSegmentStart),
+                    static_cast<std::uint16_t>(nBytes - nSegmentStart), nInsert};
         nSegmentStart = nBytes;
     };
     const EveryInsertSet everyInsert;

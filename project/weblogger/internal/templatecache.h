@@ -50,9 +50,7 @@ public:
 
     const Segment* begin() const noexcept { return m_arrSegments; }
     const Segment* end() const noexcept { return m_arrSegments + m_nSegments; }
-    const char* bytes(const Segment& segment) const noexcept {
-        return m_arrUtf8 + segment.nOffset;
-    }
+    const char* bytes(const Segment& segment) const noexcept { return m_arrUtf8 + segment.nOffset; }
 
 private:
     wchar_t m_arrText[kMaxChars];
