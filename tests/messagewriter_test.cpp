@@ -350,6 +350,98 @@ TEST_F(MessageWriterTest, AsUtf8ANumberInsertOfEveryLengthIsWrittenWhole) {
     }
 }
 
+// The clock of the line-head tests: a second the test moves on.
+std::time_t g_tMovingNow = kFixedTime;
+std::time_t movingClock() noexcept {
+    return g_tMovingNow;
+}
+
+TEST_F(MessageWriterTest, ALineHeadIsRenderedAgainForEachSecondSeveritySourceAndZone) {
+    // The file writer's renderer copies a line's head (here everything before the message) from
+    // the thread's cache; each thing the head shows must still show as it is now.
+    const clock::ScopedWallClock moving(&movingClock);
+    g_tMovingNow = kFixedTime;
+    const auto hRecord = MessageWriterFactory<RecordBuffer, Utf8InPlaceAdaptor>::compile(
+        XmlDocument::parseString(
+            std::string_view("<Format>[<Time style='KLFTimeFormat'/>] [<MsgType style='long'/>] "
+                             "[<CurrentLogSource/>] <MsgSeverity/>: <MessageText/></Format>"))
+            .getDocumentElement());
+    const auto render = [&](const LogSeverity& severity, const wchar_t* pszText) {
+        RecordBuffer record;
+        hRecord->msg_log(severity, GDString(pszText), m_state, nullptr, &record);
+        return std::string(record.data(), record.size());
+    };
+    const std::string info = std::to_string(kSevInfo.m_dwImportance);
+    m_state.pushSource(*m_two);
+    EXPECT_EQ(render(kSevInfo, L"a"),
+              "[2026-03-29T01:30:05+01:00] [NOTIFICATION] [one.two] " + info + ": a");
+    EXPECT_EQ(render(kSevInfo, L"b"),
+              "[2026-03-29T01:30:05+01:00] [NOTIFICATION] [one.two] " + info + ": b");
+    EXPECT_EQ(render(kSevError, L"c"), "[2026-03-29T01:30:05+01:00] [ERROR] [one.two] " +
+                                           std::to_string(kSevError.m_dwImportance) + ": c");
+    const LogSeverity lessImportantError(kSevError.m_nType, kSevError.m_dwImportance - 1);
+    EXPECT_EQ(render(lessImportantError, L"d"), "[2026-03-29T01:30:05+01:00] [ERROR] [one.two] " +
+                                                    std::to_string(kSevError.m_dwImportance - 1) +
+                                                    ": d");
+    m_state.pushSource(*m_three);
+    EXPECT_EQ(render(kSevInfo, L"e"),
+              "[2026-03-29T01:30:05+01:00] [NOTIFICATION] [one.two.three] " + info + ": e");
+    m_state.popSource();
+    // Berlin moves to summer time at 01:00 UTC: the same clock shows 03:00:00+02:00.
+    g_tMovingNow = kFixedTime + 1795;
+    EXPECT_EQ(render(kSevInfo, L"f"),
+              "[2026-03-29T03:00:00+02:00] [NOTIFICATION] [one.two] " + info + ": f");
+    TimeZone utc = TimeZone::utc();
+    TmLogger::setTimeZone(utc);
+    EXPECT_EQ(render(kSevInfo, L"g"),
+              "[2026-03-29T01:00:00+00:00] [NOTIFICATION] [one.two] " + info + ": g");
+    SetUpTestSuite();
+}
+
+TEST_F(MessageWriterTest, TwoWritersOnOneThreadKeepTheirOwnLineHeads) {
+    const auto compile = [](const char* pszFormat) {
+        return MessageWriterFactory<RecordBuffer, Utf8InPlaceAdaptor>::compile(
+            XmlDocument::parseString(std::string_view(pszFormat)).getDocumentElement());
+    };
+    // Three writers: more than the cache has entries, so some share one and take turns.
+    const auto hFirst = compile("<Format>1 [<CurrentLogSource/>] <MessageText/></Format>");
+    const auto hSecond = compile("<Format>2 &lt;<MsgType/>&gt; <MessageText/></Format>");
+    const auto hXml = compile(
+        "<Format encoding='Xml'><![CDATA[<]]><CurrentLogSource/><![CDATA[>]]> <MessageText/>"
+        "</Format>");
+    m_state.pushSource(*m_two);
+    for (int nRound = 0; nRound < 3; ++nRound) {
+        for (const auto* pWriter : {&hFirst, &hSecond, &hXml}) {
+            RecordBuffer record;
+            (*pWriter)->msg_log(kSevInfo, GDString(L"m"), m_state, nullptr, &record);
+            const std::string line(record.data(), record.size());
+            if (pWriter == &hFirst) {
+                EXPECT_EQ(line, "1 [one.two] m");
+            } else if (pWriter == &hSecond) {
+                EXPECT_EQ(line, "2 <NOTIFICATION> m");
+            } else {
+                EXPECT_EQ(line, "<one.two> m");
+            }
+        }
+    }
+}
+
+TEST_F(MessageWriterTest, AHeadTooLongToKeepIsRenderedEveryTime) {
+    const std::string strLong(logger_details::LineHeadCache::kMaxBytes + 10, 'x');
+    const auto hRecord = MessageWriterFactory<RecordBuffer, Utf8InPlaceAdaptor>::compile(
+        XmlDocument::parseString("<Format>" + strLong +
+                                 "[<CurrentLogSource/>] <MessageText/></Format>")
+            .getDocumentElement());
+    for (const auto* pSource : {&m_one, &m_two, &m_two, &m_one}) {
+        m_state.pushSource(**pSource);
+        RecordBuffer record;
+        hRecord->msg_log(kSevInfo, GDString(L"m"), m_state, nullptr, &record);
+        EXPECT_EQ(std::string(record.data(), record.size()),
+                  strLong + "[" + toUtf8((*pSource)->getPath().view()).std() + "] m");
+        m_state.popSource();
+    }
+}
+
 TEST_F(MessageWriterTest, ReservedPropertiesShowOnlyThroughTheirOwnRecord) {
     auto hList = writerFor(
         "<Format><Properties><ListElementFormat><PropertyName/>=<PropertyValues/>"

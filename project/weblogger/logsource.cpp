@@ -25,6 +25,9 @@ ZQWString makeFullPath(const ZQWString& name, const LogSource* pParent) {
     return strPath;
 }
 
+// Serial numbers start at 1: 0 stands for "no source" in the renderers' keys.
+std::atomic<std::uint64_t> g_nNextSerial{1};
+
 // Touched once at library load, so the registry exists before any thread asks for a source.
 LogSourcesMan* const g_pLogSourcesMan = &LogSourcesMan::getLogSourcesMan();
 
@@ -35,7 +38,8 @@ LogSource::LogSource(const ZQWString& name, LogSource* pParent)
       m_strFullPath(makeFullPath(name, pParent)),
       m_strFullPathUtf8(toUtf8(m_strFullPath.view())),
       m_plogFilter(nullptr),
-      m_pParent(pParent) {
+      m_pParent(pParent),
+      m_nSerial(g_nNextSerial.fetch_add(1, std::memory_order_relaxed)) {
     std::unique_ptr<LogFilter> pFilter(new LogFilter);
     m_plogFilter = pFilter.get();
     if (pParent != nullptr) {

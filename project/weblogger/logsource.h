@@ -22,6 +22,7 @@
 // accepted rather than making every log call take a lock.
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include "weblogger/logfilter.h"
@@ -52,6 +53,9 @@ public:
     const NString& getPathUtf8() const noexcept { return m_strFullPathUtf8; }
     const LogSource* getParent() const noexcept { return m_pParent; }
     LogSource* getParent() noexcept { return m_pParent; }
+    // Different for every source the process ever makes, also one made where a deleted one
+    // was: what a renderer keys its cached text by, where the address alone could be reused.
+    std::uint64_t getSerial() const noexcept { return m_nSerial; }
     const LogFilter& getLogFilter() const noexcept { return *m_plogFilter; }
     LogFilter& getLogFilter() noexcept { return *m_plogFilter; }
     // "LogSource(<full path>)".
@@ -94,6 +98,7 @@ private:
     LogSourcesMap m_mapChildSources;
     LogFilter* m_plogFilter;
     LogSource* m_pParent;
+    const std::uint64_t m_nSerial;
 };
 
 class LogSourcesMan : public MemAllocNewdel {

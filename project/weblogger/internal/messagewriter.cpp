@@ -2,6 +2,8 @@
 
 #include "weblogger/internal/messagewriter_impl.h"
 
+#include <atomic>
+
 #include "weblogger/internal/logtimezone.h"
 #include "zq/webkeel/prettyfilename.h"
 #include "zq/webthreadstorage/threadstatic.h"
@@ -29,6 +31,12 @@ ThreadSpecificStatic<RenderScratch>& scratchSlot() {
 }
 
 }  // namespace
+
+std::uint64_t nextMessageWriterSerial() noexcept {
+    // From 1: a line-head key with serial 0 matches no writer.
+    static std::atomic<std::uint64_t> s_nNext{1};
+    return s_nNext.fetch_add(1, std::memory_order_relaxed);
+}
 
 RenderScratch& RenderScratch::forThisThread() {
     if (RenderScratch* pScratch = t_pScratch) [[likely]] {

@@ -107,10 +107,57 @@ private:
     Entry m_klf;
 };
 
+// The head of a line, cached: the bytes of the records a format starts with that depend on
+// nothing but the second, the logging zone, the severity and the current source (format text,
+// time stamps, the message type, the importance, the source's name), kept with what they were
+// rendered for. Within a second a thread's messages of one type from one source start with the
+// same bytes, and the renderer copies them in one piece.
+class LineHeadCache {
+public:
+    static constexpr std::size_t kMaxBytes = 256;
+
+    // What a head depends on. Writers and sources are named by serial numbers, never reused,
+    // so a key cannot match text rendered for another writer or source made at the same address.
+    struct Key {
+        std::uint64_t nWriterSerial = 0;
+        std::time_t tSecond = -1;
+        std::uint64_t nZoneGeneration = 0;
+        std::uint64_t nImportance = 0;
+        std::uint64_t nSourceSerial = 0;
+        int nType = -1;
+        bool operator==(const Key&) const noexcept = default;
+    };
+    struct Entry {
+        Key key;
+        std::size_t nBytes = 0;
+        char arrBytes[kMaxBytes];
+    };
+
+    // The entry for a writer; two writers a thread alternates between keep one each.
+    Entry& entryFor(std::uint64_t nWriterSerial) noexcept {
+        return m_arrEntries[nWriterSerial % kEntries];
+    }
+    // Keeps bytes for key; a head too long to keep leaves the entry matching nothing.
+    static void remember(Entry& entry, const Key& key, const char* pBytes,
+                         std::size_t nBytes) noexcept {
+        if (nBytes > kMaxBytes) {
+            entry.key = Key{};
+            return;
+        }
+        std::memcpy(entry.arrBytes, pBytes, nBytes);
+        entry.nBytes = nBytes;
+        entry.key = key;
+    }
+
+private:
+    static constexpr std::size_t kEntries = 2;
+    Entry m_arrEntries[kEntries];
+};
+
 // What rendering changes as it goes, one set per thread and shared by every message writer the
 // thread renders with: the buffer that values are formatted into, the time-stamp texts, the
-// record a file writer renders into before it takes its lock, and the plain templates the
-// thread has compiled to UTF-8. A thread renders one
+// record a file writer renders into before it takes its lock, the plain templates the thread
+// has compiled to UTF-8 and the line heads it rendered last. A thread renders one
 // message at a time (a message logged from inside a log call is diverted, never rendered
 // inside another rendering), which is all that sharing needs.
 //
@@ -125,7 +172,11 @@ struct RenderScratch : public MemAllocNewdel {
     TimeStampCache timeStamps;
     RecordBuffer record;
     Utf8TemplateCache templates;
+    LineHeadCache lineHeads;
 };
+
+// A number for each message writer the process makes, never reused (LineHeadCache's keys).
+std::uint64_t nextMessageWriterSerial() noexcept;
 
 // Shared pieces of rendering that do not depend on the adaptors.
 struct RenderingHelpers {
@@ -170,8 +221,13 @@ struct EscapesEveryValue<EncodingAdapter<Inner, W2WJsonEncoding>> : std::true_ty
 template <class Stream, class TextWriter, class ValueWriter>
 class MessageWriterImpl : public MessageWriter<Stream> {
 public:
+    // The format is fixed for the writer's life: how many records make its cached line head
+    // is worked out here, once.
     MessageWriterImpl(const CompiledMsgFormat* pFormat, bool bDeleteFormat)
-        : m_pformat(pFormat), m_bDeleteFmt(bDeleteFormat) {}
+        : m_pformat(pFormat),
+          m_bDeleteFmt(bDeleteFormat),
+          m_nSerial(logger_details::nextMessageWriterSerial()),
+          m_nHeadRecords(countHeadRecords(*pFormat)) {}
     ~MessageWriterImpl() override {
         if (m_bDeleteFmt) {
             delete m_pformat;
@@ -196,6 +252,22 @@ private:
                                             ValueWriter, TextWriter>;
 
     using Scratch = logger_details::RenderScratch;
+    // Line heads are cached where the stream is the file writer's record buffer, which says
+    // where a head's bytes start and end.
+    static constexpr bool kCachesLineHeads = std::is_same_v<Stream, RecordBuffer>;
+
+    // How many leading records depend on nothing but the second, the zone, the severity and the
+    // current source; 0 when fewer than two do (nothing to gain) or heads are not cached.
+    static std::size_t countHeadRecords(const CompiledMsgFormat& format) noexcept;
+    // One record. now is the second the whole line is stamped with.
+    [[gnu::always_inline]] void writeRecord(const Record& record, const LogSeverity& severity,
+                                            const GDValue& message, const LoggerState& state,
+                                            const FileLocation* pFileLocation, Scratch& scratch,
+                                            std::time_t now, Stream* out) const;
+    // The first m_nHeadRecords records: copied from the thread's cache when it holds them for
+    // this second, severity and source, otherwise rendered and kept there.
+    void writeLineHead(const LogSeverity& severity, const LoggerState& state, Scratch& scratch,
+                       std::time_t now, Stream* out) const;
 
     // A value's text: where the value holds it ready (readyText), the text itself; otherwise
     // the value rendered into the thread's scratch buffer. Valid until the next call.
@@ -240,6 +312,8 @@ private:
 
     const CompiledMsgFormat* m_pformat;
     bool m_bDeleteFmt;
+    const std::uint64_t m_nSerial;
+    const std::size_t m_nHeadRecords;
     WebTextMessageFormatter m_tMsgFormatter;
 };
 

@@ -244,106 +244,179 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
                                                                  const FileLocation* pFileLocation,
                                                                  Stream* out) const {
     Scratch& scratch = Scratch::forThisThread();
-    for (const Record* pRecord : m_pformat->m_records) {
+    // One second for the whole line, however many stamps it shows.
+    const std::time_t now = clock::wallClockSeconds();
+    const std::vector<Record*>& records = m_pformat->m_records;
+    std::size_t nFirst = 0;
+    if constexpr (kCachesLineHeads) {
+        if (m_nHeadRecords != 0) {
+            writeLineHead(severity, state, scratch, now, out);
+            nFirst = m_nHeadRecords;
+        }
+    }
+    for (std::size_t i = nFirst; i < records.size(); ++i) {
+        writeRecord(*records[i], severity, message, state, pFileLocation, scratch, now, out);
+    }
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+std::size_t MessageWriterImpl<Stream, TextWriter, ValueWriter>::countHeadRecords(
+    const CompiledMsgFormat& format) noexcept {
+    if constexpr (!kCachesLineHeads) {
+        return 0;
+    }
+    std::size_t nHead = 0;
+    for (const Record* pRecord : format.m_records) {
         switch (pRecord->m_nType) {
-            case CompiledMsgFormat::kText: {
-                const auto& text = *static_cast<const CompiledMsgFormat::TextRecord*>(pRecord);
-                writeTwoForm<TextWriter>(out, text.m_strText.view(), text.m_strUtf8.view());
-                break;
-            }
-            case CompiledMsgFormat::kTimeStamp: {
-                const logger_details::TwoFormText text =
-                    scratch.timeStamps.ordinary(clock::wallClockSeconds());
-                writeTwoForm<ValueWriter>(out, text.wide, text.utf8);
-                break;
-            }
-            case CompiledMsgFormat::kTimeStampKLFFormat: {
-                const logger_details::TwoFormText text =
-                    scratch.timeStamps.klf(clock::wallClockSeconds());
-                writeTwoForm<ValueWriter>(out, text.wide, text.utf8);
-                break;
-            }
-            case CompiledMsgFormat::kLogSourcesList:
-                writeSourcesList(*static_cast<const CompiledMsgFormat::SimpleListRecord*>(pRecord),
-                                 state, out);
-                break;
-            case CompiledMsgFormat::kCurLogSource:
-                if (const LogSource* pSource = state.getCurSource()) {
-                    writeTwoForm<InsertWriter>(out, pSource->getPath().view(),
-                                               pSource->getPathUtf8().view());
-                }
-                break;
-            case CompiledMsgFormat::kFile:
-            case CompiledMsgFormat::kFileName: {
-                ZQ_ASSERT_TEXT(pFileLocation != nullptr, "pFileLocation != __null");
-                if (pFileLocation == nullptr) {
-                    break;
-                }
-                const std::wstring_view path =
-                    pRecord->m_nType == CompiledMsgFormat::kFile
-                        ? logger_details::RenderingHelpers::prettyPath(pFileLocation->getWFile())
-                        : logger_details::RenderingHelpers::fileNameOnly(pFileLocation->getWFile());
-                ValueWriter::write(out, path.data(), path.size());
-                break;
-            }
-            case CompiledMsgFormat::kLine:
-                // A format that shows the line needs a location; without one there is no line.
-                if (pFileLocation != nullptr) {
-                    writeNumber(pFileLocation->getLineNumber(), out);
-                }
-                break;
-            case CompiledMsgFormat::kPropsList:
-                writePropertiesList(
-                    *static_cast<const CompiledMsgFormat::ComplexListRecord*>(pRecord), severity,
-                    state, scratch, out);
-                break;
-            case CompiledMsgFormat::kMsg:
-                writeMessage(message, scratch, out);
-                break;
-            case CompiledMsgFormat::kMsgType: {
-                const auto& types = *static_cast<const CompiledMsgFormat::EnumRecord*>(pRecord);
-                const std::size_t nType = static_cast<std::size_t>(severity.m_nType);
-                if (nType < types.m_vecValues.size()) {
-                    writeTwoForm<InsertWriter>(out, types.m_vecValues[nType].view(),
-                                               types.m_vecUtf8Values[nType].view());
-                } else {
-                    wchar_t arrDigits[24];
-                    const std::size_t nDigits =
-                        logger_details::RenderingHelpers::toDecimal(nType, arrDigits);
-                    TextWriter::write(out, arrDigits, nDigits);
-                }
-                break;
-            }
+            case CompiledMsgFormat::kText:
+            case CompiledMsgFormat::kTimeStamp:
+            case CompiledMsgFormat::kTimeStampKLFFormat:
+            case CompiledMsgFormat::kMsgType:
             case CompiledMsgFormat::kSeverity:
-                writeNumber(severity.m_dwImportance, out);
-                break;
-            case CompiledMsgFormat::kSpecificProperty: {
-                const auto* pProperty =
-                    static_cast<const CompiledMsgFormat::SingleValueFromListRecord*>(pRecord);
-                const auto& map = state.propertiesMap();
-                const auto it = map.find(pProperty->m_strValueName);
-                if (it != map.end() && pProperty->m_pFormat != nullptr &&
-                    !(pProperty->m_bOmitWhenEmpty && rendersEmpty(it->second, scratch))) {
-                    if (pProperty->m_pBareValues != nullptr) {
-                        writeValues(*pProperty->m_pBareValues, it->second, scratch, out);
-                    } else {
-                        writePropertyWith(*pProperty->m_pFormat, *it, scratch, out);
-                    }
-                }
-                break;
-            }
-            case CompiledMsgFormat::kBacktrace:
-                if (pFileLocation != nullptr && pFileLocation->getBacktrace() != nullptr) {
-                    ValueWriter::write(out, L"\tBacktrace:\n");
-                    ValueWriter::write(out, pFileLocation->getBacktrace());
-                    ValueWriter::write(out, L"\n");
-                }
-                break;
+            case CompiledMsgFormat::kCurLogSource:
+                ++nHead;
+                continue;
             default:
-                // Property parts outside a property's own format, and the reserved kinds.
-                ZQ_ASSERT(false);
                 break;
         }
+        break;
+    }
+    return nHead >= 2 ? nHead : 0;
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeLineHead(const LogSeverity& severity,
+                                                                       const LoggerState& state,
+                                                                       Scratch& scratch,
+                                                                       std::time_t now,
+                                                                       Stream* out) const {
+    if constexpr (kCachesLineHeads) {
+        const LogSource* pSource = state.getCurSource();
+        // The zone's generation is read before the head is rendered: a zone set meanwhile
+        // leaves the entry stale, and the next message renders it again.
+        const logger_details::LineHeadCache::Key key{
+            m_nSerial,
+            now,
+            logger_details::LoggingTimeZone::getGeneration(),
+            severity.m_dwImportance,
+            pSource != nullptr ? pSource->getSerial() : 0,
+            static_cast<int>(severity.m_nType)};
+        logger_details::LineHeadCache::Entry& entry = scratch.lineHeads.entryFor(m_nSerial);
+        if (entry.key == key) [[likely]] {
+            out->write(entry.arrBytes, entry.nBytes);
+            return;
+        }
+        const std::size_t nStart = out->size();
+        for (std::size_t i = 0; i < m_nHeadRecords; ++i) {
+            // The head's records read neither the message nor its location.
+            writeRecord(*m_pformat->m_records[i], severity, GDString(), state, nullptr, scratch,
+                        now, out);
+        }
+        logger_details::LineHeadCache::remember(entry, key, out->data() + nStart,
+                                                out->size() - nStart);
+    }
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+inline void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeRecord(
+    const Record& record, const LogSeverity& severity, const GDValue& message,
+    const LoggerState& state, const FileLocation* pFileLocation, Scratch& scratch, std::time_t now,
+    Stream* out) const {
+    switch (record.m_nType) {
+        case CompiledMsgFormat::kText: {
+            const auto& text = *static_cast<const CompiledMsgFormat::TextRecord*>(&record);
+            writeTwoForm<TextWriter>(out, text.m_strText.view(), text.m_strUtf8.view());
+            break;
+        }
+        case CompiledMsgFormat::kTimeStamp: {
+            const logger_details::TwoFormText text = scratch.timeStamps.ordinary(now);
+            writeTwoForm<ValueWriter>(out, text.wide, text.utf8);
+            break;
+        }
+        case CompiledMsgFormat::kTimeStampKLFFormat: {
+            const logger_details::TwoFormText text = scratch.timeStamps.klf(now);
+            writeTwoForm<ValueWriter>(out, text.wide, text.utf8);
+            break;
+        }
+        case CompiledMsgFormat::kLogSourcesList:
+            writeSourcesList(*static_cast<const CompiledMsgFormat::SimpleListRecord*>(&record),
+                             state, out);
+            break;
+        case CompiledMsgFormat::kCurLogSource:
+            if (const LogSource* pSource = state.getCurSource()) {
+                writeTwoForm<InsertWriter>(out, pSource->getPath().view(),
+                                           pSource->getPathUtf8().view());
+            }
+            break;
+        case CompiledMsgFormat::kFile:
+        case CompiledMsgFormat::kFileName: {
+            ZQ_ASSERT_TEXT(pFileLocation != nullptr, "pFileLocation != __null");
+            if (pFileLocation == nullptr) {
+                break;
+            }
+            const std::wstring_view path =
+                record.m_nType == CompiledMsgFormat::kFile
+                    ? logger_details::RenderingHelpers::prettyPath(pFileLocation->getWFile())
+                    : logger_details::RenderingHelpers::fileNameOnly(pFileLocation->getWFile());
+            ValueWriter::write(out, path.data(), path.size());
+            break;
+        }
+        case CompiledMsgFormat::kLine:
+            // A format that shows the line needs a location; without one there is no line.
+            if (pFileLocation != nullptr) {
+                writeNumber(pFileLocation->getLineNumber(), out);
+            }
+            break;
+        case CompiledMsgFormat::kPropsList:
+            writePropertiesList(*static_cast<const CompiledMsgFormat::ComplexListRecord*>(&record),
+                                severity, state, scratch, out);
+            break;
+        case CompiledMsgFormat::kMsg:
+            writeMessage(message, scratch, out);
+            break;
+        case CompiledMsgFormat::kMsgType: {
+            const auto& types = *static_cast<const CompiledMsgFormat::EnumRecord*>(&record);
+            const std::size_t nType = static_cast<std::size_t>(severity.m_nType);
+            if (nType < types.m_vecValues.size()) {
+                writeTwoForm<InsertWriter>(out, types.m_vecValues[nType].view(),
+                                           types.m_vecUtf8Values[nType].view());
+            } else {
+                wchar_t arrDigits[24];
+                const std::size_t nDigits =
+                    logger_details::RenderingHelpers::toDecimal(nType, arrDigits);
+                TextWriter::write(out, arrDigits, nDigits);
+            }
+            break;
+        }
+        case CompiledMsgFormat::kSeverity:
+            writeNumber(severity.m_dwImportance, out);
+            break;
+        case CompiledMsgFormat::kSpecificProperty: {
+            const auto* pProperty =
+                static_cast<const CompiledMsgFormat::SingleValueFromListRecord*>(&record);
+            const auto& map = state.propertiesMap();
+            const auto it = map.find(pProperty->m_strValueName);
+            if (it != map.end() && pProperty->m_pFormat != nullptr &&
+                !(pProperty->m_bOmitWhenEmpty && rendersEmpty(it->second, scratch))) {
+                if (pProperty->m_pBareValues != nullptr) {
+                    writeValues(*pProperty->m_pBareValues, it->second, scratch, out);
+                } else {
+                    writePropertyWith(*pProperty->m_pFormat, *it, scratch, out);
+                }
+            }
+            break;
+        }
+        case CompiledMsgFormat::kBacktrace:
+            if (pFileLocation != nullptr && pFileLocation->getBacktrace() != nullptr) {
+                ValueWriter::write(out, L"\tBacktrace:\n");
+                ValueWriter::write(out, pFileLocation->getBacktrace());
+                ValueWriter::write(out, L"\n");
+            }
+            break;
+        default:
+            // Property parts outside a property's own format, and the reserved kinds.
+            ZQ_ASSERT(false);
+            break;
     }
 }
 
