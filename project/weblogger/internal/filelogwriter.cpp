@@ -306,11 +306,12 @@ void FileLogWriter::logMessage(const LogSeverity& severity, const GDValue& messa
     if (!m_pMessageWriter.isNull()) {
         m_pMessageWriter->msg_log(severity, message, state, pLocation, &record);
     }
+    // Read before the lock: the lock covers what other threads touch, and the clock is not that.
+    const std::time_t tNow = clock::wallClockSeconds();
     const WriteGuard guard(*this);
     if (!guard) {
         return;
     }
-    const std::time_t tNow = clock::wallClockSeconds();
     if (tNow != m_tLastCheck) {
         m_tLastCheck = tNow;
         checkFile();

@@ -281,9 +281,6 @@ private:
     // A message through its template compiled to UTF-8: the pieces copied, the inserts written.
     void writeCompiled(const logger_details::Utf8Template& compiled, const MessageBase& message,
                        Scratch& scratch, Stream* out) const;
-    // One insert of a plain template, as UTF-8: strings and whole numbers directly, other values
-    // through the formatter (one level deep, as it renders the inserts of a message).
-    void writeInsertUtf8(const GDValue& insert, Scratch& scratch, Stream* out) const;
     void writePropertyWith(const CompiledMsgFormat& itemFormat,
                            const LoggerState::PropsMap::value_type& entry, Scratch& scratch,
                            Stream* out) const;

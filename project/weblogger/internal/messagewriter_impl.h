@@ -27,13 +27,16 @@ concept WritesInPlace = requires(Stream& stream, std::size_t n) {
     stream.commit(n);
 };
 
-// Writes a value's text to a stream that takes UTF-8 where the value is a string or a whole
-// number, as the text formatter would render it; leaves every other value (arrays, deferred
-// values, messages) to the formatter and says so in m_bFormatterNeeded, having written nothing.
+// Writes an insert's text to a stream that takes UTF-8, as the text formatter renders the
+// inserts of a message: strings and whole numbers directly, every other value (arrays, deferred
+// values, messages) through the formatter, one level deep, into a scratch buffer first. One
+// writer serves all the inserts of a message.
 template <class Stream, class Writer>
 class Utf8InsertWriter final : public GDValueVisitor {
 public:
-    explicit Utf8InsertWriter(Stream* out) noexcept : m_pOut(out) {}
+    Utf8InsertWriter(Stream* out, const MessageFormatter& formatter,
+                     StringBufferBaseTemplate<wchar_t>& scratchText) noexcept
+        : m_pOut(out), m_formatter(formatter), m_scratchText(scratchText) {}
 
     void visitString(std::wstring_view text) override {
         Writer::write(m_pOut, text.data(), text.size());
@@ -51,13 +54,34 @@ public:
             pTarget->accept(*this);
         }
     }
-    void visitArray(const GDArray&) override { m_bFormatterNeeded = true; }
-    void visitStringBufferable(const IGDStringBufferable&) override { m_bFormatterNeeded = true; }
-    void visitMessage(const MessageBase&) override { m_bFormatterNeeded = true; }
-
-    bool m_bFormatterNeeded = false;
+    void visitArray(const GDArray& array) override {
+        m_scratchText.clear();
+        m_formatter.visitArray(array, m_scratchText, insertParams());
+        writeScratchText();
+    }
+    void visitStringBufferable(const IGDStringBufferable& value) override {
+        m_scratchText.clear();
+        m_formatter.visitStringBufferable(value, m_scratchText, insertParams());
+        writeScratchText();
+    }
+    void visitMessage(const MessageBase& message) override {
+        m_scratchText.clear();
+        m_formatter.visitMessage(message, m_scratchText, insertParams());
+        writeScratchText();
+    }
 
 private:
+    // What the formatter passes to the inserts of a top-level message.
+    static MessageVisitorParams insertParams() noexcept {
+        MessageVisitorParams params;
+        params.nDepth = 1;
+        return params;
+    }
+    void writeScratchText() {
+        const std::wstring_view text = m_scratchText.view();
+        Writer::write(m_pOut, text.data(), text.size());
+    }
+
     void writeDecimal(std::uint64_t n, bool bNegative) {
         if constexpr (WritesInPlace<Stream>) {
             // Straight into the stream, last digit first, once the count of digits is known.
@@ -118,6 +142,8 @@ private:
     }
 
     Stream* m_pOut;
+    const MessageFormatter& m_formatter;
+    StringBufferBaseTemplate<wchar_t>& m_scratchText;
 };
 
 }  // namespace logger_details
@@ -144,8 +170,10 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeMessage(const GDVa
             const auto writeText = [out](const wchar_t* p, std::size_t n) {
                 ValueWriter::write(out, p, n);
             };
-            const auto writeInsert = [this, &scratch, out](const GDValue& insert) {
-                writeInsertUtf8(insert, scratch, out);
+            logger_details::Utf8InsertWriter<Stream, ValueWriter> insertWriter(out, m_tMsgFormatter,
+                                                                               scratch.valueText);
+            const auto writeInsert = [&insertWriter](const GDValue& insert) {
+                insert.accept(insertWriter);
             };
             if constexpr (logger_details::WritesInPlace<Stream>) {
                 if (const logger_details::Utf8Template* pCompiled = scratch.templates.find(text)) {
@@ -178,6 +206,8 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeCompiled(
     Stream* out) const {
     // Only streams that are written in place use compiled templates; the others never come here.
     if constexpr (logger_details::WritesInPlace<Stream>) {
+        logger_details::Utf8InsertWriter<Stream, ValueWriter> insertWriter(out, m_tMsgFormatter,
+                                                                           scratch.valueText);
         for (const logger_details::Utf8Template::Segment& segment : compiled) {
             if (segment.nBytes != 0) {
                 out->write(compiled.bytes(segment), segment.nBytes);
@@ -186,31 +216,12 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeCompiled(
                 continue;
             }
             if (const GDValue* pInsert = message.getInsert(segment.nInsert)) {
-                writeInsertUtf8(*pInsert, scratch, out);
+                pInsert->accept(insertWriter);
             } else {
                 // A marker without its insert stands as written.
                 const char arrMarker[2] = {'%', static_cast<char>('0' + segment.nInsert)};
                 out->write(arrMarker, 2);
             }
-        }
-    }
-}
-
-template <class Stream, class TextWriter, class ValueWriter>
-void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeInsertUtf8(const GDValue& insert,
-                                                                         Scratch& scratch,
-                                                                         Stream* out) const {
-    // Only streams that take UTF-8 have a direct way; the others never come here.
-    if constexpr (TakesUtf8Bytes<ValueWriter>::value) {
-        logger_details::Utf8InsertWriter<Stream, ValueWriter> writer(out);
-        insert.accept(writer);
-        if (writer.m_bFormatterNeeded) {
-            MessageVisitorParams params;
-            params.nDepth = 1;
-            scratch.valueText.clear();
-            insert.acceptMessageVisitor(m_tMsgFormatter, scratch.valueText, params);
-            const std::wstring_view text = scratch.valueText.view();
-            ValueWriter::write(out, text.data(), text.size());
         }
     }
 }
