@@ -20,7 +20,11 @@ constexpr int kMaxReplacementWaits = 8;
 }  // namespace
 
 LogWriters::LogWriters()
-    : m_GlobalWritersVersion(0), m_pRegistry(&logger_details::LogWritersMan::getLogWritersMan()) {}
+    : m_GlobalWritersVersion(0), m_pRegistry(&logger_details::LogWritersMan::getLogWritersMan()) {
+    // Written by every guard that enables a writer: a block of its own, made once, rather than
+    // a few bytes that the allocator may put beside another thread's.
+    m_vecEnabledWriters.reserve(16);
+}
 
 LogWriters::~LogWriters() = default;
 

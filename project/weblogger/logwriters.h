@@ -121,6 +121,7 @@ private:
                                                               const FileLocation* pLocation,
                                                               const WrittenBy& written);
 
+    CacheLineGap m_tGapBefore;
     std::atomic<int> m_GlobalWritersVersion;
     // The registry outlives every thread's writer set; looked up once, not per message.
     logger_details::LogWritersMan* const m_pRegistry;
@@ -128,6 +129,7 @@ private:
     LogWritersList m_LogWritersGlobal;
     EnabledWritersList m_vecEnabledWriters;
     LogWritersList m_keptForEnabled;
+    CacheLineGap m_tGapAfter;
 };
 
 }  // namespace kiv

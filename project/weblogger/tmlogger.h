@@ -200,6 +200,7 @@ private:
     // The lower library's logger that the bridge replaced, or null.
     static KeelLogger* getDivertTarget() noexcept;
 
+    CacheLineGap m_tGapBefore;
     LoggerState m_logState;
     Handle<LogWriters> m_hLogWriters;
     bool m_bInLogCall;
@@ -213,6 +214,7 @@ private:
     // The list of live loggers (see the top of this file).
     TmLogger* m_pPrevLive = nullptr;
     TmLogger* m_pNextLive = nullptr;
+    CacheLineGap m_tGapAfter;
 };
 
 // The source used when a caller names none: "kiv.unknown".

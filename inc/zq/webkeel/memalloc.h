@@ -19,6 +19,16 @@ public:
     const char* what() const noexcept override { return "out of memory"; }
 };
 
+// Room that keeps the fields around it off the cache lines of whatever the allocator puts next
+// to the object. An object that its thread writes on every message (its logger, its writer set,
+// its render scratch) starts and ends with one: two threads' objects made at the same moment
+// can sit side by side, and without the gap each thread's writes would take the other's cache
+// line away from it, message after message.
+struct CacheLineGap {
+    static constexpr std::size_t kBytes = 64;
+    char m_arrBytes[kBytes] = {};
+};
+
 class MemAllocNewdel {
 public:
     static void* operator new(std::size_t nSize);

@@ -40,6 +40,7 @@
 #include "weblogger/loggerstate.h"
 #include "weblogger/messageformatloader.h"
 #include "zq/webkeel/handle.h"
+#include "zq/webkeel/memalloc.h"
 #include "zq/webkeel/stringbuffer.h"
 #include "zq/webutil/coutstream.h"
 #include "zq/webutil/message.h"
@@ -168,11 +169,13 @@ struct RenderScratch : public MemAllocNewdel {
     // log call's entry point swallows that.
     static RenderScratch& forThisThread();
 
+    CacheLineGap gapBefore;
     StringBufferTemplate<511, wchar_t> valueText;
     TimeStampCache timeStamps;
     RecordBuffer record;
     Utf8TemplateCache templates;
     LineHeadCache lineHeads;
+    CacheLineGap gapAfter;
 };
 
 // A number for each message writer the process makes, never reused (LineHeadCache's keys).
