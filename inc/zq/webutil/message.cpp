@@ -295,7 +295,11 @@ bool PlainTemplate::textOf(const MessageBase& message, std::wstring_view& text) 
         return false;
     }
     const GDValue* pTemplate = message.getTemplateValue();
-    const GDValue* pTarget = pTemplate != nullptr ? pTemplate->target() : nullptr;
+    return pTemplate != nullptr && textOfTemplate(*pTemplate, text);
+}
+
+bool PlainTemplate::textOfTemplate(const GDValue& templateValue, std::wstring_view& text) noexcept {
+    const GDValue* pTarget = templateValue.target();
     if (pTarget == nullptr) {
         return false;
     }
@@ -343,7 +347,7 @@ void WebTextMessageFormatter::visitMessage(const MessageBase& message, Buffer& b
         return;
     }
     std::wstring_view text;
-    if (PlainTemplate::textOf(message, text)) {
+    if (PlainTemplate::textOfTemplate(*pTemplate, text)) {
         PlainTemplate::walk(
             text, message, [&buffer](const wchar_t* p, std::size_t n) { buffer.append(p, n); },
             [this, &buffer, &inner](const GDValue& insert) {

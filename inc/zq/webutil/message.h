@@ -188,6 +188,8 @@ struct PlainTemplate {
     static const MessageBase* find(const GDValue& value, std::wstring_view& text) noexcept;
     // The plain template text of message, as find gives it.
     static bool textOf(const MessageBase& message, std::wstring_view& text) noexcept;
+    // The text of a template value when it is (or refers to) a string.
+    static bool textOfTemplate(const GDValue& templateValue, std::wstring_view& text) noexcept;
 
     // Walks text as the formatter expands it: onText(pointer, count) for each run of text that
     // stands as it is, onInsert(insert) for each "%1".."%9" whose insert is set. "%%" gives one
