@@ -5,7 +5,6 @@
 #include "weblogger/internal/messagewriter.h"
 
 #include <array>
-#include <bit>
 #include <concepts>
 #include <cwchar>
 #include <memory>
@@ -82,63 +81,36 @@ private:
         Writer::write(m_pOut, text.data(), text.size());
     }
 
+    // Two digits a division from a table of the hundred pairs "00" to "99", last digit first,
+    // into a local buffer that goes to the stream in one write.
     void writeDecimal(std::uint64_t n, bool bNegative) {
-        if constexpr (WritesInPlace<Stream>) {
-            // Straight into the stream, last digit first, once the count of digits is known.
-            static constexpr std::array<std::uint64_t, 20> kPowersOfTen = [] {
-                std::array<std::uint64_t, 20> arrPowers{};
-                std::uint64_t nPower = 1;
-                for (std::uint64_t& nEntry : arrPowers) {
-                    nEntry = nPower;
-                    nPower *= 10;  // wraps after the last entry, which is never read
-                }
-                return arrPowers;
-            }();
-            // log10 from the bit width (1233 / 4096 is just above log10(2)), then corrected;
-            // zero counts as one digit.
-            const unsigned nBits = static_cast<unsigned>(64 - std::countl_zero(n | 1));
-            const unsigned nGuess = (nBits * 1233) >> 12;
-            const std::size_t nDigits = nGuess + 1 - ((n | 1) < kPowersOfTen[nGuess] ? 1 : 0);
-            const std::size_t nChars = nDigits + (bNegative ? 1 : 0);
-            // Two digits a division, from a table of the hundred pairs "00" to "99".
-            static constexpr std::array<char, 200> kDigitPairs = [] {
-                std::array<char, 200> arrPairs{};
-                for (std::size_t i = 0; i < 100; ++i) {
-                    arrPairs[2 * i] = static_cast<char>('0' + i / 10);
-                    arrPairs[2 * i + 1] = static_cast<char>('0' + i % 10);
-                }
-                return arrPairs;
-            }();
-            char* const pRoom = m_pOut->reserve(nChars);
-            char* p = pRoom + nChars;
-            while (n >= 100) {
-                const std::size_t nPair = static_cast<std::size_t>(n % 100);
-                n /= 100;
-                p -= 2;
-                std::memcpy(p, kDigitPairs.data() + 2 * nPair, 2);
+        static constexpr std::array<char, 200> kDigitPairs = [] {
+            std::array<char, 200> arrPairs{};
+            for (std::size_t i = 0; i < 100; ++i) {
+                arrPairs[2 * i] = static_cast<char>('0' + i / 10);
+                arrPairs[2 * i + 1] = static_cast<char>('0' + i % 10);
             }
-            if (n >= 10) {
-                p -= 2;
-                std::memcpy(p, kDigitPairs.data() + 2 * n, 2);
-            } else {
-                *--p = static_cast<char>('0' + n);
-            }
-            if (bNegative) {
-                *--p = '-';
-            }
-            m_pOut->commit(nChars);
-            return;
-        }
+            return arrPairs;
+        }();
         char arrText[24];
-        std::size_t nPos = sizeof(arrText);
-        do {
-            arrText[--nPos] = static_cast<char>('0' + n % 10);
-            n /= 10;
-        } while (n != 0);
-        if (bNegative) {
-            arrText[--nPos] = '-';
+        char* const pEnd = arrText + sizeof(arrText);
+        char* p = pEnd;
+        while (n >= 100) {
+            const std::size_t nPair = static_cast<std::size_t>(n % 100);
+            n /= 100;
+            p -= 2;
+            std::memcpy(p, kDigitPairs.data() + 2 * nPair, 2);
         }
-        m_pOut->write(arrText + nPos, sizeof(arrText) - nPos);
+        if (n >= 10) {
+            p -= 2;
+            std::memcpy(p, kDigitPairs.data() + 2 * n, 2);
+        } else {
+            *--p = static_cast<char>('0' + n);
+        }
+        if (bNegative) {
+            *--p = '-';
+        }
+        m_pOut->write(p, static_cast<std::size_t>(pEnd - p));
     }
 
     Stream* m_pOut;
@@ -167,6 +139,12 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeMessage(const GDVa
     if constexpr (TakesUtf8Bytes<ValueWriter>::value) {
         std::wstring_view text;
         if (const MessageBase* pMessage = PlainTemplate::find(message, text)) {
+            if constexpr (logger_details::WritesInPlace<Stream>) {
+                if (const logger_details::Utf8Template* pCompiled = scratch.templates.find(text)) {
+                    writeCompiled(*pCompiled, *pMessage, scratch, out);
+                    return;
+                }
+            }
             const auto writeText = [out](const wchar_t* p, std::size_t n) {
                 ValueWriter::write(out, p, n);
             };
@@ -176,15 +154,11 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeMessage(const GDVa
                 insert.accept(insertWriter);
             };
             if constexpr (logger_details::WritesInPlace<Stream>) {
-                if (const logger_details::Utf8Template* pCompiled = scratch.templates.find(text)) {
-                    writeCompiled(*pCompiled, *pMessage, scratch, out);
-                    return;
-                }
                 // Too long to keep compiled. Finding the next '%' and encoding up to it is one
                 // pass over the text.
                 using Utf8 = T2NEncodingUTF8<wchar_t>;
                 const auto encodeRun = [out](const wchar_t* p, std::size_t n) {
-                    char* pRoom = out->reserve(n * 4 + Utf8::kUntilSlack);
+                    char* pRoom = out->reserve(n * 4);
                     std::size_t nTaken = 0;
                     out->commit(Utf8::encodeUntil(p, n, L'%', pRoom, nTaken));
                     return nTaken;
