@@ -253,7 +253,7 @@ TEST(T2NEncodingUTF8Test, EncodeUntilStopsAtItsStopCharacterWhereverItIs) {
                 if (nStop < nLength) {
                     text[nStop] = L'%';
                 }
-                std::vector<char> vecOut(nLength * 4 + Utf8::kUntilSlack);
+                std::vector<char> vecOut(nLength * 4);
                 std::size_t nConsumed = 99;
                 const std::size_t nBytes =
                     Utf8::encodeUntil(text.data(), nLength, L'%', vecOut.data(), nConsumed);
@@ -272,7 +272,7 @@ TEST(T2NEncodingUTF8Test, EncodeAllGivesWhatEncodeGives) {
         L"surrogate and % signs, long enough for blocks";
     for (std::size_t nLength = 0; nLength <= text.size(); ++nLength) {
         const std::wstring_view piece = std::wstring_view(text).substr(0, nLength);
-        std::vector<char> vecOut(nLength * 4 + Utf8::kUntilSlack);
+        std::vector<char> vecOut(nLength * 4);
         const std::size_t nBytes = Utf8::encodeAll(piece.data(), piece.size(), vecOut.data());
         EXPECT_EQ(std::string(vecOut.data(), nBytes), encodeUtf8Whole(piece)) << nLength;
     }

@@ -68,17 +68,7 @@ public:
         // When the whole input fits even at 4 bytes a character, no capacity test is needed per
         // character: the common case, since callers size their buffers for it.
         if (nIn <= nOutCapacity / kMaxSequenceBytes) {
-            i = copyAsciiRun(pIn, nIn, pOut);
-            nOut = i;
-            for (; i < nIn; ++i) {
-                const wchar_t c = static_cast<wchar_t>(pIn[i]);
-                if (static_cast<std::uint32_t>(c) < 0x80) {
-                    pOut[nOut++] = static_cast<char>(c);
-                } else {
-                    nOut += encodeUtf8(c, pOut + nOut);
-                }
-            }
-            nOutWritten = nOut;
+            nOutWritten = encodeAll(pIn, nIn, pOut);
             nInConsumed = nIn;
             return true;
         }
@@ -108,12 +98,8 @@ public:
         return i == nIn;
     }
 
-    // The room that encodeUntil and encodeAll need beyond four bytes a character: they store
-    // characters in whole blocks before they know where within a block their run ends.
-    static constexpr std::size_t kUntilSlack = 8;
-
     // Encodes pIn up to its first stop character (all of it when there is none) into pOut,
-    // which has room for 4 * nIn + kUntilSlack bytes. Returns the bytes written and sets
+    // which has room for 4 * nIn bytes. Returns the bytes written and sets
     // nInConsumed to the characters encoded: the stop character, when found, is not one of them.
     // One pass finds the stop and encodes, eight ASCII characters at a time where the processor
     // lets us: what a template expansion needs between two of its markers.
@@ -121,8 +107,8 @@ public:
                                    std::size_t& nInConsumed) noexcept {
         return encodeRun<true>(pIn, nIn, stop, pOut, nInConsumed);
     }
-    // Encodes the whole of pIn into pOut, which has room for 4 * nIn + kUntilSlack bytes, and
-    // returns the bytes written: short text inline, without the capacity checks of encode.
+    // Encodes the whole of pIn into pOut, which has room for 4 * nIn bytes, and returns the bytes
+    // written: inline, without the capacity checks of the resumable encode.
     static std::size_t encodeAll(const CharT* pIn, std::size_t nIn, char* pOut) noexcept {
         std::size_t nInConsumed = 0;
         return encodeRun<false>(pIn, nIn, CharT(), pOut, nInConsumed);
@@ -154,7 +140,8 @@ private:
             const unsigned nGoes =
                 static_cast<unsigned>(_mm_movemask_epi8(_mm_packs_epi16(goes16, zero))) & 0xFFu;
             // Values below 0x80 survive both narrowing packs unchanged; the bytes of lanes past
-            // the run are written over or left beyond the end.
+            // the run are written over or left beyond the end. Eight bytes always fit: at least
+            // eight characters remain, and each has four bytes of room.
             const __m128i words = _mm_packs_epi32(a, b);
             _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut + nOut),
                              _mm_packus_epi16(words, zero));
@@ -187,31 +174,6 @@ private:
         }
         nInConsumed = i;
         return nOut;
-    }
-
-    // Copies the leading ASCII characters as bytes, eight at a time where the processor lets
-    // us, and returns how many it copied. Log text is mostly ASCII, so this is most of the work.
-    static std::size_t copyAsciiRun(const CharT* pIn, std::size_t nIn, char* pOut) noexcept {
-        std::size_t i = 0;
-#if defined(__SSE2__)
-        const __m128i high = _mm_set1_epi32(static_cast<int>(0xFFFFFF80u));
-        const __m128i zero = _mm_setzero_si128();
-        for (; i + 8 <= nIn; i += 8) {
-            const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pIn + i));
-            const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pIn + i + 4));
-            const __m128i nonAscii = _mm_and_si128(_mm_or_si128(a, b), high);
-            if (_mm_movemask_epi8(_mm_cmpeq_epi32(nonAscii, zero)) != 0xFFFF) {
-                break;
-            }
-            // Values below 0x80 survive both narrowing packs unchanged.
-            const __m128i words = _mm_packs_epi32(a, b);
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut + i), _mm_packus_epi16(words, zero));
-        }
-#endif
-        for (; i < nIn && static_cast<std::uint32_t>(pIn[i]) < 0x80; ++i) {
-            pOut[i] = static_cast<char>(pIn[i]);
-        }
-        return i;
     }
 };
 

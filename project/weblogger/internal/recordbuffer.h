@@ -63,8 +63,7 @@ public:
     // them, without the copy.
     void writeUtf8(const wchar_t* p, std::size_t n) {
         // A message's pieces are short: encoded straight into the room there is, inline.
-        if (n <= kInlinePieceChars &&
-            n * kMaxBytesPerChar + T2NEncodingUTF8<wchar_t>::kUntilSlack <= m_nCapacity - m_nSize) {
+        if (n <= kInlinePieceChars && n * kMaxBytesPerChar <= m_nCapacity - m_nSize) {
             m_nSize += T2NEncodingUTF8<wchar_t>::encodeAll(p, n, m_pBuffer.get() + m_nSize);
             return;
         }
