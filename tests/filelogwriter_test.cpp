@@ -793,6 +793,27 @@ TEST_F(FileLogWriterTest, BufferedMessageAllocatesNothingAndMakesNoSystemCall) {
 #endif
 }
 
+TEST_F(FileLogWriterTest, RotationAllocatesNothingOnceTheRingWentRound) {
+    // Twelve files: the names grow from kiv0.log to kiv11.log in the first round, which sizes
+    // the kept path; every later rotation rewrites it in place.
+    auto hWriter = make("filesN='12' maxFileSizeKb='0'");
+    const GDString lap1(String(L"first round"));
+    const GDString lap4(String(L"fourth round"));
+    for (int i = 0; i < 12; ++i) {
+        hWriter->logMessage(kSevError, lap1, m_state, nullptr);
+    }
+    test::AllocationScope scope;
+    for (int i = 0; i < 36; ++i) {  // three more rounds, every message in a new file
+        hWriter->logMessage(kSevError, i < 24 ? lap1 : lap4, m_state, nullptr);
+    }
+    EXPECT_EQ(scope.count(), 0u);
+    // The 48th message went to kiv0.log (the first message rotated to kiv1.log).
+    EXPECT_EQ(hWriter->getCurrentFileIndex(), 0u);
+    for (int n = 0; n < 12; ++n) {
+        EXPECT_EQ(file("kiv" + std::to_string(n) + ".log"), kBom + "fourth round\n") << n;
+    }
+}
+
 }  // namespace
 }  // namespace kiv
 

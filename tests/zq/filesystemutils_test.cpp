@@ -9,6 +9,7 @@
 #include <ctime>
 #include <string>
 
+#include "support/alloc_counter.h"
 #include "support/temp_dir.h"
 #include "zq/webkeel/transcode.h"
 #include "zq/webutil/binaryfile.h"
@@ -262,6 +263,42 @@ TEST(FilePathTest, RingFileNamesFromPrefixAndIndex) {
     EXPECT_TRUE(prefix.getPrefix().equals(L"kiv"));
     EXPECT_TRUE(FilePrefix().empty());
     EXPECT_TRUE(prefix.withIndex(1) == FilePrefix(L"kiv1"));
+}
+
+TEST(FilePathTest, AssignIndexedGivesTheJoinedNameForEveryShape) {
+    for (const wchar_t* pszDir : {L"/srv/logs", L"/srv/logs/", L"/", L""}) {
+        for (const wchar_t* pszExtension : {L"log", L""}) {
+            for (unsigned long nIndex : {0ul, 7ul, 12ul, 4294967295ul}) {
+                const DirectoryPath dir(pszDir);
+                FilePath path(L"/some/longer/path/that/was/there/before.log");
+                path.assignIndexed(dir, String(L"kiv"), nIndex, String(pszExtension));
+                const FilePath joined(dir, FilePrefix(L"kiv").withIndex(nIndex), pszExtension);
+                EXPECT_TRUE(path == joined) << toUtf8(joined.getFullPath().view()).std();
+            }
+        }
+    }
+}
+
+TEST(FilePathTest, AssignIndexedReusesTheStorageOfALongerPath) {
+    const DirectoryPath dir(L"/srv/logs");
+    const String prefix(L"kiv");
+    const String extension(L"log");
+    FilePath path;
+    path.assignIndexed(dir, prefix, 10, extension);
+    test::AllocationScope scope;
+    for (unsigned long nIndex = 0; nIndex < 11; ++nIndex) {
+        path.assignIndexed(dir, prefix, nIndex, extension);
+    }
+    EXPECT_EQ(scope.count(), 0u);
+    EXPECT_TRUE(path.getFullPath().equals(L"/srv/logs/kiv10.log"));
+}
+
+TEST(FileSystemUtilsTest, PathWithANulIsNotExamined) {
+    const std::wstring withNul(L"/srv/a\0b.log", 13);
+    FileStats stats;
+    EXPECT_FALSE(FileSystemUtils::getFileStats(String(std::wstring_view(withNul)), stats,
+                                               FileSystemUtils::kDontResolveLinks));
+    EXPECT_FALSE(FileSystemUtils::removeFile(String(std::wstring_view(withNul))));
 }
 
 TEST(FilePathTest, BuiltPathOpensAsAFile) {

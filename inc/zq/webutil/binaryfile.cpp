@@ -11,6 +11,7 @@
 
 #include "zq/webkeel/gdvalue.h"
 #include "zq/webkeel/transcode.h"
+#include "zq/webutil/nativepath.h"
 
 namespace kiv {
 namespace {
@@ -104,8 +105,8 @@ bool BinaryFile::open(const String& path, FileAccessFlags nAccess, FileCreation 
             return fail(L"open file", EINVAL, nOnError);
     }
 
-    // A NUL inside the wide path would silently cut the name the system sees.
-    if (path.find(L'\0') != String::npos) {
+    const NativePath strNative(path.view());
+    if (!strNative.isValid()) {
         return fail(L"open file", EINVAL, nOnError);
     }
     const bool bNoFollow = (nHandleFlags & kHFNoFollow) != 0;
@@ -114,7 +115,6 @@ bool BinaryFile::open(const String& path, FileAccessFlags nAccess, FileCreation 
         // ignores it.
         nFlags |= O_NOFOLLOW | O_NONBLOCK;
     }
-    const NString strNative = toUtf8(path.view());
     int nFd;
     do {
         nFd = ::open(strNative.c_str(), nFlags, static_cast<mode_t>(nCreationMode));

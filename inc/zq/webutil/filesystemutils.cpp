@@ -13,6 +13,7 @@
 #include "zq/webkeel/stringbuffer.h"
 #include "zq/webkeel/transcode.h"
 #include "zq/webutil/binaryfile.h"
+#include "zq/webutil/nativepath.h"
 
 namespace kiv {
 namespace {
@@ -22,16 +23,6 @@ bool fail(const wchar_t* pszOperation, const String& path, int nErrno, FileSyste
         ZQ_THROW(FileException(pszOperation, path, nErrno));
     }
     return false;
-}
-
-// The UTF-8 form for the system; false when the wide path holds a NUL, which would silently
-// cut the name the system sees.
-bool toNative(const String& path, NString& out) {
-    if (path.find(L'\0') != String::npos) {
-        return false;
-    }
-    out = toUtf8(path.view());
-    return true;
 }
 
 bool isDirectory(const char* pszPath) {
@@ -52,13 +43,31 @@ void fillStats(const struct stat& st, FileStats& out) {
     out.nLinks = static_cast<unsigned long long>(st.st_nlink);
 }
 
+// "<dir>/", with one '/' however the directory ended; nothing for the current directory.
+void appendDirectory(String& out, const String& directory) {
+    if (directory.empty()) {
+        return;
+    }
+    out.append(directory);
+    if (directory[directory.size() - 1] != L'/') {
+        out.append(L'/');
+    }
+}
+
+// ".<extension>"; nothing when the extension is empty.
+void appendExtension(String& out, const String& extension) {
+    if (!extension.empty()) {
+        out.append(L'.').append(extension);
+    }
+}
+
 }  // namespace
 
 bool FileSystemUtils::getFileStats(const String& path, FileStats& out, LinkHandling nLinks,
                                    FileSystemOnError nOnError) {
     out = FileStats();
-    NString strNative;
-    if (!toNative(path, strNative)) {
+    const NativePath strNative(path.view());
+    if (!strNative.isValid()) {
         return fail(L"examine", path, EINVAL, nOnError);
     }
     struct stat st;
@@ -95,8 +104,8 @@ bool FileSystemUtils::getOpenFileStats(int nFd, FileStats& out) {
 bool FileSystemUtils::scanDirectory(
     const String& path, const std::function<void(std::string_view, const FileStats&)>& visit,
     FileSystemOnError nOnError) {
-    NString strNative;
-    if (!toNative(path, strNative)) {
+    const NativePath strNative(path.view());
+    if (!strNative.isValid()) {
         return fail(L"read directory", path, EINVAL, nOnError);
     }
     DIR* pDir = ::opendir(strNative.empty() ? "." : strNative.c_str());
@@ -132,8 +141,8 @@ bool FileSystemUtils::scanDirectory(
 }
 
 bool FileSystemUtils::getCanonicalPath(const String& path, String& out) {
-    NString strNative;
-    if (!toNative(path, strNative)) {
+    const NativePath strNative(path.view());
+    if (!strNative.isValid()) {
         return false;
     }
     char arrResolved[PATH_MAX];
@@ -151,8 +160,8 @@ bool FileSystemUtils::getFileStats(const FilePath& path, FileStats& out, LinkHan
 
 bool FileSystemUtils::createDirectoryHierarchy(const String& path, FileSystemOnError nOnError,
                                                unsigned nMode) {
-    NString strNative;
-    if (!toNative(path, strNative)) {
+    const NativePath strNative(path.view());
+    if (!strNative.isValid()) {
         return fail(L"create directory", path, EINVAL, nOnError);
     }
     if (strNative.empty()) {
@@ -165,7 +174,7 @@ bool FileSystemUtils::createDirectoryHierarchy(const String& path, FileSystemOnE
     // exists fails with EEXIST, which is fine; other failures count only when the prefix is not
     // a directory after all (mkdir may say EACCES or EROFS about a directory that exists).
     std::string strPrefix;
-    const std::string& strPath = strNative.std();
+    const std::string_view strPath = strNative.view();
     for (std::size_t nPos = 0; nPos <= strPath.size(); ++nPos) {
         const bool bEnd = nPos == strPath.size();
         if (!bEnd && strPath[nPos] != '/') {
@@ -199,8 +208,8 @@ bool FileSystemUtils::createDirectoryHierarchy(const String& path, FileSystemOnE
 }
 
 bool FileSystemUtils::removeFile(const String& path, FileSystemOnError nOnError) {
-    NString strNative;
-    if (!toNative(path, strNative)) {
+    const NativePath strNative(path.view());
+    if (!strNative.isValid()) {
         return fail(L"remove file", path, EINVAL, nOnError);
     }
     if (::unlink(strNative.c_str()) != 0) {
@@ -224,26 +233,31 @@ FilePrefix FilePrefix::withIndex(unsigned long nIndex) const {
 }
 
 FilePath DirectoryPath::join(const String& fileName) const {
-    if (m_strPath.empty()) {
-        return FilePath(fileName);
-    }
-    String text(m_strPath);
-    if (text[text.size() - 1] != L'/') {
-        text.append(L'/');
-    }
+    String text;
+    appendDirectory(text, m_strPath);
     text.append(fileName);
     return FilePath(text);
 }
 
 FilePath DirectoryPath::join(const FilePrefix& prefix, const String& extension) const {
-    String fileName(prefix.getPrefix());
-    if (!extension.empty()) {
-        fileName.append(L'.').append(extension);
-    }
-    return join(fileName);
+    String text;
+    appendDirectory(text, m_strPath);
+    text.append(prefix.getPrefix());
+    appendExtension(text, extension);
+    return FilePath(text);
 }
 
 FilePath::FilePath(const String& fullPath) : m_strFullPath(fullPath) {}
+
+void FilePath::assignIndexed(const DirectoryPath& directory, const String& prefix,
+                             unsigned long nIndex, const String& extension) {
+    StringBufferTemplate<24, wchar_t> digits;
+    digits.appendUnsigned(nIndex);
+    m_strFullPath.clear();
+    appendDirectory(m_strFullPath, directory.getPath());
+    m_strFullPath.append(prefix).append(digits.view());
+    appendExtension(m_strFullPath, extension);
+}
 
 FilePath::FilePath(const DirectoryPath& directory, const String& fileName)
     : FilePath(directory.join(fileName)) {}

@@ -6,7 +6,7 @@
 // that "<dir>/<prefix><index>.log" is built without string surgery at the call site. They never
 // touch the disk and do not normalise "." or ".." components: a path stays as it was given.
 //
-// Paths are wide Strings; the system sees their UTF-8 form.
+// Paths are wide Strings; the system sees their UTF-8 form (NativePath, on the stack).
 //
 // Thread-safety: the functions of FileSystemUtils may be called from any thread (each is a few
 // system calls on its own arguments). The path classes are values, safe to share while nobody
@@ -152,6 +152,11 @@ public:
     String getExtension() const;
     // The same path with text added to the file name ("kiv0.log" and ".1" give "kiv0.log.1").
     FilePath append(const String& suffix) const;
+    // Makes this the path directory.join(FilePrefix(prefix).withIndex(nIndex), extension)
+    // gives, in the storage this path already holds: a ring going round its files allocates
+    // nothing once its longest name was built.
+    void assignIndexed(const DirectoryPath& directory, const String& prefix, unsigned long nIndex,
+                       const String& extension);
 
     friend bool operator==(const FilePath& a, const FilePath& b) noexcept {
         return a.m_strFullPath == b.m_strFullPath;

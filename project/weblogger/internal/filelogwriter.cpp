@@ -194,9 +194,9 @@ bool FileLogWriter::isFileAtRotationPoint() {
 void FileLogWriter::setFilePath(std::uint32_t i) {
     const std::uint32_t nIndex = i % m_iNumberOfFiles;
     m_iCurFile = nIndex;
-    m_tCurFilePath =
-        FilePath(m_strFileDirectory, FilePrefix(m_strFilePrefix).withIndex(nIndex), kExtension);
-    m_strCurFileNative = toUtf8(m_tCurFilePath.getFullPath().view());
+    m_tCurFilePath.assignIndexed(m_strFileDirectory, m_strFilePrefix, nIndex, kExtension);
+    m_strCurFileNative.clear();
+    appendUtf8(m_strCurFileNative, m_tCurFilePath.getFullPath().view());
 }
 
 void FileLogWriter::createFile() {

@@ -70,6 +70,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <string>
 #include <vector>
 
 #include "weblogger/internal/logfile.h"
@@ -203,9 +204,9 @@ private:
     // Canonical directory and prefix of the ring this writer holds; empty when none.
     String m_strRingKey;
     FileLogWriter* m_pNextRingOwner = nullptr;
-    // The current path in the system's form, made at each change of file, so that the check
-    // once a second allocates nothing.
-    NString m_strCurFileNative;
+    // The current path in the system's form, rewritten in place at each change of file, so
+    // that neither the check once a second nor a rotation allocates.
+    std::string m_strCurFileNative;
     bool m_bInRingTable = false;
     // The ring was taken over from a writer still being replaced: no file is opened until the
     // first message, which comes only after that writer has been retired.
