@@ -10,5 +10,4 @@ NativePath::NativePath(std::wstring_view path) : m_bValid(path.find(L'\0') == pa
     }
 }
 
-
 }  // namespace kiv

@@ -177,15 +177,9 @@ bool FileLogWriter::initializeRing(ERotationType eType, const String& dir, const
     return bResult;
 }
 
-bool FileLogWriter::isFileAtRotationPoint() {
+bool FileLogWriter::isFileAtRotationTime() const noexcept {
     if (!m_CurFile.isOpen()) {
         return true;
-    }
-    if (m_eRotationType == kRotateBySize) {
-        // The size the file handle has written: bytes still in the buffer do not count yet.
-        // The handle keeps it up to date, so the test costs no system call per message.
-        const long long nSize = m_CurFile.getFile().getKnownSize();
-        return static_cast<std::uint64_t>(nSize) >= m_lFileSizeMax;
     }
     const std::time_t now = clock::wallClockSeconds();
     return now - m_timeCurFileUsageBegan >= static_cast<std::time_t>(m_iRotationIntervalSeconds);
@@ -264,10 +258,7 @@ long FileLogWriter::findNewestFile() {
                                                   m_eRotationType == kRotateBySize, m_lFileSizeMax);
 }
 
-bool FileLogWriter::openFile() {
-    if (!isFileAtRotationPoint()) {
-        return true;
-    }
+bool FileLogWriter::openNextFile() {
     if (m_CurFile.isOpen()) {
         try {
             m_CurFile.close();
@@ -386,7 +377,7 @@ void FileLogWriter::noteOpenFailure(const FileException& failure) noexcept {
     }
 }
 
-void FileLogWriter::reportWriteState() noexcept {
+void FileLogWriter::reportWriteChange() noexcept {
     if (m_CurFile.isStalled()) {
         if (!m_bOutageReported) {
             m_bOutageReported = true;

@@ -158,10 +158,23 @@ public:
 private:
     bool initializeRing(ERotationType eType, const String& dir, const String& prefix,
                         unsigned filesN, std::uint64_t nLimit, bool autoFlush);
-    bool isFileAtRotationPoint();
+    bool isFileAtRotationPoint() {
+        if (m_CurFile.isOpen() && m_eRotationType == kRotateBySize) [[likely]] {
+            // The size the file handle has written: bytes still in the buffer do not count
+            // yet. The handle keeps it up to date, so the test costs no system call.
+            return static_cast<std::uint64_t>(m_CurFile.getFile().getKnownSize()) >= m_lFileSizeMax;
+        }
+        return isFileAtRotationTime();
+    }
+    // For a file that is not open (true) or rotates by time.
+    bool isFileAtRotationTime() const noexcept;
     void setFilePath(std::uint32_t i);
     void createFile();
-    bool openFile();
+    // The open file, or the next one of the ring when the current one is due for rotation
+    // (or none is open): false when there is none. Inline, since a message nearly always
+    // finds its file open and short of the limit.
+    bool openFile() { return !isFileAtRotationPoint() || openNextFile(); }
+    bool openNextFile();
     // Picks the newest existing file of the ring, or -1 when none exists.
     long findNewestFile();
     // Creates the current slot afresh, or the next ones when a slot holds a link or something
@@ -171,8 +184,14 @@ private:
     void checkFile() noexcept;
     bool hasFileVanished() const noexcept;
     void noteOpenFailure(const FileException& failure) noexcept;
-    // Reports the start and the end of a time without writing.
-    void reportWriteState() noexcept;
+    // Reports the start and the end of a time without writing; inline, and nothing to do,
+    // while the file writes and no outage is being reported.
+    void reportWriteState() noexcept {
+        if (m_CurFile.isStalled() || m_bOutageReported) [[unlikely]] {
+            reportWriteChange();
+        }
+    }
+    void reportWriteChange() noexcept;
     // Takes the ring of the current directory and prefix for this writer; false (reported)
     // when another live writer of the process has it.
     bool claimRing();

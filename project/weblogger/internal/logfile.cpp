@@ -159,7 +159,7 @@ void LogFile::writeInPieces(const void* p, unsigned long n) {
     }
 }
 
-void LogFile::endRecord() {
+void LogFile::endUnusualRecord() {
     if (m_bRecordLost) {
         m_bRecordLost = false;
         m_nUsed = m_nRecordEnd;

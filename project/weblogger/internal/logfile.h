@@ -89,7 +89,15 @@ public:
     // The bytes written since the last mark form a whole record. A record that had to be
     // dropped is counted here. Throws when a record that was partly written through cannot be
     // completed in the file (the record is dropped, the file stalled).
-    void endRecord();
+    void endRecord() {
+        // A record that is all in the buffer (nearly every one) just moves the mark.
+        if (!m_bRecordLost && !m_bPartialInFile && m_nUsed != m_nRecordEnd) [[likely]] {
+            m_nRecordEnd = m_nUsed;
+            ++m_nRecordsBuffered;
+            return;
+        }
+        endUnusualRecord();
+    }
     // Forgets the record in progress (its rendering failed).
     void discardRecord() noexcept;
     // Marks a record end and writes the buffered bytes to the file. Nothing to do when the file
@@ -144,6 +152,8 @@ public:
 
 private:
     void writeInPieces(const void* p, unsigned long n);
+    // endRecord for a record that was lost, is empty, or is partly in the file already.
+    void endUnusualRecord();
     // Room for n more bytes (n at most the buffer size): writes out what it can. False when
     // the record in progress has to be dropped instead.
     bool makeRoom(unsigned long n);
