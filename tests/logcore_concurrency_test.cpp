@@ -73,10 +73,12 @@ TEST(LogCoreConcurrencyTest, FiltersAreReadWhileThresholdsAreRewritten) {
         new RecordingWriter(ZQWString(L"r"), 5, LogWriter::WT_SINGLE_THREADED, nullptr));
     std::atomic<bool> bStop{false};
     std::atomic<long> nDecisions{0};
+    std::atomic<int> nReadersStarted{0};
     std::vector<std::thread> vecReaders;
     for (int t = 0; t < 3; ++t) {
         vecReaders.emplace_back([&] {
             long nLocal = 0;
+            ++nReadersStarted;
             while (!bStop.load(std::memory_order_relaxed)) {
                 // Thresholds alternate between 16 and 0, so kSevErrorFatal passes exactly when
                 // the threshold read is 16; either answer is valid while the rewrite runs.
@@ -85,6 +87,10 @@ TEST(LogCoreConcurrencyTest, FiltersAreReadWhileThresholdsAreRewritten) {
             }
             (void)nLocal;
         });
+    }
+    // On a loaded machine the rewrites could otherwise all be over before a reader runs.
+    while (nReadersStarted.load() < 3) {
+        std::this_thread::yield();
     }
     LogWritersGroup group;
     group.add(5);
