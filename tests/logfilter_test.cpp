@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+
 #include "support/test_writer.h"
 
 namespace kiv {
@@ -214,6 +216,29 @@ TEST(LogWritersGroupTest, HoldsIdsZeroToNine) {
     EXPECT_FALSE(group.contains(10));
     EXPECT_FALSE(group.contains(5));
     EXPECT_TRUE(capture.contains("nId < 10"));
+}
+
+TEST(DispatchGenerationTest, EveryThresholdChangeMovesIt) {
+    using logger_details::DispatchGeneration;
+    LogFilter filter;
+    std::uint64_t nBefore = DispatchGeneration::current();
+    filter.setLogLevelsForId(3, LogLevels(1, 1, 1, 1, 1));
+    EXPECT_GT(DispatchGeneration::current(), nBefore);
+
+    nBefore = DispatchGeneration::current();
+    LogWritersGroup group;
+    group.add(3);
+    filter.resetLogLevels(group);
+    EXPECT_GT(DispatchGeneration::current(), nBefore);
+
+    nBefore = DispatchGeneration::current();
+    filter.setMissingSettings(nullptr);
+    EXPECT_GT(DispatchGeneration::current(), nBefore);
+
+    nBefore = DispatchGeneration::current();
+    LogFilter copy;
+    copy = filter;
+    EXPECT_GT(DispatchGeneration::current(), nBefore);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 
 #include "support/test_writer.h"
 #include "weblogger/loggermessages.h"
@@ -249,6 +250,21 @@ TEST(LogWritersManTest, ClearWritersReleasesTheRegistrysHandles) {
 
 TEST(LogWritersManTest, UnknownClassNameHasNoFactory) {
     EXPECT_TRUE(registry().getLogWritersFactory(String(L"NoSuchWriter")).isNull());
+}
+
+TEST(LogWriterDispatchGenerationTest, DisablingEnablingAndRetiringMoveIt) {
+    using logger_details::DispatchGeneration;
+    const Handle<test::RecordingWriter> hWriter(
+        new test::RecordingWriter(String(L"switch"), 1, LogWriter::WT_SINGLE_THREADED, nullptr));
+    std::uint64_t nBefore = DispatchGeneration::current();
+    hWriter->setIsEnabled(false);
+    EXPECT_GT(DispatchGeneration::current(), nBefore);
+    nBefore = DispatchGeneration::current();
+    hWriter->setIsEnabled(true);
+    EXPECT_GT(DispatchGeneration::current(), nBefore);
+    nBefore = DispatchGeneration::current();
+    hWriter->retire();
+    EXPECT_GT(DispatchGeneration::current(), nBefore);
 }
 
 }  // namespace

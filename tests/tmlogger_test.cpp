@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -296,6 +297,114 @@ TEST_F(TmLoggerTest, InlineGuardAgreesWithTheFullWalkOnRandomConfigurations) {
         }
     }
     EXPECT_EQ(nChecked, 40 * 9 * 5 * 8);
+}
+
+// A guard gives the answer it remembers while nothing the walk read has changed. After every
+// kind of change (a threshold, a writer disabled or enabled, a local writer added or removed,
+// the global writers replaced), each guard, the first after the change and the ones after it,
+// must enable exactly the writers a walk finds, in the walk's order.
+TEST_F(TmLoggerTest, RememberedGuardAnswerFollowsEveryChange) {
+    const wchar_t* const arrPaths[] = {L"memo", L"memo.a", L"memo.a.x", L"memo.b"};
+    std::vector<LogSourceHandle> vecSources;
+    for (const wchar_t* pszPath : arrPaths) {
+        vecSources.emplace_back(String(pszPath));
+    }
+    std::vector<Handle<RecordingWriter>> vecPool;
+    for (short nId = 0; nId < 8; ++nId) {
+        vecPool.emplace_back(new RecordingWriter(String(L"pool"), static_cast<short>(nId % 4),
+                                                 LogWriter::WT_SINGLE_THREADED, nullptr));
+    }
+    std::vector<Handle<RecordingWriter>> vecLocal;
+    std::vector<Handle<RecordingWriter>> vecGlobal;
+    std::mt19937 random(20261125);
+    const auto expectedWriters = [&](const LogSource& source, const LogSeverity& severity) {
+        std::vector<LogWriter*> vecExpected;
+        for (const auto* pList : {&vecGlobal, &vecLocal}) {
+            for (const Handle<RecordingWriter>& hWriter : *pList) {
+                if (hWriter->isEnabled() &&
+                    source.getLogFilter().getLogLevels(hWriter->getClassId()).accepts(severity)) {
+                    vecExpected.push_back(hWriter.get());
+                }
+            }
+        }
+        return vecExpected;
+    };
+    const auto changeSomething = [&] {
+        switch (random() % 6) {
+            case 0:
+            case 1: {
+                const LogSource& source = *vecSources[random() % vecSources.size()];
+                const auto nLevel = static_cast<std::uint16_t>(random() % 3 * 500);
+                const_cast<LogSource&>(source).getLogFilter().setLogLevelsForId(
+                    static_cast<int>(random() % 4),
+                    LogLevels(nLevel, nLevel, nLevel, nLevel, nLevel));
+                break;
+            }
+            case 2: {
+                RecordingWriter& writer = *vecPool[random() % vecPool.size()];
+                writer.setIsEnabled(!writer.isEnabled());
+                break;
+            }
+            case 3:
+                vecLocal.push_back(vecPool[random() % vecPool.size()]);
+                logger().addLocalWriter(vecLocal.back().get());
+                break;
+            case 4:
+                if (!vecLocal.empty()) {
+                    const std::size_t nAt = random() % vecLocal.size();
+                    logger().removeLocalWriter(vecLocal[nAt].get());
+                    // The first handle to that writer goes.
+                    const auto it = std::find(vecLocal.begin(), vecLocal.end(), vecLocal[nAt]);
+                    vecLocal.erase(it);
+                }
+                break;
+            default: {
+                LogWritersMan& registry = LogWritersMan::getLogWritersMan();
+                registry.clearWriters();
+                vecGlobal.clear();
+                for (int n = static_cast<int>(random() % 3); n > 0; --n) {
+                    vecGlobal.emplace_back(new RecordingWriter(String(L"global"),
+                                                               static_cast<short>(random() % 4),
+                                                               LogWriter::WT_GLOBAL, nullptr));
+                }
+                registry.versionIncrement();
+                break;
+            }
+        }
+    };
+    const auto check = [&](const LogSource& source, const LogSeverity& severity) {
+        const std::vector<LogWriter*> vecExpected = expectedWriters(source, severity);
+        ASSERT_EQ(logger().calcEnabledWriters(severity), !vecExpected.empty());
+        ASSERT_EQ(logger().getLogWriters()->getEnabledWriters(), vecExpected)
+            << source.getPath().c_str() << " type " << severity.m_nType << " importance "
+            << severity.m_dwImportance;
+    };
+    const std::uint64_t arrImportances[] = {0, 499, 500, 1000, 1001};
+    // Each round: a guard (which remembers its answer), a change, then the same guard again
+    // and a guard for another source.
+    for (int nRound = 0; nRound < 2000; ++nRound) {
+        const LogSource& source = *vecSources[random() % vecSources.size()];
+        const LogSeverity severity(
+            static_cast<LogSeverity::MsgType>(random() % LogSeverity::kMsgTypeCount),
+            arrImportances[random() % std::size(arrImportances)]);
+        logger().pushSource(source);
+        check(source, severity);
+        check(source, severity);
+        changeSomething();
+        check(source, severity);
+        check(source, severity);
+        logger().popSource();
+        const LogSource& other = *vecSources[random() % vecSources.size()];
+        logger().pushSource(other);
+        check(other, severity);
+        logger().popSource();
+        if (HasFatalFailure()) {
+            FAIL() << "round " << nRound;
+        }
+    }
+    for (const Handle<RecordingWriter>& hWriter : vecPool) {
+        hWriter->setIsEnabled(true);
+    }
 }
 
 TEST_F(TmLoggerTest, RefusedGuardLeavesNothingEnabledFromAnEarlierGuard) {

@@ -20,6 +20,8 @@ bool LogWritersGroup::contains(int nId) const noexcept {
     return nId >= 0 && nId < kMaxWriterIds && m_arrIsInGroup[nId];
 }
 
+constinit std::atomic<std::uint64_t> logger_details::DispatchGeneration::s_nCount{0};
+
 LogFilter::LogFilter() noexcept {
     for (std::atomic<std::int64_t>& nMax : m_arrMaxAccepted) {
         nMax.store(-1, std::memory_order_relaxed);
@@ -70,6 +72,7 @@ void LogFilter::refreshSummary() noexcept {
         }
         m_arrMaxAccepted[nType].store(nMax, std::memory_order_relaxed);
     }
+    logger_details::DispatchGeneration::advance();
 }
 
 LogFilter::LogFilter(WalkAlwaysTag) noexcept : LogFilter() {

@@ -146,4 +146,22 @@ private:
     std::array<AtomicLevels, kMaxWriterIds> m_logLevels;
 };
 
+namespace logger_details {
+
+// Counts the changes to what decides which writers take a message, process-wide: a threshold
+// set (every change of a filter's thresholds ends by advancing it), a writer enabled, disabled
+// or retired. A thread that remembers a guard's answer gives it again only while this count
+// has not moved (LogWriters). The count is advanced after the change is stored, with release,
+// and read with acquire before a walk: an answer remembered from a walk that raced with a
+// change carries the count from before the change and is not given again once it completes.
+class DispatchGeneration {
+public:
+    static std::uint64_t current() noexcept { return s_nCount.load(std::memory_order_acquire); }
+    static void advance() noexcept { s_nCount.fetch_add(1, std::memory_order_release); }
+
+private:
+    static std::atomic<std::uint64_t> s_nCount;
+};
+
+}  // namespace logger_details
 }  // namespace kiv

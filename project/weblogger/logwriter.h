@@ -71,6 +71,8 @@ public:
     bool isEnabled() const noexcept { return m_bIsEnabled.load(std::memory_order_acquire); }
     void setIsEnabled(bool bEnabled) noexcept {
         m_bIsEnabled.store(bEnabled, std::memory_order_release);
+        // Guards that remembered an answer with or without this writer walk again.
+        logger_details::DispatchGeneration::advance();
     }
     WriterSynchro& getWriterSynchro() const noexcept { return m_tCs; }
 

@@ -4,6 +4,7 @@
 #include <iterator>
 #include <vector>
 
+#include "weblogger/logfilter.h"
 #include "weblogger/logsource.h"
 #include "weblogger/logwriter.h"
 #include "weblogger/logwritersman.h"
@@ -45,18 +46,23 @@ void LogWriters::keepForEnabled(Handle<LogWriter>& hWriter) {
 }
 
 void LogWriters::syncGlobalWriters() {
+    m_guardAnswer.forget();
     keepForEnabled(m_LogWritersGlobal);
     AtomicEntity<int> version;
     m_pRegistry->getWriters(m_LogWritersGlobal, version);
     m_GlobalWritersVersion.store(version.get(), std::memory_order_relaxed);
 }
 
-void LogWriters::bringGlobalWritersUpToDate() {
+inline void LogWriters::bringGlobalWritersUpToDate() {
+    if (m_pRegistry->getVersion() != m_GlobalWritersVersion.load(std::memory_order_relaxed))
+        [[unlikely]] {
+        syncIfGlobalWritersStale();
+    }
+}
+
+void LogWriters::syncIfGlobalWritersStale() {
     logger_details::LogWritersMan& registry = *m_pRegistry;
     const int nMine = m_GlobalWritersVersion.load(std::memory_order_relaxed);
-    if (registry.getVersion() == nMine) {
-        return;
-    }
     // Confirm under the registry's lock, then copy after releasing it: the copy takes the lock
     // again itself, and a change that races with it is seen at the next version change.
     bool bStale;
@@ -70,10 +76,12 @@ void LogWriters::bringGlobalWritersUpToDate() {
 }
 
 void LogWriters::addLocalWriter(LogWriter* pWriter) {
+    m_guardAnswer.forget();
     m_LogWritersLocal.emplace_back(pWriter);
 }
 
 void LogWriters::removeLocalWriter(LogWriter* pWriter) {
+    m_guardAnswer.forget();
     const auto it =
         std::find_if(m_LogWritersLocal.begin(), m_LogWritersLocal.end(),
                      [pWriter](const Handle<LogWriter>& h) { return h.get() == pWriter; });
@@ -89,6 +97,7 @@ void LogWriters::clearEnabledWriters() noexcept {
 }
 
 void LogWriters::clearLocalWriters() {
+    m_guardAnswer.forget();
     keepForEnabled(m_LogWritersLocal);
     m_LogWritersLocal.clear();
 }
@@ -98,11 +107,13 @@ void LogWriters::getLocalWriters(LogWritersList& list) const {
 }
 
 void LogWriters::appendLocalWriters(const LogWritersList& list) {
+    m_guardAnswer.forget();
     m_LogWritersLocal.insert(m_LogWritersLocal.end(), list.begin(), list.end());
 }
 
 void LogWriters::setLocalWriters(const LogWritersList& list) {
     LogWritersList copy(list);
+    m_guardAnswer.forget();
     keepForEnabled(m_LogWritersLocal);
     m_LogWritersLocal.swap(copy);
 }
@@ -174,17 +185,30 @@ void LogWriters::waitForReplacementAndSync() {
 
 bool LogWriters::calcEnabledWriters(const LogSeverity& severity, const LoggerState& state) {
     bringGlobalWritersUpToDate();
+    clearEnabledWriters();
+    const LogSource* pSource = state.getCurSource();
+    const std::uint64_t nSourceSerial = pSource != nullptr ? pSource->getSerial() : 0;
+    // Read before the walk: a change that completes during it moves the count on, and the
+    // answer kept below is then not given again.
+    const std::uint64_t nGeneration = logger_details::DispatchGeneration::current();
+    if (pSource != nullptr && m_guardAnswer.answers(nSourceSerial, severity, nGeneration))
+        [[likely]] {
+        m_guardAnswer.giveTo(m_vecEnabledWriters);
+        return !m_vecEnabledWriters.empty();
+    }
     const auto collect = [this](const Handle<LogWriter>& hWriter) {
         m_vecEnabledWriters.push_back(hWriter.get());
     };
-    clearEnabledWriters();
     // Meeting a retired writer means the writers are being replaced: wait for the new ones.
-    for (int nAttempt = 0;
-         forEachAcceptingWriter(severity, state, collect) && nAttempt < kMaxReplacementWaits;
-         ++nAttempt) {
+    bool bRetiredMet = forEachAcceptingWriter(severity, state, collect);
+    for (int nAttempt = 0; bRetiredMet && nAttempt < kMaxReplacementWaits; ++nAttempt) {
         // Emptied first: the writers just found need not outlive the old copy.
         clearEnabledWriters();
         waitForReplacementAndSync();
+        bRetiredMet = forEachAcceptingWriter(severity, state, collect);
+    }
+    if (pSource != nullptr && !bRetiredMet) {
+        m_guardAnswer.keep(nSourceSerial, severity, nGeneration, m_vecEnabledWriters);
     }
     return !m_vecEnabledWriters.empty();
 }

@@ -23,11 +23,22 @@
 // list is not empty (a new copy of the global writers, a local writer removed) is kept in
 // m_keptForEnabled until then.
 //
+// Remembered answer: a guard's walk asks every writer and the source's filter; the thread then
+// keeps the answer (GuardAnswer) and gives it again, without walking, to the next guard for
+// the same source and severity while nothing the walk read has changed: the thread's writer
+// lists (any change forgets the answer), the global writers' version, and the process-wide
+// DispatchGeneration (thresholds, writers enabled, disabled or retired). A walk that met a
+// retired writer is not remembered.
+//
 // Threads: a LogWriters belongs to one thread's logger and takes no lock of its own; it takes
 // the registry's monitor only to copy the global list and to wait for a replacement.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "weblogger/commonseverities.h"
@@ -61,6 +72,54 @@ public:
 
     LogWritersList m_list;
 };
+
+namespace logger_details {
+
+// The writers one guard's walk enabled, for a source (by its serial number, which is never
+// reused) and a severity, as of one DispatchGeneration count. Up to kMaxWriters writers; a
+// walk that enabled more is not kept.
+class GuardAnswer {
+public:
+    static constexpr std::size_t kMaxWriters = 4;
+
+    bool answers(std::uint64_t nSourceSerial, const LogSeverity& severity,
+                 std::uint64_t nGeneration) const noexcept {
+        return m_bKept && m_nGeneration == nGeneration && m_nSourceSerial == nSourceSerial &&
+               m_dwImportance == severity.m_dwImportance && m_nType == severity.m_nType;
+    }
+    void keep(std::uint64_t nSourceSerial, const LogSeverity& severity, std::uint64_t nGeneration,
+              const EnabledWritersList& writers) noexcept {
+        m_bKept = writers.size() <= kMaxWriters;
+        if (!m_bKept) {
+            return;
+        }
+        m_nSourceSerial = nSourceSerial;
+        m_dwImportance = severity.m_dwImportance;
+        m_nType = severity.m_nType;
+        m_nGeneration = nGeneration;
+        m_nWriters = writers.size();
+        std::copy(writers.begin(), writers.end(), m_arrWriters.begin());
+    }
+    void forget() noexcept { m_bKept = false; }
+    // Appends the kept writers (the list has room for kMaxWriters: no allocation). Nearly
+    // always one or two: a loop costs less than a range insert.
+    void giveTo(EnabledWritersList& writers) const {
+        for (std::size_t i = 0; i < m_nWriters; ++i) {
+            writers.push_back(m_arrWriters[i]);
+        }
+    }
+
+private:
+    bool m_bKept = false;
+    LogSeverity::MsgType m_nType = LogSeverity::SV_ERROR;
+    std::uint64_t m_dwImportance = 0;
+    std::uint64_t m_nSourceSerial = 0;
+    std::uint64_t m_nGeneration = 0;
+    std::size_t m_nWriters = 0;
+    std::array<LogWriter*, kMaxWriters> m_arrWriters{};
+};
+
+}  // namespace logger_details
 
 // The writer set of one thread.
 class LogWriters : public RefCountedBaseTemplate<MemAllocNewdel> {
@@ -100,7 +159,9 @@ private:
     // that the change will drop are kept until the enabled list is emptied.
     void keepForEnabled(LogWritersList& list);
     void keepForEnabled(Handle<LogWriter>& hWriter);
+    // One relaxed load and a compare while the registry's version has not moved.
     void bringGlobalWritersUpToDate();
+    [[gnu::noinline]] void syncIfGlobalWritersStale();
     static bool accepts(const LogWriter& writer, const LogSeverity& severity,
                         const LoggerState& state, const LogSource& source);
     // Calls onAccepted for every accepting writer; true when a retired writer was met (the
@@ -129,6 +190,7 @@ private:
     LogWritersList m_LogWritersGlobal;
     EnabledWritersList m_vecEnabledWriters;
     LogWritersList m_keptForEnabled;
+    logger_details::GuardAnswer m_guardAnswer;
     CacheLineGap m_tGapAfter;
 };
 
