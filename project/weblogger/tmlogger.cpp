@@ -162,7 +162,10 @@ private:
 };
 
 TmLogger::TmLogger()
-    : m_hLogWriters(new LogWriters), m_bInLogCall(false), m_pGuardFilter(&LogFilter::walkAlways()) {
+    : m_hLogWriters(new LogWriters),
+      m_bInLogCall(false),
+      m_pGuardFilter(&LogFilter::walkAlways()),
+      m_pWalkAlways(m_pGuardFilter) {
     m_hLogWriters->syncGlobalWriters();
     logger_details::LogWritersMan::armShutdown();
     {
@@ -322,8 +325,8 @@ bool TmLogger::calcEnabledWritersByWalk(const LogSeverity& severity) {
 
 void TmLogger::refreshGuardFilter() noexcept {
     const LogSource* pSource = m_logState.getCurSource();
-    m_pGuardFilter = m_bGuardEnabledWriters || pSource == nullptr ? &LogFilter::walkAlways()
-                                                                  : &pSource->getLogFilter();
+    m_pGuardFilter =
+        m_bGuardEnabledWriters || pSource == nullptr ? m_pWalkAlways : &pSource->getLogFilter();
 }
 
 void TmLogger::logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,

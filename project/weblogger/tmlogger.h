@@ -209,6 +209,9 @@ private:
     bool m_bGuardEnabledWriters = false;
     // The filter whose summary the inline guard reads (see refreshGuardFilter).
     const LogFilter* m_pGuardFilter;
+    // LogFilter::walkAlways(), looked up once: every guard that enables a writer points the
+    // inline guard at it.
+    const LogFilter* const m_pWalkAlways;
     // True while the thread is inside a log call; read by the shutdown from another thread.
     std::atomic<bool> m_bInGate{false};
     // The list of live loggers (see the top of this file).
