@@ -5,7 +5,9 @@
 #include "weblogger/internal/messagewriter.h"
 
 #include <array>
+#include <bit>
 #include <concepts>
+#include <cstring>
 #include <cwchar>
 #include <memory>
 
@@ -81,9 +83,46 @@ private:
         Writer::write(m_pOut, text.data(), text.size());
     }
 
-    // Two digits a division from a table of the hundred pairs "00" to "99", last digit first,
-    // into a local buffer that goes to the stream in one write.
+    // The digits go straight into the stream's room where it has room to give (the file's
+    // record), else through a local buffer in one write.
     void writeDecimal(std::uint64_t n, bool bNegative) {
+        const std::size_t nBytes = decimalDigits(n) + (bNegative ? 1 : 0);
+        if constexpr (WritesInPlace<Stream>) {
+            char* const pStart = m_pOut->reserve(nBytes);
+            writeDigitsBackward(pStart + nBytes, n);
+            if (bNegative) {
+                *pStart = '-';
+            }
+            m_pOut->commit(nBytes);
+        } else {
+            char arrText[24];
+            writeDigitsBackward(arrText + nBytes, n);
+            if (bNegative) {
+                arrText[0] = '-';
+            }
+            m_pOut->write(arrText, nBytes);
+        }
+    }
+    // The bit width times log10(2) (1233 / 4096) is the digit count or one less; one compare
+    // with a power of ten settles which. (n | 1 counts 0 as one digit.)
+    static std::size_t decimalDigits(std::uint64_t n) noexcept {
+        static constexpr std::array<std::uint64_t, 20> kPowersOfTen = [] {
+            std::array<std::uint64_t, 20> arrPowers{};
+            std::uint64_t nPower = 1;
+            for (std::uint64_t& nEntry : arrPowers) {
+                nEntry = nPower;
+                nPower *= 10;
+            }
+            return arrPowers;
+        }();
+        const std::uint64_t nAtLeastOne = n | 1;
+        const std::size_t nBelow =
+            (static_cast<std::size_t>(std::bit_width(nAtLeastOne)) * 1233) >> 12;
+        return nBelow + (nAtLeastOne >= kPowersOfTen[nBelow] ? 1 : 0);
+    }
+    // Two digits a division from a table of the hundred pairs "00" to "99", last digit first,
+    // ending just before pEnd.
+    static void writeDigitsBackward(char* pEnd, std::uint64_t n) noexcept {
         static constexpr std::array<char, 200> kDigitPairs = [] {
             std::array<char, 200> arrPairs{};
             for (std::size_t i = 0; i < 100; ++i) {
@@ -92,8 +131,6 @@ private:
             }
             return arrPairs;
         }();
-        char arrText[24];
-        char* const pEnd = arrText + sizeof(arrText);
         char* p = pEnd;
         while (n >= 100) {
             const std::size_t nPair = static_cast<std::size_t>(n % 100);
@@ -102,15 +139,10 @@ private:
             std::memcpy(p, kDigitPairs.data() + 2 * nPair, 2);
         }
         if (n >= 10) {
-            p -= 2;
-            std::memcpy(p, kDigitPairs.data() + 2 * n, 2);
+            std::memcpy(p - 2, kDigitPairs.data() + 2 * n, 2);
         } else {
-            *--p = static_cast<char>('0' + n);
+            p[-1] = static_cast<char>('0' + n);
         }
-        if (bNegative) {
-            *--p = '-';
-        }
-        m_pOut->write(p, static_cast<std::size_t>(pEnd - p));
     }
 
     Stream* m_pOut;
