@@ -350,6 +350,47 @@ TEST_F(MessageWriterTest, AsUtf8ANumberInsertOfEveryLengthIsWrittenWhole) {
     }
 }
 
+TEST_F(MessageWriterTest, FixedTextEndingALineIsWrittenAsTheRecordsWouldBe) {
+    // The file writer's renderer writes the fixed text that ends a format (a line break, a
+    // closing bracket) in one piece: the bytes must be those of the records one by one, for
+    // every shape of ending.
+    m_state.pushSource(*m_one);
+    const GDString tmpl(L"got %1");
+    const GDUInteger64 count(7);
+    const char* const arrFormats[] = {
+        "<Format>[<MsgType/>] <MessageText/><LineBreak/></Format>",
+        "<Format><MessageText/> \xc2\xbb<LineBreak/><LineBreak/>end\xe2\x82\xac</Format>",
+        "<Format><MessageText/></Format>",
+        "<Format>only text<LineBreak/></Format>",
+        "<Format>[<MsgType/>]<LineBreak/></Format>",
+        "<Format><MessageText/> <CurrentLogSource/><LineBreak/></Format>",
+        "<Format>(<MessageText/>)<LineBreak/></Format>",
+    };
+    for (const char* pszFormat : arrFormats) {
+        for (const auto nEncoding :
+             {CompiledMsgFormat::kEncodingPlain, CompiledMsgFormat::kEncodingXml}) {
+            const XmlDocument format = XmlDocument::parseString(std::string_view(pszFormat));
+            auto* pWideFormat = new CompiledMsgFormat;
+            MessageFormatLoader::loadFormat(*pWideFormat, *format.getDocumentElement(), nEncoding);
+            const auto hWide = WideFactory::createMessageWriter(pWideFormat, true);
+            auto* pRecordFormat = new CompiledMsgFormat;
+            MessageFormatLoader::loadFormat(*pRecordFormat, *format.getDocumentElement(),
+                                            nEncoding);
+            const auto hRecord =
+                MessageWriterFactory<RecordBuffer, Utf8InPlaceAdaptor>::createMessageWriter(
+                    pRecordFormat, true);
+            StringBufferTemplate<512, wchar_t> wide;
+            hWide->msg_log(kSevInfo, ReferentialParameterizedMessage(tmpl, count), m_state, nullptr,
+                           &wide);
+            RecordBuffer record;
+            hRecord->msg_log(kSevInfo, ReferentialParameterizedMessage(tmpl, count), m_state,
+                             nullptr, &record);
+            EXPECT_EQ(std::string(record.data(), record.size()), toUtf8(wide.view()).std())
+                << pszFormat;
+        }
+    }
+}
+
 // The clock of the line-head tests: a second the test moves on.
 std::time_t g_tMovingNow = kFixedTime;
 std::time_t movingClock() noexcept {

@@ -271,9 +271,42 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
             nFirst = m_nHeadRecords;
         }
     }
-    for (std::size_t i = nFirst; i < records.size(); ++i) {
+    const std::size_t nEnd = records.size() - m_nTailRecords;
+    for (std::size_t i = nFirst; i < nEnd; ++i) {
         writeRecord(*records[i], severity, message, state, pFileLocation, scratch, now, out);
     }
+    if constexpr (TakesUtf8Bytes<TextWriter>::value) {
+        if (!m_strTailUtf8.empty()) {
+            out->write(m_strTailUtf8.data(), m_strTailUtf8.size());
+        }
+    }
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+std::size_t MessageWriterImpl<Stream, TextWriter, ValueWriter>::countTailRecords(
+    const CompiledMsgFormat& format, std::size_t nHead) noexcept {
+    if constexpr (!TakesUtf8Bytes<TextWriter>::value) {
+        return 0;
+    }
+    std::size_t nTail = 0;
+    for (std::size_t i = format.m_records.size(); i > nHead; --i) {
+        if (format.m_records[i - 1]->m_nType != CompiledMsgFormat::kText) {
+            break;
+        }
+        ++nTail;
+    }
+    return nTail;
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+std::string MessageWriterImpl<Stream, TextWriter, ValueWriter>::joinTailText(
+    const CompiledMsgFormat& format, std::size_t nTail) {
+    std::string strTail;
+    for (std::size_t i = format.m_records.size() - nTail; i < format.m_records.size(); ++i) {
+        const auto& text = *static_cast<const CompiledMsgFormat::TextRecord*>(format.m_records[i]);
+        strTail.append(text.m_strUtf8.view());
+    }
+    return strTail;
 }
 
 template <class Stream, class TextWriter, class ValueWriter>
