@@ -11,13 +11,9 @@
 namespace kiv::logger_details {
 namespace {
 
-// The calling thread's scratch while it exists. Trivially destructible, so it is still there
-// while the thread's thread-specific values are destroyed.
-thread_local RenderScratch* t_pScratch = nullptr;
-
 void destroyScratch(RenderScratch* pScratch) {
-    if (t_pScratch == pScratch) {
-        t_pScratch = nullptr;
+    if (RenderScratch::t_pScratch == pScratch) {
+        RenderScratch::t_pScratch = nullptr;
     }
     delete pScratch;
 }
@@ -38,10 +34,7 @@ std::uint64_t nextMessageWriterSerial() noexcept {
     return s_nNext.fetch_add(1, std::memory_order_relaxed);
 }
 
-RenderScratch& RenderScratch::forThisThread() {
-    if (RenderScratch* pScratch = t_pScratch) [[likely]] {
-        return *pScratch;
-    }
+RenderScratch& RenderScratch::makeForThisThread() {
     RenderScratch& scratch = scratchSlot().getOrCreate();
     t_pScratch = &scratch;
     return scratch;

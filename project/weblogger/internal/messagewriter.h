@@ -167,8 +167,18 @@ private:
 // thread_local pointer, which costs far less than the thread-specific lookup behind it.
 struct RenderScratch : public MemAllocNewdel {
     // The calling thread's, made on first use. Throws when it cannot be made (no memory); the
-    // log call's entry point swallows that.
-    static RenderScratch& forThisThread();
+    // log call's entry point swallows that. Inline: the file writer and its renderer ask for
+    // it on every message.
+    static RenderScratch& forThisThread() {
+        if (RenderScratch* pScratch = t_pScratch) [[likely]] {
+            return *pScratch;
+        }
+        return makeForThisThread();
+    }
+    static RenderScratch& makeForThisThread();
+    // The calling thread's scratch while it exists. Trivially destructible, so it is still
+    // there while the thread's thread-specific values are destroyed.
+    static inline thread_local RenderScratch* t_pScratch = nullptr;
 
     CacheLineGap gapBefore;
     StringBufferTemplate<511, wchar_t> valueText;
