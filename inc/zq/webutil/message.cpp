@@ -299,6 +299,13 @@ bool PlainTemplate::textOf(const MessageBase& message, std::wstring_view& text) 
 }
 
 bool PlainTemplate::textOfTemplate(const GDValue& templateValue, std::wstring_view& text) noexcept {
+    // A string (the template of nearly every message) hands its text over in one call, written
+    // straight into text. Read back from a visitor's fields instead, the view's two halves,
+    // stored one by one, came back in one wide load that the processor could not forward
+    // from the stores: a stall on every message.
+    if (templateValue.kind() == GDValue::kKindString && templateValue.readyText(text)) {
+        return true;
+    }
     const GDValue* pTarget = templateValue.target();
     if (pTarget == nullptr) {
         return false;
