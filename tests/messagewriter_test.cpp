@@ -391,6 +391,16 @@ TEST_F(MessageWriterTest, FixedTextEndingALineIsWrittenAsTheRecordsWouldBe) {
     }
 }
 
+TEST_F(MessageWriterTest, ARecordIsStampedWithTheSecondItsLineShows) {
+    // The file writer takes its once-a-second check's time from the record.
+    const auto hRecord = MessageWriterFactory<RecordBuffer, Utf8InPlaceAdaptor>::compile(
+        XmlDocument::parseString(std::string_view("<Format><MessageText/></Format>"))
+            .getDocumentElement());
+    RecordBuffer record;
+    hRecord->msg_log(kSevInfo, GDString(L"x"), m_state, nullptr, &record);
+    EXPECT_EQ(record.getSecond(), kFixedTime);
+}
+
 // The clock of the line-head tests: a second the test moves on.
 std::time_t g_tMovingNow = kFixedTime;
 std::time_t movingClock() noexcept {

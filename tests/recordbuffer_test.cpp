@@ -33,6 +33,16 @@ TEST(RecordBufferTest, ANewBufferIsEmptyAndHoldsNoStorage) {
     EXPECT_EQ(record.capacity(), 0u);
 }
 
+TEST(RecordBufferTest, ASecondStampedOnARecordLastsUntilTheNextClear) {
+    RecordBuffer record;
+    EXPECT_EQ(record.getSecond(), RecordBuffer::kNoSecond);
+    record.setSecond(1774744205);
+    record.write("x", 1);
+    EXPECT_EQ(record.getSecond(), 1774744205);
+    record.clear();
+    EXPECT_EQ(record.getSecond(), RecordBuffer::kNoSecond);
+}
+
 TEST(RecordBufferTest, BytesAndWideTextFollowEachOtherAsUtf8) {
     RecordBuffer record;
     record.write("[", 1);

@@ -297,8 +297,11 @@ void FileLogWriter::logMessage(const LogSeverity& severity, const GDValue& messa
     if (!m_pMessageWriter.isNull()) {
         m_pMessageWriter->msg_log(severity, message, state, pLocation, &record);
     }
-    // Read before the lock: the lock covers what other threads touch, and the clock is not that.
-    const std::time_t tNow = clock::wallClockSeconds();
+    // The second the line was stamped with; read before the lock where the renderer gave none:
+    // the lock covers what other threads touch, and the clock is not that.
+    const std::time_t tNow = record.getSecond() != RecordBuffer::kNoSecond
+                                 ? record.getSecond()
+                                 : clock::wallClockSeconds();
     const WriteGuard guard(*this);
     if (!guard) {
         return;

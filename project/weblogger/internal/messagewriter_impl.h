@@ -266,6 +266,7 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
     const std::vector<Record*>& records = m_pformat->m_records;
     std::size_t nFirst = 0;
     if constexpr (kCachesLineHeads) {
+        out->setSecond(now);
         if (m_nHeadRecords != 0) {
             writeLineHead(severity, state, scratch, now, out);
             nFirst = m_nHeadRecords;

@@ -16,6 +16,8 @@
 
 #include <cstddef>
 #include <cstring>
+#include <ctime>
+#include <limits>
 #include <memory>
 
 #include "zq/webkeel/encoding.h"
@@ -84,6 +86,7 @@ public:
     // Empties the buffer for the next record.
     void clear() noexcept {
         m_nSize = 0;
+        m_tSecond = kNoSecond;
         if (m_nCapacity > kKeptBytes) [[unlikely]] {
             release();
         }
@@ -91,6 +94,12 @@ public:
     const char* data() const noexcept { return m_pBuffer.get(); }
     std::size_t size() const noexcept { return m_nSize; }
     std::size_t capacity() const noexcept { return m_nCapacity; }
+
+    // The wall-clock second the renderer stamped the record with, so that the file writer's
+    // once-a-second check needs no clock reading of its own; kNoSecond until one is set.
+    static constexpr std::time_t kNoSecond = std::numeric_limits<std::time_t>::min();
+    void setSecond(std::time_t tSecond) noexcept { m_tSecond = tSecond; }
+    std::time_t getSecond() const noexcept { return m_tSecond; }
 
 private:
     static constexpr std::size_t kMaxBytesPerChar = 4;
@@ -112,6 +121,7 @@ private:
     std::unique_ptr<char[]> m_pBuffer;
     std::size_t m_nSize = 0;
     std::size_t m_nCapacity = 0;
+    std::time_t m_tSecond = kNoSecond;
 };
 
 }  // namespace kiv
