@@ -352,8 +352,8 @@ TEST_F(MessageWriterTest, AsUtf8ANumberInsertOfEveryLengthIsWrittenWhole) {
 
 TEST_F(MessageWriterTest, FixedTextEndingALineIsWrittenAsTheRecordsWouldBe) {
     // The file writer's renderer writes the fixed text that ends a format (a line break, a
-    // closing bracket) in one piece: the bytes must be those of the records one by one, for
-    // every shape of ending.
+    // closing bracket; one record, since a format joins each run of text) in one piece: the
+    // bytes must be those the record writes, for every shape of ending.
     m_state.pushSource(*m_one);
     const GDString tmpl(L"got %1");
     const GDUInteger64 count(7);

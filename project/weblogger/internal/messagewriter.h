@@ -275,11 +275,11 @@ private:
     // How many leading records depend on nothing but the second, the zone, the severity and the
     // current source; 0 when fewer than two do (nothing to gain) or heads are not cached.
     static std::size_t countHeadRecords(const CompiledMsgFormat& format) noexcept;
-    // How many records at the end are fixed text after the first nHead; 0 where the text
-    // writer does not take UTF-8 as it is (it escapes or encodes on its own).
+    // 1 when the last record is fixed text after the first nHead, else 0; 0 too where the
+    // text writer does not take UTF-8 as it is (it escapes or encodes on its own).
     static std::size_t countTailRecords(const CompiledMsgFormat& format,
                                         std::size_t nHead) noexcept;
-    // The UTF-8 bytes of the last nTail records, one after the other.
+    // The UTF-8 bytes of the last nTail records (none or the last one).
     static std::string joinTailText(const CompiledMsgFormat& format, std::size_t nTail);
     // One record. now is the second the whole line is stamped with.
     [[gnu::always_inline]] void writeRecord(const Record& record, const LogSeverity& severity,
@@ -333,8 +333,8 @@ private:
     bool m_bDeleteFmt;
     const std::uint64_t m_nSerial;
     const std::size_t m_nHeadRecords;
-    // The last m_nTailRecords records are fixed text (the line break, a closing bracket) that
-    // follows the head: written as one piece, m_strTailUtf8, where the text goes as UTF-8.
+    // 1 when the last record is fixed text (the line break, a closing bracket) that follows
+    // the head: written as one piece, m_strTailUtf8, where the text goes as UTF-8.
     const std::size_t m_nTailRecords;
     const std::string m_strTailUtf8;
     WebTextMessageFormatter m_tMsgFormatter;

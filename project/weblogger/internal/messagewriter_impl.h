@@ -286,28 +286,24 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
 template <class Stream, class TextWriter, class ValueWriter>
 std::size_t MessageWriterImpl<Stream, TextWriter, ValueWriter>::countTailRecords(
     const CompiledMsgFormat& format, std::size_t nHead) noexcept {
-    if constexpr (!TakesUtf8Bytes<TextWriter>::value) {
-        return 0;
+    // A format keeps one record per run of text, so fixed text at the end is one record.
+    if constexpr (TakesUtf8Bytes<TextWriter>::value) {
+        return format.m_records.size() > nHead &&
+                       format.m_records.back()->m_nType == CompiledMsgFormat::kText
+                   ? 1
+                   : 0;
     }
-    std::size_t nTail = 0;
-    for (std::size_t i = format.m_records.size(); i > nHead; --i) {
-        if (format.m_records[i - 1]->m_nType != CompiledMsgFormat::kText) {
-            break;
-        }
-        ++nTail;
-    }
-    return nTail;
+    return 0;
 }
 
 template <class Stream, class TextWriter, class ValueWriter>
 std::string MessageWriterImpl<Stream, TextWriter, ValueWriter>::joinTailText(
     const CompiledMsgFormat& format, std::size_t nTail) {
-    std::string strTail;
-    for (std::size_t i = format.m_records.size() - nTail; i < format.m_records.size(); ++i) {
-        const auto& text = *static_cast<const CompiledMsgFormat::TextRecord*>(format.m_records[i]);
-        strTail.append(text.m_strUtf8.view());
+    if (nTail == 0) {
+        return std::string();
     }
-    return strTail;
+    const auto& text = *static_cast<const CompiledMsgFormat::TextRecord*>(format.m_records.back());
+    return std::string(text.m_strUtf8.view());
 }
 
 template <class Stream, class TextWriter, class ValueWriter>
