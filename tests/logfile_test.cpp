@@ -655,5 +655,195 @@ TEST(LogFileTest, ForgetBufferedDropsWithoutWritingOrCounting) {
     EXPECT_EQ(file.takeDroppedRecords(), 0u);
 }
 
+// Records of 100 bytes ("record 00042 ...\n"): 655 fill the buffer, the 656th is handed over.
+constexpr int kRecordsPerBuffer = 655;
+constexpr std::size_t kRecordBytes = 100;
+
+std::string numberedRecord(int n) {
+    std::string text = "record " + std::to_string(100000 + n).substr(1) + " ";
+    text.append(kRecordBytes - 1 - text.size(), '.');
+    text += '\n';
+    return text;
+}
+
+// Writes records nFirst to nFirst + nCount - 1 and returns their text.
+std::string writeRecords(LogFile& file, int nFirst, int nCount) {
+    std::string text;
+    for (int n = nFirst; n < nFirst + nCount; ++n) {
+        const std::string record = numberedRecord(n);
+        writeText(file, record);
+        file.endRecord();
+        text += record;
+    }
+    return text;
+}
+
+std::string expectedRecords(int nFirst, int nCount) {
+    std::string text;
+    for (int n = nFirst; n < nFirst + nCount; ++n) {
+        text += numberedRecord(n);
+    }
+    return text;
+}
+
+TEST(LogFileHandOffTest, FullBufferIsHandedOffAndReachesTheFileAheadOfEverythingAfterIt) {
+    TempDir dir;
+    const std::string path = dir.file("handoff.log");
+    LogFile file;
+    file.openTruncate(wide(path));
+    const std::string expected = writeRecords(file, 0, kRecordsPerBuffer + 1);
+    // Nobody took the write over: nothing is in the file yet, but its size counts it.
+    EXPECT_EQ(readFile(path), "");
+    EXPECT_EQ(file.getWrittenSize(), static_cast<long long>(kRecordsPerBuffer * kRecordBytes));
+    EXPECT_EQ(file.getFile().getKnownSize(), 0);
+    EXPECT_EQ(file.getBufferedBytes(), (kRecordsPerBuffer + 1) * kRecordBytes);
+    file.flush();
+    EXPECT_TRUE(readFile(path) == expected);
+    EXPECT_EQ(file.getWrittenSize(), static_cast<long long>(expected.size()));
+    EXPECT_EQ(file.getBufferedBytes(), 0u);
+}
+
+TEST(LogFileHandOffTest, HandOffsNobodyTookOverAreWrittenInOrderByTheNextOne) {
+    TempDir dir;
+    const std::string path = dir.file("several.log");
+    LogFile file;
+    file.openTruncate(wide(path));
+    const std::string expected = writeRecords(file, 0, 5 * kRecordsPerBuffer + 7);
+    // Five hand-offs: the first four are in the file, each written by the next; the fifth
+    // waits. (Compared as a whole: a mismatch would print half a megabyte.)
+    EXPECT_TRUE(readFile(path) == expected.substr(0, 4 * kRecordsPerBuffer * kRecordBytes));
+    EXPECT_EQ(file.getBufferedBytes(), (kRecordsPerBuffer + 7) * kRecordBytes);
+    file.close();
+    EXPECT_TRUE(readFile(path) == expected);
+}
+
+TEST(LogFileHandOffTest, DeferredWriteWritesTheHandedOffBufferWhenItEnds) {
+    TempDir dir;
+    const std::string path = dir.file("deferred.log");
+    LogFile file;
+    file.openTruncate(wide(path));
+    std::string expected;
+    {
+        LogFile::DeferredWrite deferred(file);
+        expected = writeRecords(file, 0, kRecordsPerBuffer);
+        deferred.takeOver();
+    }
+    // No hand-off: nothing to write.
+    EXPECT_EQ(readFile(path), "");
+    {
+        LogFile::DeferredWrite deferred(file);
+        expected += writeRecords(file, kRecordsPerBuffer, 1);
+        deferred.takeOver();
+        EXPECT_EQ(readFile(path), "");
+    }
+    EXPECT_TRUE(readFile(path) == expected.substr(0, kRecordsPerBuffer * kRecordBytes));
+    EXPECT_EQ(file.getBufferedBytes(), kRecordBytes);
+    file.flush();
+    EXPECT_TRUE(readFile(path) == expected);
+}
+
+TEST(LogFileHandOffTest, TrySettleWritesAHandOffNobodyTookOver) {
+    TempDir dir;
+    const std::string path = dir.file("settle.log");
+    LogFile file;
+    file.openTruncate(wide(path));
+    const std::string expected = writeRecords(file, 0, kRecordsPerBuffer + 1);
+    EXPECT_TRUE(file.trySettle());
+    EXPECT_TRUE(readFile(path) == expected.substr(0, kRecordsPerBuffer * kRecordBytes));
+    EXPECT_TRUE(file.writeOutWholeRecords());
+    EXPECT_TRUE(readFile(path) == expected);
+}
+
+// The handed-off write fails outside the lock: it leaves nothing torn in the file, and its
+// records stay ahead of the ones that came after it until the retry writes them all.
+TEST(LogFileHandOffTest, FailedHandedOffWriteKeepsItsRecordsAheadOfTheNewerOnes) {
+    TempDir dir;
+    const std::string path = dir.file("failed.log");
+    const int nCode = runWithFileSizeLimit(1000, [&]() -> int {
+        LogFile file;
+        file.openTruncate(wide(path));
+        {
+            LogFile::DeferredWrite deferred(file);
+            writeRecords(file, 0, kRecordsPerBuffer + 1);
+            deferred.takeOver();
+        }
+        // The write reached the limit part way and was cut back at once.
+        if (readFile(path) != "") {
+            return 1;
+        }
+        writeRecords(file, kRecordsPerBuffer + 1, 10);
+        // The failure is found when the file is next needed: stalled, nothing thrown.
+        file.flush();
+        if (!file.isStalled() || file.getStallErrno() != EFBIG || readFile(path) != "") {
+            return 2;
+        }
+        if (!liftFileSizeLimit() || !file.retryWrite() || file.isStalled()) {
+            return 3;
+        }
+        file.flush();
+        return file.takeDroppedRecords() == 0 ? 0 : 4;
+    });
+    EXPECT_EQ(nCode, 0);
+    EXPECT_TRUE(readFile(path) == expectedRecords(0, kRecordsPerBuffer + 11));
+}
+
+// A stalled file keeps at most its two buffers; what it cannot write when it is closed is
+// dropped and counted, the records of both buffers included.
+TEST(LogFileHandOffTest, StalledFileClosedCountsTheRecordsOfBothBuffers) {
+    TempDir dir;
+    const std::string path = dir.file("closed.log");
+    constexpr int kWritten = 3 * kRecordsPerBuffer;
+    const int nCode = runWithFileSizeLimit(1000, [&]() -> int {
+        LogFile file;
+        file.openTruncate(wide(path));
+        writeRecords(file, 0, kWritten);
+        if (!file.isStalled()) {
+            return 1;
+        }
+        // The second buffer filled up again: the records that did not fit are gone already.
+        const std::uint64_t nDroppedWhileStalled = file.takeDroppedRecords();
+        if (nDroppedWhileStalled != kWritten - 2 * kRecordsPerBuffer) {
+            return 2;
+        }
+        try {
+            file.close();
+            return 3;
+        } catch (const FileException& e) {
+            if (e.getErrno() != EFBIG) {
+                return 4;
+            }
+        }
+        return file.takeDroppedRecords() == 2 * kRecordsPerBuffer ? 0 : 5;
+    });
+    EXPECT_EQ(nCode, 0);
+    EXPECT_EQ(readFile(path), "");
+}
+
+TEST(LogFileHandOffTest, DetachedFileGivesHeldRecordsToTheNextFileFirst) {
+    TempDir dir;
+    const std::string first = dir.file("first.log");
+    const std::string second = dir.file("second.log");
+    const int nCode = runWithFileSizeLimit(1000, [&]() -> int {
+        LogFile file;
+        file.openTruncate(wide(first));
+        writeRecords(file, 0, kRecordsPerBuffer + 1);
+        file.flush();
+        if (!file.isStalled()) {
+            return 1;
+        }
+        file.detach();
+        if (!liftFileSizeLimit()) {
+            return 2;
+        }
+        file.openTruncate(wide(second));
+        writeRecords(file, kRecordsPerBuffer + 1, 3);
+        file.close();
+        return file.takeDroppedRecords() == 0 ? 0 : 3;
+    });
+    EXPECT_EQ(nCode, 0);
+    EXPECT_EQ(readFile(first), "");
+    EXPECT_TRUE(readFile(second) == expectedRecords(0, kRecordsPerBuffer + 4));
+}
+
 }  // namespace
 }  // namespace kiv

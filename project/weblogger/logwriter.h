@@ -15,7 +15,9 @@
 // own; a writer never takes the registry's monitor while it holds its own lock. A writer that
 // has written is also on the process-wide list of live writers (through which flushAll and the
 // library's shutdown reach writers that are not global); that list's lock is taken last (at the
-// first write, under the writer's lock) and nothing is taken while it is held.
+// first write, under the writer's lock) and nothing is taken while it is held. A file writer's
+// file has an I/O lock of its own, taken under the writer's lock or by a thread writing a full
+// buffer after releasing it, which then holds nothing else (logfile.h).
 #pragma once
 
 #include <cstdint>

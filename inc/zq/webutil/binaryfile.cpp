@@ -166,34 +166,42 @@ long long BinaryFile::getPosition(OnError nOnError) const {
     return static_cast<long long>(nPos);
 }
 
-bool BinaryFile::writeBytes(const void* p, unsigned long n, unsigned long& nWritten,
-                            OnError nOnError) {
+int BinaryFile::writeAll(int nFd, const void* p, unsigned long n,
+                         unsigned long& nWritten) noexcept {
     nWritten = 0;
-    if (m_nFd < 0) {
-        return fail(L"write to file", EBADF, nOnError);
-    }
     const char* pBytes = static_cast<const char*>(p);
     while (nWritten < n) {
         unsigned long nChunk = n - nWritten;
         if (nChunk > static_cast<unsigned long>(SSIZE_MAX)) {
             nChunk = static_cast<unsigned long>(SSIZE_MAX);
         }
-        const ssize_t nDone = ::write(m_nFd, pBytes + nWritten, nChunk);
+        const ssize_t nDone = ::write(nFd, pBytes + nWritten, nChunk);
         if (nDone < 0) {
             if (errno == EINTR) {
                 continue;
             }
-            return fail(L"write to file", errno, nOnError);
+            return errno;
         }
         if (nDone == 0) {
             // write(2) returning 0 for a non-empty request would make this loop spin forever.
-            return fail(L"write to file", EIO, nOnError);
+            return EIO;
         }
         nWritten += static_cast<unsigned long>(nDone);
-        m_nKnownPosition += nDone;
-        if (m_nKnownPosition > m_nKnownSize) {
-            m_nKnownSize = m_nKnownPosition;
-        }
+    }
+    return 0;
+}
+
+bool BinaryFile::writeBytes(const void* p, unsigned long n, unsigned long& nWritten,
+                            OnError nOnError) {
+    nWritten = 0;
+    if (m_nFd < 0) {
+        return fail(L"write to file", EBADF, nOnError);
+    }
+    const int nErrno = writeAll(m_nFd, p, n, nWritten);
+    // What reached the file counts, also when the write failed part way.
+    advanceKnownPosition(nWritten);
+    if (nErrno != 0) {
+        return fail(L"write to file", nErrno, nOnError);
     }
     return true;
 }
@@ -225,16 +233,24 @@ long long BinaryFile::getSize(OnError nOnError) const {
     return static_cast<long long>(st.st_size);
 }
 
+int BinaryFile::cutAt(int nFd, long long nSize) noexcept {
+    int nResult;
+    do {
+        nResult = ::ftruncate(nFd, static_cast<off_t>(nSize));
+    } while (nResult < 0 && errno == EINTR);
+    if (nResult < 0 || ::lseek(nFd, static_cast<off_t>(nSize), SEEK_SET) < 0) {
+        return errno;
+    }
+    return 0;
+}
+
 bool BinaryFile::truncate(long long nSize, OnError nOnError) {
     if (m_nFd < 0) {
         return fail(L"truncate file", EBADF, nOnError);
     }
-    int nResult;
-    do {
-        nResult = ::ftruncate(m_nFd, static_cast<off_t>(nSize));
-    } while (nResult < 0 && errno == EINTR);
-    if (nResult < 0 || ::lseek(m_nFd, static_cast<off_t>(nSize), SEEK_SET) < 0) {
-        return fail(L"truncate file", errno, nOnError);
+    const int nErrno = cutAt(m_nFd, nSize);
+    if (nErrno != 0) {
+        return fail(L"truncate file", nErrno, nOnError);
     }
     m_nKnownSize = nSize;
     m_nKnownPosition = nSize;

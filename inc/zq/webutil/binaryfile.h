@@ -101,6 +101,24 @@ public:
     long long getKnownPosition() const noexcept { return m_nKnownPosition; }
     // Cuts the file to nSize bytes and goes on writing there.
     bool truncate(long long nSize, OnError nOnError);
+
+    // Bytes that another thread writes through this file's descriptor with writeAll, counted
+    // as written: the known position moves on by n (and the known size with it, when the
+    // position passes it). The owner calls it under its own serialisation, as any other call.
+    void advanceKnownPosition(unsigned long n) noexcept {
+        m_nKnownPosition += static_cast<long long>(n);
+        if (m_nKnownPosition > m_nKnownSize) {
+            m_nKnownSize = m_nKnownPosition;
+        }
+    }
+    // The system calls behind writeBytes and truncate, on a bare descriptor, touching no
+    // BinaryFile: for a thread that writes through a descriptor its owner keeps open meanwhile.
+    // They allocate nothing and take no lock. Each returns 0 or the errno value of the failure.
+    // writeAll writes all n bytes, resuming after partial writes and interrupted calls; nWritten
+    // says how many reached the file. cutAt cuts the file to nSize bytes and moves the offset
+    // there.
+    static int writeAll(int nFd, const void* p, unsigned long n, unsigned long& nWritten) noexcept;
+    static int cutAt(int nFd, long long nSize) noexcept;
     // Sets the permission bits exactly (fchmod), whatever the umask did at creation.
     bool setMode(unsigned nMode, OnError nOnError);
 

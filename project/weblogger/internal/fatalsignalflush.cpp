@@ -191,6 +191,17 @@ void flushWriters(const SignalTexts* pTexts) noexcept {
         if (!file.isOpen()) {
             continue;
         }
+        // A full buffer another thread is writing after the lock's release must be in the
+        // file before anything else goes there.
+        bool bSettled = file.trySettle();
+        for (int nTry = 1; !bSettled && nTry < kLockTries; ++nTry) {
+            sleepOneMillisecond();
+            bSettled = file.trySettle();
+        }
+        if (!bSettled) {
+            ++nSkipped;
+            continue;
+        }
         file.writeOutWholeRecords();
         if (pTexts != nullptr) {
             file.writeDirect(pTexts->line.arrBytes, pTexts->line.nBytes);

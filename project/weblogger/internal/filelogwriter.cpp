@@ -302,6 +302,8 @@ void FileLogWriter::logMessage(const LogSeverity& severity, const GDValue& messa
     const std::time_t tNow = record.getSecond() != RecordBuffer::kNoSecond
                                  ? record.getSecond()
                                  : clock::wallClockSeconds();
+    // Destroyed after the guard: a full buffer handed off under the lock is written after it.
+    LogFile::DeferredWrite deferred(m_CurFile);
     const WriteGuard guard(*this);
     if (!guard) {
         return;
@@ -331,6 +333,7 @@ void FileLogWriter::logMessage(const LogSeverity& severity, const GDValue& messa
         if (m_bAutoFlush) {
             m_CurFile.flush();
         }
+        deferred.takeOver();
     } catch (const FileException&) {
         // The file kept or counted the message; it is stalled now and says why.
         m_CurFile.discardRecord();

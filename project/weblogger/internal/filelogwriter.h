@@ -57,6 +57,9 @@
 // caller's state, the compiled format and the thread's own scratch, nothing the lock guards.
 // The lock is then held for everything that touches the file: the once-a-second checks, the
 // rotation, the copy of the whole record into the file's buffer, its record end and the flush.
+// A buffer that fills up is handed off and written after the lock is released, by the thread
+// whose record did not fit (LogFile's Hand-off): the file still receives the records in the
+// order of their copies, since the file settles that write before anything else reaches it.
 // So two threads logging to one writer render at the same time, and what the lock still
 // guarantees is unchanged: a record reaches the file whole, never interleaved with another, and
 // the records of one writer are in the order in which their threads took its lock. (A record's
@@ -160,9 +163,9 @@ private:
                         unsigned filesN, std::uint64_t nLimit, bool autoFlush);
     bool isFileAtRotationPoint() {
         if (m_CurFile.isOpen() && m_eRotationType == kRotateBySize) [[likely]] {
-            // The size the file handle has written: bytes still in the buffer do not count
-            // yet. The handle keeps it up to date, so the test costs no system call.
-            return static_cast<std::uint64_t>(m_CurFile.getFile().getKnownSize()) >= m_lFileSizeMax;
+            // The size the file has been given, a handed-off buffer included: bytes still in
+            // the buffer do not count yet. Known without a system call.
+            return static_cast<std::uint64_t>(m_CurFile.getWrittenSize()) >= m_lFileSizeMax;
         }
         return isFileAtRotationTime();
     }

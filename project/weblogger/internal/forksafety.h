@@ -21,8 +21,9 @@
 //   with exit() runs the library's shutdown, which waits for log calls in progress.
 //
 // Lock order: the fork lock, then the writers' locks in slot order, each writer's lock after its
-// slot's pin, then the live-writers list's lock, then the live loggers' lock (nothing is taken
-// under either list lock). Taking them is safe
+// slot's pin (and its file's I/O lock taken and released under it, to wait for a full buffer
+// another thread is writing: that thread holds no other lock), then the live-writers list's lock,
+// then the live loggers' lock (nothing is taken under either list lock). Taking them is safe
 // against deadlock because no thread waits for a second writer's lock while it holds one, and a
 // writer's destructor (which waits for a pinned slot) holds no writer's lock. A writer being
 // destroyed while the prepare handler pins it cannot finish before the parent handler unpins it;

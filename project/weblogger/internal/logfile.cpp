@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
+#include <utility>
 
 #include "zq/webutil/filesystemutils.h"
 
@@ -124,14 +126,119 @@ void LogFile::writeOut(unsigned long n, bool bWholeRecords) {
     }
 }
 
+void LogFile::handOff() noexcept {
+    std::swap(m_pBuffer, m_pSpare);
+    m_nSpareBytes = m_nRecordEnd;
+    m_nSpareRecords = m_nRecordsBuffered;
+    m_nSpareStart = m_file.getKnownPosition();
+    m_nBytesHandedOff = m_nRecordEnd;
+    m_eSpare = SpareState::kHandedOff;
+    // The record in progress (if any) goes on in the other buffer.
+    const unsigned long nInProgress = m_nUsed - m_nRecordEnd;
+    if (nInProgress != 0) {
+        std::memcpy(m_pBuffer.get(), m_pSpare.get() + m_nRecordEnd, nInProgress);
+    }
+    m_nUsed = nInProgress;
+    m_nRecordEnd = 0;
+    m_nRecordsBuffered = 0;
+}
+
+bool LogFile::takeOverHandOff() noexcept {
+    // Never waits: a hand-off is only made once the previous one is settled, and a settle
+    // releases the lock it took.
+    m_ioLock.acquire();
+    m_eSpare = SpareState::kWriting;
+    return true;
+}
+
+void LogFile::writeTakenOver() noexcept {
+    m_nTakenOverErrno = writeSpare();
+    m_ioLock.release();
+}
+
+int LogFile::writeSpare() const noexcept {
+    unsigned long nWritten = 0;
+    const int nFd = m_file.getDescriptor();
+    const int nErrno = BinaryFile::writeAll(nFd, m_pSpare.get(), m_nSpareBytes, nWritten);
+    if (nErrno != 0 && nWritten != 0) {
+        // No torn record waits in the file until the failure is settled. Should the cut fail,
+        // the retry cuts before it writes anything.
+        BinaryFile::cutAt(nFd, m_nSpareStart);
+    }
+    return nErrno;
+}
+
+void LogFile::finishSpare(int nErrno) noexcept {
+    m_nBytesHandedOff = 0;
+    if (nErrno == 0) {
+        m_file.advanceKnownPosition(m_nSpareBytes);
+        m_nCleanEnd = m_file.getKnownPosition();
+        m_nSpareBytes = 0;
+        m_nSpareRecords = 0;
+        m_eSpare = SpareState::kFree;
+        return;
+    }
+    m_eSpare = SpareState::kHeld;
+    m_bStalled = true;
+    m_nStallErrno = nErrno;
+    // The file's own idea of its size and offset goes back to where the write began.
+    m_file.truncate(m_nSpareStart, BinaryFile::kReturnFalse);
+}
+
+void LogFile::settleSpare() noexcept {
+    switch (m_eSpare) {
+        case SpareState::kFree:
+            return;
+        case SpareState::kHandedOff:
+            // Nobody took it over: written here, still ahead of everything after it.
+            finishSpare(writeSpare());
+            return;
+        case SpareState::kWriting:
+            m_ioLock.acquire();
+            m_ioLock.release();
+            finishSpare(m_nTakenOverErrno);
+            return;
+        case SpareState::kHeld:
+            if (m_file.isOpen() && !m_bStalled) {
+                // A file that writes again (the retry cut it back, or a new file took over
+                // from a detached one) gets the held records first.
+                m_nSpareStart = m_file.getKnownPosition();
+                m_nBytesHandedOff = m_nSpareBytes;
+                finishSpare(writeSpare());
+            }
+            return;
+    }
+}
+
+bool LogFile::trySettle() noexcept {
+    if (m_eSpare == SpareState::kWriting) {
+        if (!m_ioLock.tryAcquire()) {
+            return false;
+        }
+        m_ioLock.release();
+    }
+    settle();
+    return true;
+}
+
 bool LogFile::makeRoom(unsigned long n) {
     while (kBufferSize - m_nUsed < n) {
+        settle();
         if (m_bStalled) {
             loseRecord();
             return false;
         }
         if (m_nRecordEnd > 0) {
-            writeOut(m_nRecordEnd, true);
+            // (A record partly in the file already is alone in the buffer: no record end.)
+            if (!m_pSpare) {
+                // Made at the first hand-off; without it the records are written here.
+                m_pSpare.reset(new (std::nothrow) char[kBufferSize]);
+            }
+            if (m_pSpare) {
+                handOff();
+            } else {
+                writeOut(m_nRecordEnd, true);
+            }
         } else {
             // One record larger than the buffer: its first part goes ahead of its end.
             writeOut(m_nUsed, false);
@@ -201,6 +308,7 @@ void LogFile::flush() {
         return;
     }
     endRecord();
+    settle();
     if (m_bStalled || m_nUsed == 0) {
         return;
     }
@@ -211,6 +319,7 @@ void LogFile::flush() {
 }
 
 bool LogFile::retryWrite() noexcept {
+    settle();
     if (!m_bStalled) {
         return true;
     }
@@ -219,6 +328,11 @@ bool LogFile::retryWrite() noexcept {
         return false;
     }
     m_bStalled = false;
+    // Records held from a failed hand-off go first.
+    settle();
+    if (m_bStalled) {
+        return false;
+    }
     if (m_nRecordEnd > 0) {
         writeOut(m_nRecordEnd, true);
     }
@@ -239,6 +353,7 @@ bool LogFile::writeOutWholeRecords() noexcept {
 }
 
 bool LogFile::writeDirect(const void* p, unsigned long n) noexcept {
+    settle();
     if (!m_file.isOpen() || m_bStalled) {
         return false;
     }
@@ -253,6 +368,11 @@ bool LogFile::writeDirect(const void* p, unsigned long n) noexcept {
 }
 
 void LogFile::forgetBuffered() noexcept {
+    // The fork handlers settled a handed-off write before the fork: none is in flight here.
+    m_eSpare = SpareState::kFree;
+    m_nSpareBytes = 0;
+    m_nSpareRecords = 0;
+    m_nBytesHandedOff = 0;
     m_nUsed = 0;
     m_nRecordEnd = 0;
     m_nRecordsBuffered = 0;
@@ -264,6 +384,7 @@ void LogFile::close() {
     if (!m_file.isOpen()) {
         return;
     }
+    settle();
     int nErrno = 0;
     try {
         endRecord();
@@ -278,7 +399,13 @@ void LogFile::close() {
     if (m_bStalled) {
         nErrno = m_nStallErrno;
         m_nDroppedRecords += m_nRecordsBuffered;
+        if (m_eSpare == SpareState::kHeld) {
+            m_nDroppedRecords += m_nSpareRecords;
+        }
     }
+    m_eSpare = SpareState::kFree;
+    m_nSpareBytes = 0;
+    m_nSpareRecords = 0;
     m_nUsed = 0;
     m_nRecordEnd = 0;
     m_nRecordsBuffered = 0;
@@ -291,6 +418,9 @@ void LogFile::close() {
 }
 
 void LogFile::detach() noexcept {
+    // A handed-off write goes where it was meant to; records held back from a failed one
+    // stay, for the next file.
+    settle();
     m_file.close(BinaryFile::kReturnFalse);
     startFile();
 }

@@ -18,21 +18,45 @@
 // - the records that were not written stay in the buffer, and the file is "stalled": nothing
 //   more is written (no system call per message) until retryWrite() succeeds. Records that
 //   arrive meanwhile are kept while the buffer has room and dropped, whole, when it has not;
-//   dropped records are counted (takeDroppedRecords). The buffer is all that is ever held.
+//   dropped records are counted (takeDroppedRecords). The two buffers (below) are all that is
+//   ever held.
 // A record that was partly written through when the write failed is dropped whole.
+//
+// Hand-off. A record that does not fit the buffer does not wait for the buffer to be written:
+// the buffer's whole records are handed off to a second buffer's place and the record goes into
+// the other, empty one. The caller that holds the writer's lock may take the handed-off write
+// over (DeferredWrite) and make it after releasing the lock, so that the write(2) of up to
+// 64 KiB no longer keeps the other threads from copying their records in; a hand-off nobody
+// takes over is written by the next call that needs the file. Order and wholeness hold as
+// before, because a handed-off buffer always reaches the file before anything written after
+// it: every call but write() and endRecord() first settles it (writes it, or waits for the
+// thread writing it), and no second hand-off is made while one is unsettled. A hand-off whose
+// write fails is cut back off the file like any failed write; its records stay, ahead of the
+// newer ones, and the file is stalled. The size the rotation check reads (getWrittenSize)
+// counts handed-off bytes as written, so files rotate at the same sizes as when the write
+// happened at once.
+//
+// Lock order: the writer's lock, then the file's I/O lock. The I/O lock is held by a thread
+// from the moment it takes a write over (under the writer's lock) until that write is done
+// (the writer's lock released meanwhile), and by a settle, under the writer's lock, only to
+// wait for it. The writing thread reads only the handed-off buffer, its length and start and
+// the descriptor, which nothing changes until the write is settled; it writes only the result
+// (under the I/O lock).
 //
 // Bytes are accepted only while the file is open (write() on a closed LogFile throws). The
 // buffer normally never holds bytes that would end up in the next file opened; detach() is the
 // one exception, for a file whose name vanished, so that what was not written yet goes to the
 // file that replaces it.
 //
-// Thread-safety: none of its own. A LogFile belongs to one writer, whose lock covers every call.
+// Thread-safety: none of its own, but for the deferred write. A LogFile belongs to one writer,
+// whose lock covers every call; DeferredWrite's destructor alone runs outside it.
 #pragma once
 
 #include <cstdint>
 #include <cstring>
 #include <memory>
 
+#include "zq/webkeel/criticalsection.h"
 #include "zq/webkeel/memalloc.h"
 #include "zq/webkeel/string.h"
 #include "zq/webutil/binaryfile.h"
@@ -43,11 +67,43 @@ class LogFile : public MemAllocNewdel {
 public:
     // 64 KiB: a rotated file of a few megabytes then costs a few dozen write(2) calls instead
     // of one per message when its writer does not flush after every message, while a server
-    // with a dozen file writers spends under a megabyte on buffers. It is also the most that a
-    // stalled file holds back.
+    // with a dozen file writers spends under a megabyte on buffers. The second buffer of a
+    // hand-off is made at the first hand-off, so a writer that flushes every message never
+    // has one. Twice this is the most that a stalled file holds back.
     static constexpr unsigned long kBufferSize = 64 * 1024;
     // The mode of a file that openTruncate creates, unless the caller gives one.
     static constexpr unsigned kDefaultFileMode = 0644;
+
+    // Makes, after the writer's lock is released, the write of a buffer handed off while it
+    // was held. Made before the lock is taken, so that it is destroyed after the lock's
+    // release:
+    //
+    //     LogFile::DeferredWrite deferred(file);
+    //     const WriteGuard guard(*this);
+    //     file.write(p, n);
+    //     file.endRecord();
+    //     deferred.takeOver();
+    class DeferredWrite {
+    public:
+        explicit DeferredWrite(LogFile& file) noexcept : m_file(file) {}
+        ~DeferredWrite() {
+            if (m_bTaken) [[unlikely]] {
+                m_file.writeTakenOver();
+            }
+        }
+        DeferredWrite(const DeferredWrite&) = delete;
+        DeferredWrite& operator=(const DeferredWrite&) = delete;
+        // Under the writer's lock: takes over the write of a buffer handed off under it.
+        void takeOver() noexcept {
+            if (m_file.m_eSpare == SpareState::kHandedOff) [[unlikely]] {
+                m_bTaken = m_file.takeOverHandOff();
+            }
+        }
+
+    private:
+        LogFile& m_file;
+        bool m_bTaken = false;
+    };
 
     LogFile();
     // Flushes an open file (swallowing a failure) and closes it.
@@ -122,6 +178,11 @@ public:
     // them; the record in progress stays. False when the file is closed or a write failed
     // (the records then stay, as with any failed write).
     bool writeOutWholeRecords() noexcept;
+    // For the crash handler, before writeOutWholeRecords: settles a handed-off write unless
+    // another thread is still making it (false then; the crash handler tries again a few times
+    // and otherwise leaves the file alone, since its bytes would land in the middle of that
+    // write's).
+    bool trySettle() noexcept;
     // Writes bytes straight to the file, past the buffer; the caller writes out the buffer
     // first. False when the file is closed or the write failed.
     bool writeDirect(const void* p, unsigned long n) noexcept;
@@ -145,13 +206,54 @@ public:
     // Flushes (which may throw), then waits until the data is on the disk. False when the file
     // is not open or the system could not make the data durable.
     bool sync();
-    // Bytes written and not yet handed to the file.
-    unsigned long getBufferedBytes() const noexcept { return m_nUsed; }
+    // Bytes written and not yet handed to the system: the buffer's, and the second buffer's
+    // while it waits for its write or holds records back after a failed one (not while a
+    // thread is writing it).
+    unsigned long getBufferedBytes() const noexcept {
+        const bool bWaiting = m_eSpare == SpareState::kHandedOff || m_eSpare == SpareState::kHeld;
+        return m_nUsed + (bWaiting ? m_nSpareBytes : 0);
+    }
+    // The size of the file once a handed-off write is made: what the rotation check compares
+    // with the limit, without a system call. Bytes still in the buffer do not count.
+    long long getWrittenSize() const noexcept {
+        const long long nSize = m_file.getKnownSize();
+        if (m_nBytesHandedOff == 0) [[likely]] {
+            return nSize;
+        }
+        const long long nEnd =
+            m_file.getKnownPosition() + static_cast<long long>(m_nBytesHandedOff);
+        return nEnd > nSize ? nEnd : nSize;
+    }
 
     const BinaryFile& getFile() const noexcept { return m_file; }
 
 private:
+    // What the second buffer holds.
+    enum class SpareState : unsigned char {
+        kFree,       // nothing
+        kHandedOff,  // whole records, for whoever settles or takes the write over
+        kWriting,    // whole records a thread is writing outside the writer's lock
+        kHeld,       // whole records whose write failed: they go first once the file writes
+    };
+
     void writeInPieces(const void* p, unsigned long n);
+    // Moves the buffer's whole records to the spare buffer's place as a write to be made.
+    void handOff() noexcept;
+    bool takeOverHandOff() noexcept;
+    void writeTakenOver() noexcept;
+    // Writes the spare buffer at the file's offset, cutting the file back to where it started
+    // when the write fails; 0 or the errno value. Touches nothing but the spare buffer and the
+    // descriptor, so it runs outside the writer's lock too.
+    int writeSpare() const noexcept;
+    // Applies the result of the spare buffer's write (under the writer's lock).
+    void finishSpare(int nErrno) noexcept;
+    // Brings the spare buffer to rest: written, or held by a stalled or closed file.
+    void settle() noexcept {
+        if (m_eSpare != SpareState::kFree) [[unlikely]] {
+            settleSpare();
+        }
+    }
+    void settleSpare() noexcept;
     // endRecord for a record that was lost, is empty, or is partly in the file already.
     void endUnusualRecord();
     // Room for n more bytes (n at most the buffer size): writes out what it can. False when
@@ -170,6 +272,18 @@ private:
     void startFile() noexcept;
 
     std::unique_ptr<char[]> m_pBuffer;
+    // The second buffer: free, or records ahead of m_pBuffer's (see SpareState).
+    std::unique_ptr<char[]> m_pSpare;
+    unsigned long m_nSpareBytes = 0;
+    std::uint64_t m_nSpareRecords = 0;
+    // The file offset at which the spare buffer's write starts.
+    long long m_nSpareStart = 0;
+    // The spare buffer's bytes while they are handed off or being written, 0 otherwise.
+    unsigned long m_nBytesHandedOff = 0;
+    SpareState m_eSpare = SpareState::kFree;
+    // The errno value of a taken-over write (0: written), under m_ioLock.
+    int m_nTakenOverErrno = 0;
+    CriticalSection m_ioLock{0, "LogFile I/O"};
     unsigned long m_nUsed = 0;
     // Buffered bytes up to the last record end.
     unsigned long m_nRecordEnd = 0;
