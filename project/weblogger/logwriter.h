@@ -80,7 +80,8 @@ public:
 
     // Takes the writer out of service because the configuration replaces it: marks it
     // retired, clears the enabled flag, then passes through the writer's lock, so that when it
-    // returns no write is in progress and none will start.
+    // returns no write is in progress and none will start. (A file writer's full buffer may
+    // still be on its way to the file, written after the lock; its flush waits for it.)
     void retire() noexcept;
     bool isRetired() const noexcept { return m_bRetired.load(std::memory_order_acquire); }
     // True (once) when a write on this thread was refused by a retired writer since the last
