@@ -143,12 +143,11 @@ void LogFile::handOff() noexcept {
     m_nRecordsBuffered = 0;
 }
 
-bool LogFile::takeOverHandOff() noexcept {
+void LogFile::takeOverHandOff() noexcept {
     // Never waits: a hand-off is only made once the previous one is settled, and a settle
     // releases the lock it took.
     m_ioLock.acquire();
     m_eSpare = SpareState::kWriting;
-    return true;
 }
 
 void LogFile::writeTakenOver() noexcept {
@@ -203,7 +202,6 @@ void LogFile::settleSpare() noexcept {
                 // A file that writes again (the retry cut it back, or a new file took over
                 // from a detached one) gets the held records first.
                 m_nSpareStart = m_file.getKnownPosition();
-                m_nBytesHandedOff = m_nSpareBytes;
                 finishSpare(writeSpare());
             }
             return;

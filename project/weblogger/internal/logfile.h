@@ -96,7 +96,8 @@ public:
         // Under the writer's lock: takes over the write of a buffer handed off under it.
         void takeOver() noexcept {
             if (m_file.m_eSpare == SpareState::kHandedOff) [[unlikely]] {
-                m_bTaken = m_file.takeOverHandOff();
+                m_file.takeOverHandOff();
+                m_bTaken = true;
             }
         }
 
@@ -239,7 +240,7 @@ private:
     void writeInPieces(const void* p, unsigned long n);
     // Moves the buffer's whole records to the spare buffer's place as a write to be made.
     void handOff() noexcept;
-    bool takeOverHandOff() noexcept;
+    void takeOverHandOff() noexcept;
     void writeTakenOver() noexcept;
     // Writes the spare buffer at the file's offset, cutting the file back to where it started
     // when the write fails; 0 or the errno value. Touches nothing but the spare buffer and the
