@@ -18,6 +18,7 @@
 #include <string>
 
 #include "ratio_reporter.h"
+#include "scratch_directory.h"
 #include "support/alloc_counter.h"
 #include "weblogger/logsource.h"
 #include "weblogger/logwritersman.h"
@@ -36,16 +37,8 @@ namespace {
 constexpr short kWriterId = 1;
 
 const std::string& benchDirectory() {
-    static const std::string s_strDir = [] {
-        std::string strTemplate = "/tmp/wlgbench.XXXXXX";
-        if (::mkdtemp(strTemplate.data()) == nullptr) {
-            std::perror("mkdtemp");
-            std::exit(1);
-        }
-        std::atexit([] { std::filesystem::remove_all(benchDirectory()); });
-        return strTemplate;
-    }();
-    return s_strDir;
+    static const bench::ScratchDirectory s_dir("/tmp/wlgbench.XXXXXX");
+    return s_dir.path();
 }
 
 const LogSourceHandle& benchSource() {

@@ -27,6 +27,7 @@
 #include <string>
 
 #include "ratio_reporter.h"
+#include "scratch_directory.h"
 #include "weblogger/log.h"
 #include "weblogger/loglifetime.h"
 #include "weblogger/logsource.h"
@@ -50,16 +51,8 @@ namespace {
 enum Workload { WL_FILE1T, WL_FILE1T_FLUSH, WL_DISABLED, WL_FILE2T, WL_ROTATE };
 
 const std::string& benchDirectory() {
-    static const std::string s_strDir = [] {
-        std::string strTemplate = "/tmp/wlgpeers.XXXXXX";
-        if (::mkdtemp(strTemplate.data()) == nullptr) {
-            std::perror("mkdtemp");
-            std::exit(1);
-        }
-        std::atexit([] { std::filesystem::remove_all(benchDirectory()); });
-        return strTemplate;
-    }();
-    return s_strDir;
+    static const bench::ScratchDirectory s_dir("/tmp/wlgpeers.XXXXXX");
+    return s_dir.path();
 }
 
 const LogSourceHandle& requestSource() {
@@ -99,11 +92,21 @@ void configure(const std::string& strXml) {
     }
 }
 
+// A new directory for one run of one library's workload. Each run's files are removed when it
+// ends: on this VM the kernel's copy into the page cache slowed to a third once a process had
+// written a gigabyte or more, and a benchmark that keeps its files measures that instead.
+std::string runDirectory(const char* pszLibrary) {
+    static int s_nRun = 0;
+    std::string strDir = benchDirectory() + "/" + pszLibrary + "-" + std::to_string(++s_nRun);
+    std::filesystem::create_directories(strDir);
+    return strDir;
+}
+
 void weblogger(benchmark::State& state, Workload nWorkload) {
+    static std::string s_strDir;
     if (state.thread_index() == 0) {
-        static int s_nRun = 0;
-        const std::string strDir = benchDirectory() + "/weblogger-" + std::to_string(++s_nRun);
-        std::filesystem::create_directories(strDir);
+        s_strDir = runDirectory("weblogger");
+        const std::string& strDir = s_strDir;
         // The source exists before the configuration, so it gets the record's thresholds.
         requestSource();
         configure(loggingElement(nWorkload, strDir));
@@ -121,6 +124,7 @@ void weblogger(benchmark::State& state, Workload nWorkload) {
     if (state.thread_index() == 0) {
         // The writer is written out and closed when its last holder lets it go.
         configure("<Logging/>");
+        std::filesystem::remove_all(s_strDir);
     }
 }
 
@@ -146,9 +150,8 @@ BENCHMARK(BM_Weblogger_File2t)->Threads(2)->UseRealTime();
 BENCHMARK(BM_Weblogger_Rotate)->UseRealTime();
 
 #if WEBLOGGER_HAVE_SPDLOG
-std::shared_ptr<spdlog::logger> spdlogFor(Workload nWorkload) {
-    static int s_nRun = 0;
-    const std::string strFile = benchDirectory() + "/spdlog-" + std::to_string(++s_nRun) + ".log";
+std::shared_ptr<spdlog::logger> spdlogFor(Workload nWorkload, const std::string& strDir) {
+    const std::string strFile = strDir + "/spdlog.log";
     std::shared_ptr<spdlog::logger> pLogger;
     if (nWorkload == WL_ROTATE) {
         pLogger = std::make_shared<spdlog::logger>(
@@ -166,8 +169,10 @@ std::shared_ptr<spdlog::logger> spdlogFor(Workload nWorkload) {
 
 void spdlogWorkload(benchmark::State& state, Workload nWorkload) {
     static std::shared_ptr<spdlog::logger> s_pLogger;
+    static std::string s_strDir;
     if (state.thread_index() == 0) {
-        s_pLogger = spdlogFor(nWorkload);
+        s_strDir = runDirectory("spdlog");
+        s_pLogger = spdlogFor(nWorkload, s_strDir);
     }
     // Google Benchmark starts the threads' loops together, after thread 0 made the logger.
     std::uint64_t i = static_cast<std::uint64_t>(state.thread_index()) << 40;
@@ -182,6 +187,8 @@ void spdlogWorkload(benchmark::State& state, Workload nWorkload) {
     state.SetItemsProcessed(state.iterations());
     if (state.thread_index() == 0) {
         s_pLogger->flush();
+        s_pLogger.reset();
+        std::filesystem::remove_all(s_strDir);
     }
 }
 
