@@ -14,11 +14,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <thread>
 
 #include "support/alloc_counter.h"
+#include "support/temp_dir.h"
 #include "weblogger/internal/eventlogwriter.h"
 #include "weblogger/logsource.h"
 #include "weblogger/logwritersman.h"
@@ -34,14 +34,7 @@ constexpr short kWriterId = 5;
 // The daemon's side: a bound datagram socket and a thread that reads it until the process ends.
 class Drain {
 public:
-    Drain() {
-        std::string strTemplate = "/tmp/wlgbench.XXXXXX";
-        if (::mkdtemp(strTemplate.data()) == nullptr) {
-            std::perror("mkdtemp");
-            std::exit(1);
-        }
-        m_strDir = strTemplate;
-        m_strSocket = m_strDir + "/log.sock";
+    Drain() : m_strSocket(m_dir.file("log.sock")) {
         m_hSocket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -56,7 +49,6 @@ public:
         m_bRunning.store(false);
         m_thread.join();
         ::close(m_hSocket);
-        std::filesystem::remove_all(m_strDir);
     }
     const std::string& socketPath() const { return m_strSocket; }
     std::uint64_t received() const { return m_nReceived.load(); }
@@ -73,7 +65,7 @@ private:
         }
     }
 
-    std::string m_strDir;
+    test::TempDir m_dir;
     std::string m_strSocket;
     int m_hSocket = -1;
     std::atomic<bool> m_bRunning{true};

@@ -12,14 +12,13 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <mutex>
 #include <string>
 
 #include "ratio_reporter.h"
-#include "scratch_directory.h"
 #include "support/alloc_counter.h"
+#include "support/temp_dir.h"
 #include "weblogger/logsource.h"
 #include "weblogger/logwritersman.h"
 #include "weblogger/messageformatloader.h"
@@ -36,8 +35,9 @@ namespace {
 
 constexpr short kWriterId = 1;
 
+// Removed with its files when the program ends: the file benchmarks write gigabytes.
 const std::string& benchDirectory() {
-    static const bench::ScratchDirectory s_dir("/tmp/wlgbench.XXXXXX");
+    static const test::TempDir s_dir;
     return s_dir.path();
 }
 

@@ -27,7 +27,7 @@
 #include <string>
 
 #include "ratio_reporter.h"
-#include "scratch_directory.h"
+#include "support/temp_dir.h"
 #include "weblogger/log.h"
 #include "weblogger/loglifetime.h"
 #include "weblogger/logsource.h"
@@ -50,8 +50,9 @@ namespace {
 
 enum Workload { WL_FILE1T, WL_FILE1T_FLUSH, WL_DISABLED, WL_FILE2T, WL_ROTATE };
 
+// Removed with its files when the program ends: the file benchmarks write gigabytes.
 const std::string& benchDirectory() {
-    static const bench::ScratchDirectory s_dir("/tmp/wlgpeers.XXXXXX");
+    static const test::TempDir s_dir;
     return s_dir.path();
 }
 
@@ -106,10 +107,9 @@ void weblogger(benchmark::State& state, Workload nWorkload) {
     static std::string s_strDir;
     if (state.thread_index() == 0) {
         s_strDir = runDirectory("weblogger");
-        const std::string& strDir = s_strDir;
         // The source exists before the configuration, so it gets the record's thresholds.
         requestSource();
-        configure(loggingElement(nWorkload, strDir));
+        configure(loggingElement(nWorkload, s_strDir));
     }
     TmLogger& logger = TmLogger::getLogger();
     const TmLoggerPushSource pushed(&logger, requestSource().get());
