@@ -166,46 +166,6 @@ long long BinaryFile::getPosition(OnError nOnError) const {
     return static_cast<long long>(nPos);
 }
 
-int BinaryFile::writeAll(int nFd, const void* p, unsigned long n,
-                         unsigned long& nWritten) noexcept {
-    nWritten = 0;
-    const char* pBytes = static_cast<const char*>(p);
-    while (nWritten < n) {
-        unsigned long nChunk = n - nWritten;
-        if (nChunk > static_cast<unsigned long>(SSIZE_MAX)) {
-            nChunk = static_cast<unsigned long>(SSIZE_MAX);
-        }
-        const ssize_t nDone = ::write(nFd, pBytes + nWritten, nChunk);
-        if (nDone < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return errno;
-        }
-        if (nDone == 0) {
-            // write(2) returning 0 for a non-empty request would make this loop spin forever.
-            return EIO;
-        }
-        nWritten += static_cast<unsigned long>(nDone);
-    }
-    return 0;
-}
-
-bool BinaryFile::writeBytes(const void* p, unsigned long n, unsigned long& nWritten,
-                            OnError nOnError) {
-    nWritten = 0;
-    if (m_nFd < 0) {
-        return fail(L"write to file", EBADF, nOnError);
-    }
-    const int nErrno = writeAll(m_nFd, p, n, nWritten);
-    // What reached the file counts, also when the write failed part way.
-    advanceKnownPosition(nWritten);
-    if (nErrno != 0) {
-        return fail(L"write to file", nErrno, nOnError);
-    }
-    return true;
-}
-
 bool BinaryFile::flush(OnError nOnError) {
     if (m_nFd < 0) {
         return fail(L"flush file", EBADF, nOnError);

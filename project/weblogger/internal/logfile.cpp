@@ -101,21 +101,7 @@ void LogFile::loseRecord() noexcept {
     m_bPartialInFile = false;
 }
 
-void LogFile::writeOut(unsigned long n, bool bWholeRecords) {
-    unsigned long nWritten = 0;
-    if (m_file.writeBytes(m_pBuffer.get(), n, nWritten, BinaryFile::kReturnFalse)) {
-        std::memmove(m_pBuffer.get(), m_pBuffer.get() + n, m_nUsed - n);
-        m_nUsed -= n;
-        if (bWholeRecords) {
-            m_nRecordEnd -= n;
-            m_nRecordsBuffered = 0;
-            m_nCleanEnd = m_file.getKnownPosition();
-            m_bPartialInFile = false;
-        } else {
-            m_bPartialInFile = true;
-        }
-        return;
-    }
+void LogFile::stallAfterFailedWrite(bool bWholeRecords) {
     m_nStallErrno = errno != 0 ? errno : EIO;
     m_bStalled = true;
     // Cutting a file shorter needs no space; should it fail all the same, retryWrite cuts
