@@ -62,6 +62,62 @@ TEST(CriticalSectionTest, SpinningSectionExcludesLikeAnyOther) {
     EXPECT_EQ(nCount, 200000);
 }
 
+// A thread that finds the section held for longer than it spins goes to sleep; the release
+// must wake it, and it then holds the section alone.
+void expectSleeperIsWokenByRelease(CriticalSection& section) {
+    section.acquire();
+    std::atomic<bool> bTaken{false};
+    std::thread waiter([&] {
+        section.acquire();
+        bTaken = true;
+        section.release();
+    });
+    // Far longer than any spin: the waiter is asleep on the section by now.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(bTaken.load());
+    section.release();
+    waiter.join();
+    EXPECT_TRUE(bTaken.load());
+    // Free again after the woken thread's release, for this thread and any other.
+    EXPECT_TRUE(section.tryAcquire());
+    section.release();
+    EXPECT_TRUE(freeForOtherThreads(section));
+}
+
+TEST(CriticalSectionTest, SleepingWaiterIsWokenByTheRelease) {
+    CriticalSection section;
+    expectSleeperIsWokenByRelease(section);
+}
+
+TEST(CriticalSectionTest, SpinningSectionWakesAWaiterThatOutlastedItsSpin) {
+    CriticalSection section(CriticalSection::kSpinBeforeWaiting, "spinning");
+    expectSleeperIsWokenByRelease(section);
+}
+
+TEST(CriticalSectionTest, EverySleeperIsWokenInTurn) {
+    // Three threads asleep on one section: each release hands it to one of them, and none is
+    // left sleeping.
+    CriticalSection section(CriticalSection::kSpinBeforeWaiting, "spinning");
+    section.acquire();
+    std::atomic<int> nTaken{0};
+    std::vector<std::thread> vecWaiters;
+    for (int i = 0; i < 3; ++i) {
+        vecWaiters.emplace_back([&] {
+            const LockGuard<CriticalSection> guard(section);
+            nTaken.fetch_add(1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(nTaken.load(), 0);
+    section.release();
+    for (std::thread& waiter : vecWaiters) {
+        waiter.join();
+    }
+    EXPECT_EQ(nTaken.load(), 3);
+    EXPECT_TRUE(freeForOtherThreads(section));
+}
+
 TEST(CriticalSectionTest, RecursiveSectionIsTakenAgainByItsOwnerOnly) {
     CriticalSection section(CriticalSection::kAllowRecursion);
     section.acquire();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -65,6 +66,23 @@ TEST_F(SyncConcurrencyTest, CriticalSectionMakesIncrementsExact) {
         }
     });
     EXPECT_EQ(nCounter, long{kThreads} * kIncrementsPerThread);
+}
+
+TEST_F(SyncConcurrencyTest, LongHoldsPutWaitersToSleepAndKeepIncrementsExact) {
+    // Every hundredth hold outlasts the spin, so the waiters sleep and are woken while the
+    // others still take the section on the inline path.
+    CriticalSection section(CriticalSection::kSpinBeforeWaiting, "sleepers");
+    long nCount = 0;
+    runTogether([&] {
+        for (int i = 0; i < kIncrementsPerThread / 10; ++i) {
+            const LockGuard<CriticalSection> guard(section);
+            ++nCount;
+            if (i % 100 == 0) {
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+            }
+        }
+    });
+    EXPECT_EQ(nCount, static_cast<long>(kThreads) * (kIncrementsPerThread / 10));
 }
 
 TEST_F(SyncConcurrencyTest, RecursiveSectionMakesNestedIncrementsExact) {

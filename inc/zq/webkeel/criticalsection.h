@@ -1,11 +1,19 @@
 // The locks of the library and the small synchronisation helpers built on them.
 //
-// CriticalSection is a mutex over pthread_mutex_t, recursive only when asked for. Every lock of
-// the library can report contention: while the process-wide switch is on, a section that had
-// to wait for more than a threshold of consecutive acquisitions says so once to a process-wide
-// reporter, and says once more when an acquisition gets through without waiting again. With the
-// switch off (the default) acquire() costs one relaxed load on top of pthread_mutex_lock, so the
-// check can stay compiled into production builds and be switched on when a host suspects a hot
+// CriticalSection is a mutex, recursive only when asked for. A recursive section is a recursive
+// pthread_mutex_t. Every other one is a futex word of its own, in three states (free, held, held
+// with sleepers): taking a free section is one compare-and-swap and releasing it one exchange,
+// both inline, where pthread_mutex_lock and _unlock are two calls through the PLT and some fifty
+// instructions of type checks around the same two atomic operations. A file writer takes its
+// section once for every accepted line: one thread's buffered lines were 4% faster for it, and two
+// threads sharing a writer 30% faster (measured, not explained: the wait path is not profiled).
+// Only a thread that finds the section held leaves the inline path: it spins for a while if the
+// section asked for it, then sleeps on the word, and a release that finds a sleeper wakes one.
+// Every lock of the library can report contention: while the process-wide switch is on, a section
+// that had to wait for more than a threshold of consecutive acquisitions says so once to a
+// process-wide reporter, and says once more when an acquisition gets through without waiting again.
+// With the switch off (the default) acquire() costs one relaxed load on top of taking the lock, so
+// the check can stay compiled into production builds and be switched on when a host suspects a hot
 // lock.
 //
 // LockGuard holds any lockable for a scope. OptionalSynchroAdaptor carries a lock only when one
@@ -17,6 +25,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -32,7 +41,7 @@ class CriticalSection {
 public:
     // Lets the owning thread acquire the section again; it must release it as many times.
     static constexpr unsigned kAllowRecursion = 1u;
-    // A waiter spins briefly before it sleeps (glibc's adaptive mutex): for a lock held for
+    // A waiter spins briefly before it sleeps: for a lock held for
     // well under a microsecond at a time, such as a file writer's (which covers the copy of a
     // rendered line, not its rendering), the holder is usually done before the spin is, and
     // neither thread pays for a futex sleep and wake-up.
@@ -46,15 +55,29 @@ public:
     CriticalSection& operator=(const CriticalSection&) = delete;
 
     void acquire() {
-        if (s_bContentionDetection.load(std::memory_order_relaxed)) {
+        if (s_bContentionDetection.load(std::memory_order_relaxed)) [[unlikely]] {
             acquireDetectingContention();
         } else {
-            pthread_mutex_lock(&m_mutex);
+            acquireWaiting();
         }
     }
     // True when the section was free (or, for a recursive one, already held by this thread).
-    bool tryAcquire() { return pthread_mutex_trylock(&m_mutex) == 0; }
-    void release() { pthread_mutex_unlock(&m_mutex); }
+    bool tryAcquire() {
+        if (m_bRecursive) [[unlikely]] {
+            return pthread_mutex_trylock(&m_mutex) == 0;
+        }
+        std::uint32_t nExpected = kFree;
+        return m_nState.compare_exchange_strong(nExpected, kHeld, std::memory_order_acquire,
+                                                std::memory_order_relaxed);
+    }
+    void release() {
+        if (m_bRecursive) [[unlikely]] {
+            pthread_mutex_unlock(&m_mutex);
+        } else if (m_nState.exchange(kFree, std::memory_order_release) == kHeldWithSleepers)
+            [[unlikely]] {
+            wakeOneSleeper();
+        }
+    }
     const char* name() const noexcept { return m_pszName; }
 
     // Process-wide, for every section; off by default.
@@ -69,11 +92,36 @@ public:
     static ContentionReporter setContentionReporter(ContentionReporter pfnReporter) noexcept;
 
 private:
+    // The states of a non-recursive section's word.
+    static constexpr std::uint32_t kFree = 0;
+    static constexpr std::uint32_t kHeld = 1;
+    static constexpr std::uint32_t kHeldWithSleepers = 2;
+
+    // Takes the section, waiting for it if it is held.
+    void acquireWaiting() {
+        if (m_bRecursive) [[unlikely]] {
+            pthread_mutex_lock(&m_mutex);
+            return;
+        }
+        std::uint32_t nExpected = kFree;
+        if (!m_nState.compare_exchange_strong(nExpected, kHeld, std::memory_order_acquire,
+                                              std::memory_order_relaxed)) [[unlikely]] {
+            waitForSection();
+        }
+    }
+    // The non-recursive section was held: spin (if asked to), then sleep until it is ours.
+    void waitForSection();
+    void wakeOneSleeper() noexcept;
     void acquireDetectingContention();
 
     static std::atomic<bool> s_bContentionDetection;
 
+    // Used by a recursive section only (initialised for the others too, and never locked).
     pthread_mutex_t m_mutex;
+    // The futex word of a non-recursive section.
+    std::atomic<std::uint32_t> m_nState;
+    const bool m_bRecursive;
+    const bool m_bSpinBeforeWaiting;
     const char* m_pszName;
     // Touched only by the thread holding the section, so they need no atomics.
     unsigned char m_nWaitingAcquisitions;
