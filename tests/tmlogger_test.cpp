@@ -49,6 +49,14 @@ std::vector<String> texts(const RecordingWriter& writer) {
     return vecTexts;
 }
 
+std::size_t countRecords(const std::vector<Handle<RecordingWriter>>& vecWriters) {
+    std::size_t nRecords = 0;
+    for (const Handle<RecordingWriter>& hWriter : vecWriters) {
+        nRecords += hWriter->recordCount();
+    }
+    return nRecords;
+}
+
 class TmLoggerTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -213,7 +221,7 @@ TEST(TmLoggerThreadsTest, DefaultSourceIsKivUnknown) {
 
 // The inline guard answers from the source filter's summary and walks the writers only when
 // the summary lets the message through: its answer must be the walk's, for every source and
-// severity, whatever the configuration.
+// severity, whatever the configuration. The one-step logMessage tests the same summary first.
 TEST_F(TmLoggerTest, InlineGuardAgreesWithTheFullWalkOnRandomConfigurations) {
     std::vector<Handle<RecordingWriter>> vecWriters;
     for (short nId = 0; nId < kMaxWriterIds; ++nId) {
@@ -277,6 +285,9 @@ TEST_F(TmLoggerTest, InlineGuardAgreesWithTheFullWalkOnRandomConfigurations) {
                 .setLogLevelsForId(static_cast<int>(random() % kMaxWriterIds), randomLevels());
         }
         for (const LogSourceHandle& source : vecSources) {
+            const LogSource& decoy =
+                *vecSources[static_cast<std::size_t>(&source - vecSources.data() + 1) %
+                            vecSources.size()];
             logger().pushSource(*source);
             for (int nType = 0; nType < LogSeverity::kMsgTypeCount; ++nType) {
                 for (std::uint64_t nImportance :
@@ -289,6 +300,26 @@ TEST_F(TmLoggerTest, InlineGuardAgreesWithTheFullWalkOnRandomConfigurations) {
                     }
                     ASSERT_EQ(logger().calcEnabledWriters(severity), bWalk)
                         << source->getPath().c_str() << " type " << nType << " importance "
+                        << nImportance << " round " << nRound;
+                    if (bWalk) {
+                        // Empties the writers the guard enabled, so that the calls below start
+                        // from the source's own summary.
+                        logger().logToEnabledWriters(severity, GDString(L"guarded"), nullptr);
+                    }
+                    // The one-step call takes the same shortcut: it writes exactly when the
+                    // walk finds a writer, under the current source and for a named source
+                    // while another one is current.
+                    const std::size_t nBefore = countRecords(vecWriters);
+                    logger().logMessage(severity, GDString(L"current"));
+                    const std::size_t nAfterCurrent = countRecords(vecWriters);
+                    ASSERT_EQ(nAfterCurrent > nBefore, bWalk)
+                        << source->getPath().c_str() << " type " << nType << " importance "
+                        << nImportance << " round " << nRound;
+                    logger().pushSource(decoy);
+                    logger().logMessage(severity, GDString(L"named"), source.get());
+                    logger().popSource();
+                    ASSERT_EQ(countRecords(vecWriters) > nAfterCurrent, bWalk)
+                        << source->getPath().c_str() << " named, type " << nType << " importance "
                         << nImportance << " round " << nRound;
                     ++nChecked;
                 }

@@ -417,6 +417,13 @@ void TmLogger::logMessage(const LogSeverity& severity, const GDValue& msg, const
         divert(msg, kDivertLineLogMessage);
         return;
     }
+    // The guard's test, for callers that log in one step: a message that the source's summary
+    // refuses reaches no writer, so the walk is not made. (A named source is tested on its own
+    // filter; with no source yet, the guard's filter is walkAlways() and the walk decides.)
+    const LogFilter& filter = pSource != nullptr ? pSource->getLogFilter() : *m_pGuardFilter;
+    if (!filter.mayAccept(severity)) [[likely]] {
+        return;
+    }
     logger_details::swallowOwnFailures([&] {
         CallScope scope(*this);
         if (pSource != nullptr) {

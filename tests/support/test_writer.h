@@ -5,6 +5,7 @@
 // libweblogger.so.
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 #include "weblogger/logsource.h"
@@ -44,6 +45,10 @@ public:
     std::vector<Record> records() const {
         LockGuard<WriterSynchro> guard(getWriterSynchro());
         return m_vecRecords;
+    }
+    std::size_t recordCount() const {
+        LockGuard<WriterSynchro> guard(getWriterSynchro());
+        return m_vecRecords.size();
     }
     const XmlElement* formatElement() const { return m_pFormat; }
     const String& formatId() const { return m_strFormatId; }
