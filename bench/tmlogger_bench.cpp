@@ -73,35 +73,30 @@ void BM_CalcEnabledWritersNoneAccepts(benchmark::State& state) {
 }
 BENCHMARK(BM_CalcEnabledWritersNoneAccepts)->Threads(1)->Threads(2);
 
-void BM_LogMessageToMemoryWriter(benchmark::State& state) {
+// The one-step call with one severity, over and over, under the bench source.
+void logMessageRepeatedly(benchmark::State& state, const LogSeverity& severity) {
     setUp();
     TmLogger& logger = TmLogger::getLogger();
     logger.pushSource(*g_hSource);
     const GDString message(L"request served");
-    logger.logMessage(kSevError, message);
+    logger.logMessage(severity, message);
     const std::size_t nStart = test::threadAllocationCount();
     for (auto _ : state) {
-        logger.logMessage(kSevError, message);
+        logger.logMessage(severity, message);
     }
     reportAllocations(state, nStart);
     logger.popSource();
 }
+
+void BM_LogMessageToMemoryWriter(benchmark::State& state) {
+    logMessageRepeatedly(state, kSevError);
+}
 BENCHMARK(BM_LogMessageToMemoryWriter)->Threads(1)->Threads(2);
 
-// The one-step call with a severity the source refuses: it crosses into the library and
-// answers from the source's summary there, without walking the writers.
+// A severity the source refuses: the call crosses into the library and answers from the
+// source's summary there, without walking the writers.
 void BM_LogMessageFilteredOut(benchmark::State& state) {
-    setUp();
-    TmLogger& logger = TmLogger::getLogger();
-    logger.pushSource(*g_hSource);
-    const GDString message(L"request served");
-    logger.logMessage(kSevTraceFinest, message);
-    const std::size_t nStart = test::threadAllocationCount();
-    for (auto _ : state) {
-        logger.logMessage(kSevTraceFinest, message);
-    }
-    reportAllocations(state, nStart);
-    logger.popSource();
+    logMessageRepeatedly(state, kSevTraceFinest);
 }
 BENCHMARK(BM_LogMessageFilteredOut)->Threads(1)->Threads(2);
 
