@@ -57,6 +57,22 @@ void checkLine(const std::string& line, std::map<int, int>& mapNextSequence) {
     mapNextSequence[nThread] = nSequence + 1;
 }
 
+// Makes the registry's only global writer a FileLogWriter for writer id nId, from the rest of
+// its Writer element's attributes, and lets every message of the source through for that id.
+Handle<LogWriter> installFileWriter(const LogSource& source, int nId,
+                                    const std::string& strAttributes) {
+    const_cast<LogSource&>(source).getLogFilter().setLogLevelsForId(
+        nId, LogLevels(65534, 65534, 65534, 65534, 65534));
+    LogWritersMan& registry = LogWritersMan::getLogWritersMan();
+    registry.clearWriters();
+    const test::WriterConfig config("<Writer writerClassId='" + std::to_string(nId) + "' " +
+                                        strAttributes + " fmtName='Default' autoFlush='no'/>",
+                                    test::kLineFormats);
+    Handle<LogWriter> hWriter = config.create(L"FileLogWriter", LogWriter::WT_GLOBAL);
+    registry.versionIncrement();
+    return hWriter;
+}
+
 // Logs kMessagesPerThread numbered lines from each of kThreads threads through the source.
 void logFromThreads(const LogSourceHandle& source) {
     std::vector<std::thread> vecThreads;
@@ -87,16 +103,11 @@ TEST(FileLogWriterConcurrencyTest, LinesRenderedOutsideTheLockArriveWholeAndInEa
     test::TempDir dir;
     const std::string strLogs = dir.file("logs");
     const LogSourceHandle source(String(L"concurrent.render"));
-    const_cast<LogSource&>(*source).getLogFilter().setLogLevelsForId(
-        5, LogLevels(65534, 65534, 65534, 65534, 65534));
+    ASSERT_FALSE(installFileWriter(*source, 5,
+                                   "name='lines' dir='" + strLogs +
+                                       "' filePrefix='c' filesN='1' maxFileSizeKb='1048576'")
+                     .isNull());
     LogWritersMan& registry = LogWritersMan::getLogWritersMan();
-    registry.clearWriters();
-    const test::WriterConfig config("<Writer name='lines' writerClassId='5' dir='" + strLogs +
-                                        "' fmtName='Default' filePrefix='c' filesN='1' "
-                                        "maxFileSizeKb='1048576' autoFlush='no'/>",
-                                    test::kLineFormats);
-    ASSERT_FALSE(config.create(L"FileLogWriter", LogWriter::WT_GLOBAL).isNull());
-    registry.versionIncrement();
 
     logFromThreads(source);
     registry.clearWriters();  // the last handle goes: the file is flushed and closed
@@ -127,17 +138,11 @@ TEST(FileLogWriterConcurrencyTest, BuffersWrittenAfterTheLockKeepOrderAcrossRota
     test::TempDir dir;
     const std::string strLogs = dir.file("ring");
     const LogSourceHandle source(String(L"concurrent.handoff"));
-    const_cast<LogSource&>(*source).getLogFilter().setLogLevelsForId(
-        6, LogLevels(65534, 65534, 65534, 65534, 65534));
-    LogWritersMan& registry = LogWritersMan::getLogWritersMan();
-    registry.clearWriters();
-    const test::WriterConfig config("<Writer name='ring' writerClassId='6' dir='" + strLogs +
-                                        "' fmtName='Default' filePrefix='r' filesN='1000' "
-                                        "maxFileSizeKb='16' autoFlush='no'/>",
-                                    test::kLineFormats);
-    Handle<LogWriter> hWriter = config.create(L"FileLogWriter", LogWriter::WT_GLOBAL);
+    Handle<LogWriter> hWriter = installFileWriter(
+        *source, 6,
+        "name='ring' dir='" + strLogs + "' filePrefix='r' filesN='1000' maxFileSizeKb='16'");
     ASSERT_FALSE(hWriter.isNull());
-    registry.versionIncrement();
+    LogWritersMan& registry = LogWritersMan::getLogWritersMan();
 
     std::atomic<bool> bLogging{true};
     std::thread flusher([&] {
