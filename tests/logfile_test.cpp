@@ -357,19 +357,30 @@ TEST(LogFileTest, FailedFlushAtCloseThrowsClosesAndCutsTheTornRecord) {
     EXPECT_EQ(readFile(path), "whole\ntail\n");
 }
 
-// A failed write keeps the records it could not write; the file writes nothing more (no
-// system call) until retryWrite succeeds, and then writes them whole.
-TEST(LogFileTest, FailedFlushKeepsTheRecordsUntilARetrySucceeds) {
+// Writes text as a whole record and flushes it, in one of the two ways the file offers.
+using FlushRecord = void (*)(LogFile&, const std::string&);
+
+void writeAndFlush(LogFile& file, const std::string& text) {
+    writeText(file, text);
+    file.flush();
+}
+
+void writeRecordAndFlush(LogFile& file, const std::string& text) {
+    file.writeRecordAndFlush(text.data(), text.size());
+}
+
+// A failed write keeps the records it could not write (what reached the file is cut off
+// again); the file writes nothing more (no system call) until retryWrite succeeds, and then
+// writes them whole.
+void expectFailedFlushKeepsTheRecordsUntilARetrySucceeds(FlushRecord flushRecord) {
     TempDir dir;
     const std::string path = dir.file("usable.log");
     const int nCode = runWithFileSizeLimit(10, [&]() -> int {
         LogFile file;
         file.openTruncate(wide(path));
-        writeText(file, "0123\n");
-        file.flush();
-        writeText(file, "456789ABCDEF\n");
+        flushRecord(file, "0123\n");
         try {
-            file.flush();
+            flushRecord(file, "456789ABCDEF\n");
             return 1;
         } catch (const FileException& e) {
             if (e.getErrno() != EFBIG) {
@@ -379,8 +390,7 @@ TEST(LogFileTest, FailedFlushKeepsTheRecordsUntilARetrySucceeds) {
         if (!file.isStalled() || readFile(path) != "0123\n") {
             return 3;
         }
-        writeText(file, "next\n");
-        file.flush();  // stalled: nothing tried
+        flushRecord(file, "next\n");  // stalled: nothing tried
         if (file.retryWrite() || readFile(path) != "0123\n") {
             return 4;
         }
@@ -390,10 +400,44 @@ TEST(LogFileTest, FailedFlushKeepsTheRecordsUntilARetrySucceeds) {
         if (file.takeDroppedRecords() != 0) {
             return 6;
         }
+        flushRecord(file, "last\n");
         return 0;
     });
     EXPECT_EQ(nCode, 0);
-    EXPECT_EQ(readFile(path), "0123\n456789ABCDEF\nnext\n");
+    EXPECT_EQ(readFile(path), "0123\n456789ABCDEF\nnext\nlast\n");
+}
+
+TEST(LogFileTest, FailedFlushKeepsTheRecordsUntilARetrySucceeds) {
+    expectFailedFlushKeepsTheRecordsUntilARetrySucceeds(&writeAndFlush);
+}
+
+TEST(LogFileTest, FailedWriteOfAFlushedRecordKeepsItUntilARetrySucceeds) {
+    expectFailedFlushKeepsTheRecordsUntilARetrySucceeds(&writeRecordAndFlush);
+}
+
+TEST(LogFileTest, RecordWrittenAndFlushedIsInTheFileAtOnceBehindWhatWasBuffered) {
+    TempDir dir;
+    const std::string path = dir.file("through.log");
+    LogFile file;
+    file.openTruncate(wide(path));
+    writeRecordAndFlush(file, "line 1\n");
+    EXPECT_EQ(readFile(path), "line 1\n");
+    writeText(file, "line 2\n");
+    file.endRecord();
+    writeRecordAndFlush(file, "line 3\n");
+    EXPECT_EQ(readFile(path), "line 1\nline 2\nline 3\n");
+    EXPECT_EQ(file.getSize(), 21);
+    file.close();
+    EXPECT_EQ(readFile(path), "line 1\nline 2\nline 3\n");
+}
+
+TEST(LogFileTest, RecordWrittenAndFlushedToAClosedFileThrowsAndIsNotKept) {
+    TempDir dir;
+    LogFile file;
+    EXPECT_THROW(writeRecordAndFlush(file, "nowhere\n"), FileException);
+    file.openTruncate(wide(dir.file("next.log")));
+    file.close();
+    EXPECT_EQ(readFile(dir.file("next.log")), "");
 }
 
 // While stalled the buffer is all that is kept: records that do not fit are dropped whole and

@@ -328,10 +328,11 @@ void FileLogWriter::logMessage(const LogSeverity& severity, const GDValue& messa
         return;
     }
     try {
-        m_CurFile.write(record.data(), record.size());
-        m_CurFile.endRecord();
         if (m_bAutoFlush) {
-            m_CurFile.flush();
+            m_CurFile.writeRecordAndFlush(record.data(), record.size());
+        } else {
+            m_CurFile.write(record.data(), record.size());
+            m_CurFile.endRecord();
         }
         deferred.takeOver();
     } catch (const FileException&) {

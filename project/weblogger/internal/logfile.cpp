@@ -112,6 +112,16 @@ void LogFile::stallAfterFailedWrite(bool bWholeRecords) {
     }
 }
 
+void LogFile::keepRecordOfFailedWrite(const void* p, unsigned long n) {
+    // Read errno before anything else can change it.
+    stallAfterFailedWrite(true);
+    std::memcpy(m_pBuffer.get(), p, n);
+    m_nUsed = n;
+    m_nRecordEnd = n;
+    m_nRecordsBuffered = 1;
+    ZQ_THROW(FileException(L"write to file", m_file.getPath(), m_nStallErrno));
+}
+
 void LogFile::handOff() noexcept {
     std::swap(m_pBuffer, m_pSpare);
     m_nSpareBytes = m_nRecordEnd;

@@ -161,6 +161,26 @@ public:
     // is closed, since the buffer is empty then, or stalled (see retryWrite). Throws when the
     // write fails; the file is stalled then and the records are kept.
     void flush();
+    // write(p, n), endRecord() and flush() in one: the bytes form a whole record and go to
+    // the file with everything buffered ahead of them. A record that finds nothing buffered
+    // and the file writable (every line of a file that is flushed after each one) is written
+    // from p with one write(2), never copied into the buffer. Should that write fail, the
+    // file is cut back and the record is kept in the buffer, exactly as when flush() fails.
+    void writeRecordAndFlush(const void* p, unsigned long n) {
+        if (m_nUsed == 0 && n <= kBufferSize && m_eSpare == SpareState::kFree && !m_bStalled &&
+            !m_bRecordLost && !m_bPartialInFile && n != 0 && m_file.isOpen()) [[likely]] {
+            unsigned long nWritten = 0;
+            if (m_file.writeBytes(p, n, nWritten, BinaryFile::kReturnFalse)) [[likely]] {
+                m_nCleanEnd = m_file.getKnownPosition();
+                return;
+            }
+            keepRecordOfFailedWrite(p, n);
+            return;
+        }
+        write(p, n);
+        endRecord();
+        flush();
+    }
     // Tries once to write what a stalled file holds back: true when it is no longer stalled.
     bool retryWrite() noexcept;
     // Flushes (which may throw, also for a stalled file: it tries once more), then closes
@@ -286,6 +306,8 @@ private:
     }
     // The failure half of writeOut.
     [[gnu::cold]] void stallAfterFailedWrite(bool bWholeRecords);
+    // The failure half of writeRecordAndFlush: stalls the file, keeps the record and throws.
+    [[gnu::cold]] void keepRecordOfFailedWrite(const void* p, unsigned long n);
     // Drops the record in progress; the rest of its bytes are ignored until it ends.
     void loseRecord() noexcept;
 
