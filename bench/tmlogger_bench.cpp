@@ -93,12 +93,33 @@ void BM_LogMessageToMemoryWriter(benchmark::State& state) {
 }
 BENCHMARK(BM_LogMessageToMemoryWriter)->Threads(1)->Threads(2);
 
-// A severity the source refuses: the call crosses into the library and answers from the
-// source's summary there, without walking the writers.
+// A severity the source refuses: the call answers from the source's summary in the caller's
+// code, without crossing into the library.
 void BM_LogMessageFilteredOut(benchmark::State& state) {
     logMessageRepeatedly(state, kSevTraceFinest);
 }
 BENCHMARK(BM_LogMessageFilteredOut)->Threads(1)->Threads(2);
+
+// The same refused one-step call with a message built for it: a template and three inserts
+// referred to, as a caller without a guard writes it. Building the message is what is left.
+void BM_LogReferentialMessageFilteredOut(benchmark::State& state) {
+    setUp();
+    TmLogger& logger = TmLogger::getLogger();
+    logger.pushSource(*g_hSource);
+    const GDString tmpl(L"request %1 handled in %2 ms by worker %3");
+    std::uint64_t i = 0;
+    std::int64_t nMillis = 12;
+    const std::size_t nStart = test::threadAllocationCount();
+    for (auto _ : state) {
+        logger.logMessage(kSevTraceFinest, ReferentialParameterizedMessage(tmpl, GDUInteger64(++i),
+                                                                           GDInteger64(nMillis),
+                                                                           GDStringRef(L"w7", 2)));
+        benchmark::DoNotOptimize(nMillis);
+    }
+    reportAllocations(state, nStart);
+    logger.popSource();
+}
+BENCHMARK(BM_LogReferentialMessageFilteredOut)->Threads(1)->Threads(2);
 
 void BM_TwoStepLogWithTwoInsertsToMemoryWriter(benchmark::State& state) {
     setUp();

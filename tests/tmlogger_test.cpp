@@ -700,6 +700,40 @@ TEST_F(TmLoggerTest, LoggingInsideALogCallIsDivertedToThePreviousLogger) {
     KeelLogger::setKeelLogger(nullptr);
 }
 
+// Logs, from inside its own log call, a message that every threshold refuses.
+class ReentrantRefusedWriter : public RecordingWriter {
+public:
+    using RecordingWriter::RecordingWriter;
+    void logMessage(const LogSeverity& s, const GDValue& m, const TmLogger::LoggerState& st,
+                    const TmLogger::FileLocation* l) override {
+        RecordingWriter::logMessage(s, m, st, l);
+        const LogSeverity refused(LogSeverity::SV_TRACE, 100000);
+        ASSERT_FALSE(st.getCurSource()->getLogFilter().mayAccept(refused));
+        TmLogger::getLogger().logMessage(refused, GDString(L"refused inner"));
+    }
+};
+
+TEST_F(TmLoggerTest, OneStepCallInsideALogCallIsDivertedEvenWhenItsSourceRefusesIt) {
+    KeelLoggerDouble previous;
+    KeelLogger::setKeelLogger(nullptr);
+    KeelLogger::setKeelLogger(&previous);
+    KeelLoggerLogImpl::plugMeIn();
+
+    Handle<LogWriter> hWriter(new ReentrantRefusedWriter(String(L"re"), kWriterId,
+                                                         LogWriter::WT_SINGLE_THREADED, nullptr));
+    logger().addLocalWriter(hWriter.get());
+    logger().pushSource(*m_source);
+    logger().logMessage(kSevError, GDString(L"outer"));
+    logger().popSource();
+    EXPECT_EQ(static_cast<RecordingWriter&>(*hWriter).records().size(), 1u);
+    ASSERT_EQ(previous.m_vecEntries.size(), 1u);
+    EXPECT_TRUE(previous.m_vecEntries[0].strText.equals(
+        L"Failed to log the following message. refused inner "));
+    EXPECT_EQ(previous.m_vecEntries[0].nLine, 79u);
+    EXPECT_FALSE(logger().isInLogCall());
+    KeelLogger::setKeelLogger(nullptr);
+}
+
 class ThrowingWriter : public RecordingWriter {
 public:
     using RecordingWriter::RecordingWriter;

@@ -99,6 +99,32 @@ TEST_F(MessageTest, ReferentialMessageOverCatalogueEntry) {
     EXPECT_TRUE(render(message).equals(L"Hello Bob, you are -1 today."));
 }
 
+TEST_F(MessageTest, ReferentialMessageAnswersTheSameInEveryOrderOfQuestions) {
+    const GDString who(L"Bob");
+    const GDInteger64 mood(3);
+    // A catalogue entry reached through a reference, asked for the plain template first.
+    const GDValueRef toEntry(&kmsgTestGreeting);
+    const ReferentialParameterizedMessage overEntry(toEntry, who, mood);
+    EXPECT_EQ(overEntry.getTemplateValue(), nullptr);
+    EXPECT_EQ(overEntry.getCatalogueMessage(), &kmsgTestGreeting);
+    EXPECT_EQ(overEntry.getCatalogueMessage(), &kmsgTestGreeting);
+    EXPECT_TRUE(render(overEntry).equals(L"Hello Bob, you are 3 today."));
+
+    // A plain template, asked for the catalogue entry first.
+    const GDString tmpl(L"<%1>");
+    const ReferentialParameterizedMessage plain(tmpl, who);
+    EXPECT_EQ(plain.getCatalogueMessage(), nullptr);
+    EXPECT_EQ(plain.getTemplateValue(), &tmpl);
+    EXPECT_EQ(plain.getCatalogueMessage(), nullptr);
+    EXPECT_TRUE(render(plain).equals(L"<Bob>"));
+
+    // A reference to nothing is neither.
+    const GDValueRef toNothing(nullptr);
+    const ReferentialParameterizedMessage empty(toNothing);
+    EXPECT_EQ(empty.getCatalogueMessage(), nullptr);
+    EXPECT_EQ(empty.getTemplateValue(), &toNothing);
+}
+
 TEST_F(MessageTest, ReferentialMessageTakesUpToEightInserts) {
     const GDString tmpl(L"%1%2%3%4%5%6%7%8%9");
     const GDUInteger64 a(1), b(2), c(3), d(4), e(5), f(6), g(7), h(8);
