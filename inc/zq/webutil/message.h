@@ -122,9 +122,15 @@ public:
     template <class... Inserts>
     explicit ReferentialParameterizedMessage(const GDValue& templateValue,
                                              const Inserts&... inserts) noexcept
-        : m_pTemplate(&templateValue), m_arrInserts{&inserts...}, m_nInserts(sizeof...(inserts)) {
+        : m_pTemplate(&templateValue), m_nInserts(sizeof...(inserts)) {
         static_assert(sizeof...(inserts) <= kMaxReferentialInserts, "at most eight inserts");
+        // Only the slots in use are set; getInsert and clone read no further.
+        const GDValue** pSlot = m_arrInserts;
+        ((*pSlot++ = &inserts), ...);
     }
+    // Never copied: its slots past the inserts hold nothing. clone() makes an owning copy.
+    ReferentialParameterizedMessage(const ReferentialParameterizedMessage&) = delete;
+    ReferentialParameterizedMessage& operator=(const ReferentialParameterizedMessage&) = delete;
 
     static constexpr unsigned kMaxReferentialInserts = 8;
 
