@@ -19,6 +19,7 @@
 #include "weblogger/loggermessages.h"
 #include "weblogger/logwriters.h"
 #include "weblogger/logwritersman.h"
+#include "zq/webthreadstorage/threadstatic.h"
 #include "zq/webutil/timezone.h"
 
 namespace kiv {
@@ -193,6 +194,34 @@ TEST(TmLoggerThreadsTest, ThreadEndDestroysItsLogger) {
     }).join();
     EXPECT_EQ(TmLogger::getLiveLoggerCount(), nBefore);
     std::thread([] {}).join();  // a thread that never logs makes no logger
+    EXPECT_EQ(TmLogger::getLiveLoggerCount(), nBefore);
+}
+
+// A clean-up of the ending thread that runs after its logger was destroyed, and logs.
+struct LogsAtThreadEnd {
+    int m_nLiveLoggersSeen = -1;
+};
+void logAtThreadEnd(LogsAtThreadEnd* pProbe) {
+    TmLogger& logger = TmLogger::getLogger();
+    logger.logMessage(kSevError, GDString(L"at thread end"));
+    pProbe->m_nLiveLoggersSeen = TmLogger::getLiveLoggerCount();
+}
+
+TEST(TmLoggerThreadsTest, LoggingAfterTheThreadsLoggerWasDestroyedGetsANewOne) {
+    TmLogger::getLogger();
+    const int nBefore = TmLogger::getLiveLoggerCount();
+    LogsAtThreadEnd probe;
+    {
+        // Made after the logger's slot, so that its clean-up runs after the logger's.
+        ThreadSpecificStatic<LogsAtThreadEnd> lateCleanup(&logAtThreadEnd);
+        std::thread([&] {
+            lateCleanup.set(&probe);
+            EXPECT_EQ(&TmLogger::getLogger(), &TmLogger::getLogger());
+            EXPECT_EQ(TmLogger::getLiveLoggerCount(), nBefore + 1);
+        }).join();
+    }
+    // The clean-up ran with a live logger of its own, which went with the thread too.
+    EXPECT_EQ(probe.m_nLiveLoggersSeen, nBefore + 1);
     EXPECT_EQ(TmLogger::getLiveLoggerCount(), nBefore);
 }
 

@@ -49,7 +49,8 @@
 //
 // Each macro is one statement (safe after an `if` without braces), and evaluates its logger and
 // severity expressions once. WEBLOG and the severity macros look the thread's logger up on every
-// call (TmLogger::getLogger); a loop that holds the logger already saves that with WEBLOG_TO.
+// call (TmLogger::getLogger, a call into the library and a thread-local load); a loop that holds
+// the logger already saves that with WEBLOG_TO.
 // Logging never fails the caller: writers' failures stop at the logger's entry points.
 #pragma once
 

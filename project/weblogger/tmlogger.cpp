@@ -52,6 +52,14 @@ TmLogger* g_pLiveLoggers = nullptr;
 // so that threads still running at exit can go on using their loggers.
 std::atomic<ThreadSpecificStatic<TmLogger>*> g_pLoggerSlot{nullptr};
 
+// The calling thread's logger as its slot holds it: getLogger runs for every log call made
+// without a logger at hand, and one thread_local load costs far less than the thread-specific
+// lookup behind it. Set when the slot is given the logger, cleared when the logger is
+// destroyed (at the thread's end, the slot's clean-up; a clean-up that runs after it and logs
+// gets a new logger, never the destroyed one). Trivially destructible, so it stays readable
+// for every clean-up of the ending thread.
+thread_local TmLogger* t_pThreadLogger = nullptr;
+
 // Makes every thread of the process pass a full memory barrier: the shutdown's half of the
 // handshake with the log calls, whose half costs them only a compiler barrier.
 void processWideBarrier() noexcept {
@@ -185,6 +193,9 @@ TmLogger::TmLogger()
 }
 
 TmLogger::~TmLogger() {
+    if (t_pThreadLogger == this) {
+        t_pThreadLogger = nullptr;
+    }
     g_nLiveLoggers.fetch_sub(1, std::memory_order_relaxed);
     const std::lock_guard<std::mutex> lock(g_liveLoggersMutex);
     if (m_pPrevLive != nullptr) {
@@ -258,8 +269,12 @@ void TmLogger::destroyLoggerSlot() noexcept {
 }
 
 TmLogger& TmLogger::getLogger() {
+    if (TmLogger* pLogger = t_pThreadLogger) [[likely]] {
+        return *pLogger;
+    }
     ThreadSpecificStatic<TmLogger>& slot = loggerSlot();
     if (TmLogger* pLogger = slot.get()) {
+        t_pThreadLogger = pLogger;
         return *pLogger;
     }
     TmLogger* pLogger = new TmLogger;
@@ -269,6 +284,7 @@ TmLogger& TmLogger::getLogger() {
         delete pLogger;
         throw;
     }
+    t_pThreadLogger = pLogger;
     return *pLogger;
 }
 
