@@ -93,15 +93,15 @@ void BM_LogMessageToMemoryWriter(benchmark::State& state) {
 }
 BENCHMARK(BM_LogMessageToMemoryWriter)->Threads(1)->Threads(2);
 
-// A severity the source refuses: the call answers from the source's summary in the caller's
-// code, without crossing into the library.
+// A severity the source refuses: the call crosses into the library and answers from the
+// source's summary there, without walking the writers.
 void BM_LogMessageFilteredOut(benchmark::State& state) {
     logMessageRepeatedly(state, kSevTraceFinest);
 }
 BENCHMARK(BM_LogMessageFilteredOut)->Threads(1)->Threads(2);
 
 // The same refused one-step call with a message built for it: a template and three inserts
-// referred to, as a caller without a guard writes it. Building the message is what is left.
+// referred to, as a caller without a guard writes it.
 void BM_LogReferentialMessageFilteredOut(benchmark::State& state) {
     setUp();
     TmLogger& logger = TmLogger::getLogger();

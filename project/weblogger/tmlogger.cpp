@@ -422,8 +422,8 @@ void TmLogger::logToEnabledWriters8(const LogSeverity& severity, const GDValue& 
         severity, ReferentialParameterizedMessage(msg, p1, p2, p3, p4, p5, p6, p7, p8), pLocation);
 }
 
-void TmLogger::logMessageOutOfLine(const LogSeverity& severity, const GDValue& msg,
-                                   const LogSource* pSource, const FileLocation* pLocation) {
+void TmLogger::logMessage(const LogSeverity& severity, const GDValue& msg, const LogSource* pSource,
+                          const FileLocation* pLocation) {
     const ShutdownGate gate(*this);
     if (!gate) [[unlikely]] {
         ShutdownGate::countRefused();
@@ -433,10 +433,9 @@ void TmLogger::logMessageOutOfLine(const LogSeverity& severity, const GDValue& m
         divert(msg, kDivertLineLogMessage);
         return;
     }
-    // The guard's test for a named source, which the inline part leaves to this one: a message
-    // that the source's summary refuses reaches no writer, so the walk is not made. (Without a
-    // source the test is the inline one again; with no source yet, the guard's filter is
-    // walkAlways() and the walk decides.)
+    // The guard's test, for callers that log in one step: a message that the source's summary
+    // refuses reaches no writer, so the walk is not made. (A named source is tested on its own
+    // filter; with no source yet, the guard's filter is walkAlways() and the walk decides.)
     const LogFilter& filter = pSource != nullptr ? pSource->getLogFilter() : *m_pGuardFilter;
     if (!filter.mayAccept(severity)) [[likely]] {
         return;

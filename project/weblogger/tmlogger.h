@@ -22,9 +22,7 @@
 //
 // Shutdown: once the library's shutdown has begun (unload, or exit from any thread), every log
 // call returns at once without writing: the writers are being flushed and closed. Such a call
-// is counted (getMessagesRefusedAtShutdown); it never crashes and never blocks. A call that the
-// guard's inline test refuses (its message could reach no writer) returns before that and is
-// not counted.
+// is counted (getMessagesRefusedAtShutdown); it never crashes and never blocks.
 #pragma once
 
 #include <atomic>
@@ -139,18 +137,9 @@ public:
                               const GDValue& p5, const GDValue& p6, const GDValue& p7,
                               const GDValue& p8, const FileLocation* pLocation);
 
-    // One-step logging, optionally under an explicit source pushed for the call. Without a
-    // source, the guard's inline test comes first, in the caller's own code: a message that the
-    // current source's summary refuses could reach no writer and returns at once, unless the
-    // call was made inside a log call (it goes on to be diverted).
+    // One-step logging, optionally under an explicit source pushed for the call.
     void logMessage(const LogSeverity& severity, const GDValue& msg,
-                    const LogSource* pSource = nullptr, const FileLocation* pLocation = nullptr) {
-        if (pSource == nullptr && !m_pGuardFilter->mayAccept(severity) && !m_bInLogCall)
-            [[likely]] {
-            return;
-        }
-        logMessageOutOfLine(severity, msg, pSource, pLocation);
-    }
+                    const LogSource* pSource = nullptr, const FileLocation* pLocation = nullptr);
     // An exception and its linked exceptions as one message (a null severity means kSevError).
     void logException(const Exception& exception, const LogSeverity* pSeverity = nullptr,
                       const FileLocation* pLocation = nullptr, const LogSource* pSource = nullptr);
@@ -182,9 +171,6 @@ private:
     friend class ThreadSpecificStatic<TmLogger>;
     static ThreadSpecificStatic<TmLogger>& loggerSlot();
     static void destroyLogger(TmLogger* pLogger);
-    // The one-step call past the inline test.
-    void logMessageOutOfLine(const LogSeverity& severity, const GDValue& msg,
-                             const LogSource* pSource, const FileLocation* pLocation);
     // The guard's full answer: every writer, its own filter and the source's threshold for
     // its id.
     bool calcEnabledWritersByWalk(const LogSeverity& severity);

@@ -156,17 +156,6 @@ const GDValue* ParamMessage::getInsert(unsigned nIndex) const noexcept {
     return nIndex >= 1 && nIndex <= m_vecInserts.size() ? m_vecInserts[nIndex - 1].get() : nullptr;
 }
 
-const ExternalMessage* ReferentialParameterizedMessage::getCatalogueMessage() const noexcept {
-    if (!m_bCatalogueKnown) {
-        const GDValue* pTarget = m_pTemplate->target();
-        m_pCatalogue = pTarget != nullptr && pTarget->kind() == kKindMessage
-                           ? static_cast<const MessageBase*>(pTarget)->getCatalogueMessage()
-                           : nullptr;
-        m_bCatalogueKnown = true;
-    }
-    return m_pCatalogue;
-}
-
 GDValue* ReferentialParameterizedMessage::clone() const {
     ParamMessage* pCopy = new ParamMessage(*m_pTemplate);
     for (unsigned i = 0; i < m_nInserts; ++i) {

@@ -116,29 +116,24 @@ private:
 // on the stack only. Copying it as a value (clone) makes an owning ParamMessage.
 class ReferentialParameterizedMessage : public MessageBase {
 public:
-    // Only stores the references: a one-step call builds its message before the logger can
-    // refuse it, so whether the template is a catalogue entry is asked when the message is
-    // rendered, not here.
     template <class... Inserts>
     explicit ReferentialParameterizedMessage(const GDValue& templateValue,
                                              const Inserts&... inserts) noexcept
-        : m_pTemplate(&templateValue), m_nInserts(sizeof...(inserts)) {
+        : m_pTemplate(&templateValue), m_arrInserts{&inserts...}, m_nInserts(sizeof...(inserts)) {
         static_assert(sizeof...(inserts) <= kMaxReferentialInserts, "at most eight inserts");
-        // Only the slots in use are set; getInsert and clone read no further.
-        const GDValue** pSlot = m_arrInserts;
-        ((*pSlot++ = &inserts), ...);
+        const GDValue* pTarget = templateValue.target();
+        m_pCatalogue = pTarget != nullptr && pTarget->kind() == kKindMessage
+                           ? static_cast<const MessageBase*>(pTarget)->getCatalogueMessage()
+                           : nullptr;
     }
-    // Never copied: its slots past the inserts hold nothing. clone() makes an owning copy.
-    ReferentialParameterizedMessage(const ReferentialParameterizedMessage&) = delete;
-    ReferentialParameterizedMessage& operator=(const ReferentialParameterizedMessage&) = delete;
 
     static constexpr unsigned kMaxReferentialInserts = 8;
 
     GDValue* clone() const override;
     unsigned placementClone(void*, unsigned) const override { return 0; }
-    const ExternalMessage* getCatalogueMessage() const noexcept override;
+    const ExternalMessage* getCatalogueMessage() const noexcept override { return m_pCatalogue; }
     const GDValue* getTemplateValue() const noexcept override {
-        return getCatalogueMessage() != nullptr ? nullptr : m_pTemplate;
+        return m_pCatalogue != nullptr ? nullptr : m_pTemplate;
     }
     unsigned getInsertCount() const noexcept override { return m_nInserts; }
     const GDValue* getInsert(unsigned nIndex) const noexcept override {
@@ -150,14 +145,9 @@ public:
 
 private:
     const GDValue* m_pTemplate;
-    // The template's catalogue entry, looked up on the first question (m_bCatalogueKnown). The
-    // message lives on the stack of the thread that logs it and is rendered on that thread
-    // only, so the cache needs no synchronisation.
-    mutable const ExternalMessage* m_pCatalogue = nullptr;
+    const ExternalMessage* m_pCatalogue;
     const GDValue* m_arrInserts[kMaxReferentialInserts];
     unsigned m_nInserts;
-    // Next to the count, so that both are set by one store.
-    mutable bool m_bCatalogueKnown = false;
 };
 
 class MessageTable {
