@@ -70,10 +70,9 @@ void processWideBarrier() noexcept {
     }
 }
 
-// The calling thread's logger, without making the slot.
+// The calling thread's logger, without making one: the slot's value, as getLogger keeps it.
 const TmLogger* callingThreadsLogger() noexcept {
-    const ThreadSpecificStatic<TmLogger>* pSlot = g_pLoggerSlot.load();
-    return pSlot != nullptr ? pSlot->get() : nullptr;
+    return t_pThreadLogger;
 }
 
 }  // namespace
