@@ -6,6 +6,9 @@
 
 #include "support/alloc_counter.h"
 #include "support/test_writer.h"
+#include "weblogger/logsource.h"
+#include "weblogger/logwritersman.h"
+#include "weblogger/tmlogger.h"
 
 namespace kiv {
 namespace {
@@ -68,6 +71,51 @@ TEST_F(GuardAnswerTest, MoreWritersThanItHoldsAreNotKept) {
     answer.keep(3, m_severity, 5, EnabledWritersList{writers.front()});
     answer.keep(3, m_severity, 5, writers);
     EXPECT_FALSE(answer.answers(3, m_severity, 5));
+}
+
+// A guard enables a global writer and a local one; before the write the configuration retires
+// the global writer and puts its replacement in. The local writer, after the one that refuses,
+// still takes the message once, and the replacement takes it for the retired writer.
+TEST(LogWritersTest, WriterAfterOneThatRefusesTakesTheMessageOnceAndTheReplacementTakesItToo) {
+    constexpr short kId = 7;
+    const LogSourceHandle source(String(L"logwriters.refusal"));
+    const_cast<LogSource&>(*source).getLogFilter().setLogLevelsForId(
+        kId, LogLevels(65534, 65534, 65534, 65534, 65534));
+    logger_details::LogWritersMan& registry = logger_details::LogWritersMan::getLogWritersMan();
+    registry.clearWriters();
+    Handle<RecordingWriter> hRetired(
+        new RecordingWriter(String(L"global"), kId, LogWriter::WT_GLOBAL, nullptr));
+    registry.versionIncrement();
+    Handle<RecordingWriter> hLocal(
+        new RecordingWriter(String(L"local"), kId, LogWriter::WT_SINGLE_THREADED, nullptr));
+    TmLogger& logger = TmLogger::getLogger();
+    logger.addLocalWriter(hLocal.get());
+    logger.pushSource(*source);
+
+    ASSERT_TRUE(logger.calcEnabledWriters(kSevInfo));
+    const EnabledWritersList& enabled = logger.getLogWriters()->getEnabledWriters();
+    ASSERT_EQ(enabled.size(), 2u);
+    ASSERT_EQ(enabled[0], hRetired.get());
+    Handle<RecordingWriter> hReplacement;
+    {
+        LockGuard<CriticalSection> lock(registry.getMonitor());
+        hRetired->retire();
+        registry.clearWriters();
+        hReplacement = new RecordingWriter(String(L"global"), kId, LogWriter::WT_GLOBAL, nullptr);
+        registry.versionIncrement();
+    }
+    logger.logToEnabledWriters(kSevInfo, GDString(L"raced"), nullptr);
+
+    EXPECT_EQ(hRetired->recordCount(), 0u);
+    EXPECT_EQ(hLocal->recordCount(), 1u);
+    ASSERT_EQ(hReplacement->recordCount(), 1u);
+    EXPECT_EQ(hReplacement->records()[0].text, String(L"raced"));
+    EXPECT_TRUE(logger.getLogWriters()->getEnabledWriters().empty());
+
+    logger.popSource();
+    logger.clearLocalWriters();
+    registry.clearWriters();
+    registry.versionIncrement();
 }
 
 }  // namespace

@@ -213,21 +213,21 @@ bool LogWriters::calcEnabledWriters(const LogSeverity& severity, const LoggerSta
     return !m_vecEnabledWriters.empty();
 }
 
-void LogWriters::logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,
-                                     const LoggerState& state, const FileLocation* pLocation) {
-    bool bRefused = false;
+void LogWriters::finishAfterRefusal(std::size_t nRefused, const LogSeverity& severity,
+                                    const GDValue& msg, const LoggerState& state,
+                                    const FileLocation* pLocation) {
     WrittenBy written;
-    for (LogWriter* pWriter : m_vecEnabledWriters) {
+    for (std::size_t i = 0; i < nRefused; ++i) {
+        written.add(m_vecEnabledWriters[i]);
+    }
+    for (std::size_t i = nRefused + 1; i < m_vecEnabledWriters.size(); ++i) {
+        LogWriter* const pWriter = m_vecEnabledWriters[i];
         pWriter->logMessage(severity, msg, state, pLocation);
-        if (LogWriter::takeWriteRefusal()) {
-            bRefused = true;
-        } else {
+        if (!LogWriter::takeWriteRefusal()) {
             written.add(pWriter);
         }
     }
-    if (bRefused) {
-        redeliverToReplacements(severity, msg, state, pLocation, written);
-    }
+    redeliverToReplacements(severity, msg, state, pLocation, written);
     clearEnabledWriters();
 }
 

@@ -43,6 +43,7 @@
 
 #include "weblogger/commonseverities.h"
 #include "weblogger/loggerstate.h"
+#include "weblogger/logwriter.h"
 #include "zq/webkeel/gdvalue.h"
 #include "zq/webkeel/handle.h"
 #include "zq/webkeel/memalloc.h"
@@ -139,7 +140,9 @@ public:
 
     // Collects the writers that accept the severity; whether there is any.
     bool calcEnabledWriters(const LogSeverity& severity, const LoggerState& state);
-    // Writes to the writers collected by the last calcEnabledWriters.
+    // Writes to the writers collected by the last calcEnabledWriters. Inline, for the reason
+    // TmLogger's numbered forms are flattened (tmlogger.cpp): one call level less around a
+    // flushed line's write(2).
     void logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,
                              const LoggerState& state, const FileLocation* pLocation);
     // Writes to every accepting writer as it is found.
@@ -173,6 +176,13 @@ private:
     [[gnu::cold, gnu::noinline]] void waitForReplacementAndSync();
     // The writers that took one message (a fixed few, without allocating).
     class WrittenBy;
+    // The rest of logToEnabledWriters once the writer at nRefused refused the message: the
+    // writers after it, then the redelivery.
+    [[gnu::cold, gnu::noinline]] void finishAfterRefusal(std::size_t nRefused,
+                                                         const LogSeverity& severity,
+                                                         const GDValue& msg,
+                                                         const LoggerState& state,
+                                                         const FileLocation* pLocation);
     // A retired writer refused the message: hand it to the global writers that replaced the
     // retired ones, except those whose predecessor took it (rare: only while the configuration
     // replaces the writers).
@@ -193,5 +203,20 @@ private:
     logger_details::GuardAnswer m_guardAnswer;
     CacheLineGap m_tGapAfter;
 };
+
+// Indexed: no writer's logMessage changes the enabled list (a log call made inside one is
+// diverted before it reaches a writer set).
+inline void LogWriters::logToEnabledWriters(const LogSeverity& severity, const GDValue& msg,
+                                            const LoggerState& state,
+                                            const FileLocation* pLocation) {
+    for (std::size_t i = 0; i < m_vecEnabledWriters.size(); ++i) {
+        m_vecEnabledWriters[i]->logMessage(severity, msg, state, pLocation);
+        if (LogWriter::takeWriteRefusal()) [[unlikely]] {
+            finishAfterRefusal(i, severity, msg, state, pLocation);
+            return;
+        }
+    }
+    clearEnabledWriters();
+}
 
 }  // namespace kiv
