@@ -91,11 +91,6 @@ void LogWriters::removeLocalWriter(LogWriter* pWriter) {
     }
 }
 
-void LogWriters::clearEnabledWriters() noexcept {
-    m_vecEnabledWriters.clear();
-    m_keptForEnabled.clear();
-}
-
 void LogWriters::clearLocalWriters() {
     m_guardAnswer.forget();
     keepForEnabled(m_LogWritersLocal);

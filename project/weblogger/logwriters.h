@@ -151,8 +151,14 @@ public:
 
     const LogWritersList& getGlobalWriters() const noexcept { return m_LogWritersGlobal; }
     const EnabledWritersList& getEnabledWriters() const noexcept { return m_vecEnabledWriters; }
-    // Empties the enabled list and lets go of the writers kept for it.
-    void clearEnabledWriters() noexcept;
+    // Empties the enabled list and lets go of the writers kept for it. Inline: every message
+    // calls it twice, once in its guard and once after its write.
+    void clearEnabledWriters() noexcept {
+        m_vecEnabledWriters.clear();
+        if (!m_keptForEnabled.empty()) [[unlikely]] {
+            m_keptForEnabled.clear();
+        }
+    }
     int getGlobalWritersVersion() const noexcept {
         return m_GlobalWritersVersion.load(std::memory_order_relaxed);
     }
