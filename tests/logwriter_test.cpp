@@ -6,8 +6,11 @@
 #include <cstdint>
 
 #include "support/test_writer.h"
+#include "weblogger/commonseverities.h"
 #include "weblogger/loggermessages.h"
+#include "weblogger/loggerstate.h"
 #include "weblogger/logwritersman.h"
+#include "zq/webkeel/gdvalue.h"
 
 namespace kiv {
 namespace {
@@ -265,6 +268,47 @@ TEST(LogWriterDispatchGenerationTest, DisablingEnablingAndRetiringMoveIt) {
     nBefore = DispatchGeneration::current();
     hWriter->retire();
     EXPECT_GT(DispatchGeneration::current(), nBefore);
+}
+
+TEST(LogWriterRefusalTest, OnlyTheRetiredWriterThatRefusedReportsItAndOnlyOnce) {
+    const Handle<RecordingWriter> hRetired(
+        new RecordingWriter(String(L"retired"), 1, LogWriter::WT_SINGLE_THREADED, nullptr));
+    const Handle<RecordingWriter> hActive(
+        new RecordingWriter(String(L"active"), 2, LogWriter::WT_SINGLE_THREADED, nullptr));
+    hRetired->retire();
+    const LoggerState state;
+    hRetired->logMessage(kSevInfo, GDString(L"refused"), state, nullptr);
+    hActive->logMessage(kSevInfo, GDString(L"taken"), state, nullptr);
+
+    // The writer that took the message reports no refusal, whatever the thread's flag says.
+    EXPECT_FALSE(hActive->refusedLastWrite());
+    EXPECT_EQ(hActive->recordCount(), 1u);
+    EXPECT_TRUE(hRetired->refusedLastWrite());
+    EXPECT_FALSE(hRetired->refusedLastWrite());
+    EXPECT_EQ(hRetired->recordCount(), 0u);
+}
+
+TEST(LogWriterRefusalTest, WriterRetiredAfterTakingTheMessageReportsNoRefusal) {
+    const Handle<RecordingWriter> hWriter(
+        new RecordingWriter(String(L"late"), 1, LogWriter::WT_SINGLE_THREADED, nullptr));
+    const LoggerState state;
+    hWriter->logMessage(kSevInfo, GDString(L"taken"), state, nullptr);
+    hWriter->retire();
+
+    EXPECT_FALSE(hWriter->refusedLastWrite());
+    EXPECT_EQ(hWriter->recordCount(), 1u);
+}
+
+TEST(LogWriterRefusalTest, DisabledWriterThatIsNotRetiredRefusesNothingToHandOn) {
+    const Handle<RecordingWriter> hWriter(
+        new RecordingWriter(String(L"off"), 1, LogWriter::WT_SINGLE_THREADED, nullptr));
+    hWriter->setIsEnabled(false);
+    const LoggerState state;
+    hWriter->logMessage(kSevInfo, GDString(L"dropped"), state, nullptr);
+
+    EXPECT_FALSE(hWriter->refusedLastWrite());
+    EXPECT_FALSE(LogWriter::takeWriteRefusal());
+    EXPECT_EQ(hWriter->recordCount(), 0u);
 }
 
 }  // namespace

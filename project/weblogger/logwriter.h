@@ -87,6 +87,11 @@ public:
     // True (once) when a write on this thread was refused by a retired writer since the last
     // call; the dispatcher then hands the message to the writers that replaced it.
     static bool takeWriteRefusal() noexcept;
+    // Whether the write just made to this writer on this thread was refused. Only a retired
+    // writer refuses, and a writer stays retired, so for any other writer the answer is no
+    // without a look at the thread's flag: the dispatcher's check after every write is then
+    // one load of this writer's own flag, inline.
+    bool refusedLastWrite() const noexcept { return isRetired() && takeWriteRefusal(); }
     const Handle<const WriterFilter>& getWriterFilter() const noexcept { return m_hWriterFilter; }
 
 protected:

@@ -218,7 +218,7 @@ void LogWriters::finishAfterRefusal(std::size_t nRefused, const LogSeverity& sev
     for (std::size_t i = nRefused + 1; i < m_vecEnabledWriters.size(); ++i) {
         LogWriter* const pWriter = m_vecEnabledWriters[i];
         pWriter->logMessage(severity, msg, state, pLocation);
-        if (!LogWriter::takeWriteRefusal()) {
+        if (!pWriter->refusedLastWrite()) {
             written.add(pWriter);
         }
     }
@@ -234,7 +234,7 @@ void LogWriters::logMessage(const LogSeverity& severity, const GDValue& msg,
     const bool bRetiredMet =
         forEachAcceptingWriter(severity, state, [&](const Handle<LogWriter>& hWriter) {
             hWriter->logMessage(severity, msg, state, pLocation);
-            if (LogWriter::takeWriteRefusal()) {
+            if (hWriter->refusedLastWrite()) {
                 bRefused = true;
             } else {
                 written.add(hWriter.get());
@@ -277,7 +277,7 @@ void LogWriters::redeliverToReplacements(const LogSeverity& severity, const GDVa
             }
             if (accepts(*hWriter, severity, state, *pSource)) {
                 hWriter->logMessage(severity, msg, state, pLocation);
-                if (LogWriter::takeWriteRefusal()) {
+                if (hWriter->refusedLastWrite()) {
                     bAgain = true;
                 } else {
                     took.add(hWriter.get());

@@ -216,8 +216,9 @@ inline void LogWriters::logToEnabledWriters(const LogSeverity& severity, const G
                                             const LoggerState& state,
                                             const FileLocation* pLocation) {
     for (std::size_t i = 0; i < m_vecEnabledWriters.size(); ++i) {
-        m_vecEnabledWriters[i]->logMessage(severity, msg, state, pLocation);
-        if (LogWriter::takeWriteRefusal()) [[unlikely]] {
+        LogWriter& writer = *m_vecEnabledWriters[i];
+        writer.logMessage(severity, msg, state, pLocation);
+        if (writer.refusedLastWrite()) [[unlikely]] {
             finishAfterRefusal(i, severity, msg, state, pLocation);
             return;
         }
