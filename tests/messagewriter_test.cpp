@@ -391,6 +391,55 @@ TEST_F(MessageWriterTest, FixedTextEndingALineIsWrittenAsTheRecordsWouldBe) {
     }
 }
 
+TEST_F(MessageWriterTest, EveryShapeOfLineBodyIsWrittenAsTheRecordsWouldBe) {
+    // Between its cached head and its fixed tail, the file writer's renderer writes the message
+    // alone without reading the format's records, and walks the records for any other body. Both
+    // ways, and a second line that copies the cached head, give the bytes of the records.
+    m_state.pushSource(*m_one);
+    const GDString tmpl(L"got %1 of %2");
+    const GDUInteger64 count(7);
+    const GDString total(L"nine");
+    const FileLocation here(L"src/server.cpp", 42);
+    const char* const arrFormats[] = {
+        "<Format>[<MsgType/>] [<CurrentLogSource/>] <MessageText/><LineBreak/></Format>",
+        "<Format>[<MsgType/>] [<CurrentLogSource/>] <MessageText/></Format>",
+        "<Format>[<MsgType/>] [<CurrentLogSource/>] <MessageText/>|<MessageText/><LineBreak/>"
+        "</Format>",
+        "<Format>[<MsgType/>] [<CurrentLogSource/>] <File/>:<Line/> <MessageText/><LineBreak/>"
+        "</Format>",
+        "<Format>[<MsgType/>] [<CurrentLogSource/>] <MessageText/> (<FileName/>)<LineBreak/>"
+        "</Format>",
+        "<Format>[<MsgType/>] [<CurrentLogSource/>]<LineBreak/></Format>",
+        "<Format><MessageText/><LineBreak/></Format>",
+    };
+    for (const char* pszFormat : arrFormats) {
+        const XmlDocument format = XmlDocument::parseString(std::string_view(pszFormat));
+        auto* pWideFormat = new CompiledMsgFormat;
+        MessageFormatLoader::loadFormat(*pWideFormat, *format.getDocumentElement(),
+                                        CompiledMsgFormat::kEncodingPlain);
+        const auto hWide = WideFactory::createMessageWriter(pWideFormat, true);
+        auto* pRecordFormat = new CompiledMsgFormat;
+        MessageFormatLoader::loadFormat(*pRecordFormat, *format.getDocumentElement(),
+                                        CompiledMsgFormat::kEncodingPlain);
+        const auto hRecord =
+            MessageWriterFactory<RecordBuffer, Utf8InPlaceAdaptor>::createMessageWriter(
+                pRecordFormat, true);
+        for (int nLine = 0; nLine < 2; ++nLine) {
+            StringBufferTemplate<512, wchar_t> wide;
+            hWide->msg_log(kSevInfo, ReferentialParameterizedMessage(tmpl, count, total), m_state,
+                           &here, &wide);
+            RecordBuffer record;
+            hRecord->msg_log(kSevInfo, ReferentialParameterizedMessage(tmpl, count, total), m_state,
+                             &here, &record);
+            const std::string strLine(record.data(), record.size());
+            EXPECT_EQ(strLine, toUtf8(wide.view()).std()) << pszFormat << " line " << nLine;
+            EXPECT_EQ(strLine.find("got 7 of nine") != std::string::npos,
+                      std::string_view(pszFormat).find("<MessageText/>") != std::string::npos)
+                << pszFormat;
+        }
+    }
+}
+
 TEST_F(MessageWriterTest, ARecordIsStampedWithTheSecondItsLineShows) {
     // The file writer takes its once-a-second check's time from the record.
     const auto hRecord = MessageWriterFactory<RecordBuffer, Utf8InPlaceAdaptor>::compile(

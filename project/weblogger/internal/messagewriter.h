@@ -243,7 +243,8 @@ public:
           m_nSerial(logger_details::nextMessageWriterSerial()),
           m_nHeadRecords(countHeadRecords(*pFormat)),
           m_nTailRecords(countTailRecords(*pFormat, m_nHeadRecords)),
-          m_strTailUtf8(joinTailText(*pFormat, m_nTailRecords)) {}
+          m_strTailUtf8(joinTailText(*pFormat, m_nTailRecords)),
+          m_bBodyIsMessage(isMessageOnly(*pFormat, m_nHeadRecords, m_nTailRecords)) {}
     ~MessageWriterImpl() override {
         if (m_bDeleteFmt) {
             delete m_pformat;
@@ -281,15 +282,30 @@ private:
                                         std::size_t nHead) noexcept;
     // The UTF-8 bytes of the last nTail records (none or the last one).
     static std::string joinTailText(const CompiledMsgFormat& format, std::size_t nTail);
+    // Whether what lies between the head and the tail is the message text alone, as in most
+    // formats: the line is then the cached head, the message and the tail, and rendering it
+    // reads no record.
+    static bool isMessageOnly(const CompiledMsgFormat& format, std::size_t nHead,
+                              std::size_t nTail) noexcept;
     // One record. now is the second the whole line is stamped with.
     [[gnu::always_inline]] void writeRecord(const Record& record, const LogSeverity& severity,
                                             const GDValue& message, const LoggerState& state,
                                             const FileLocation* pFileLocation, Scratch& scratch,
                                             std::time_t now, Stream* out) const;
     // The first m_nHeadRecords records: copied from the thread's cache when it holds them for
-    // this second, severity and source, otherwise rendered and kept there.
-    void writeLineHead(const LogSeverity& severity, const LoggerState& state, Scratch& scratch,
-                       std::time_t now, Stream* out) const;
+    // this second, severity and source, otherwise rendered and kept there. The copy is inlined
+    // into msg_log and the rendering kept out of line: a flushed line runs right after the
+    // kernel's write has evicted its code, and every line of code it runs is fetched again.
+    [[gnu::always_inline]] void writeLineHead(const LogSeverity& severity, const LoggerState& state,
+                                              Scratch& scratch, std::time_t now, Stream* out) const;
+    [[gnu::noinline]] void renderLineHead(const logger_details::LineHeadCache::Key& key,
+                                          const LogSeverity& severity, const LoggerState& state,
+                                          Scratch& scratch, std::time_t now, Stream* out) const;
+    // The records between the head and the tail, one by one (formats other than the message
+    // text alone between them).
+    [[gnu::noinline]] void writeBody(const LogSeverity& severity, const GDValue& message,
+                                     const LoggerState& state, const FileLocation* pFileLocation,
+                                     Scratch& scratch, std::time_t now, Stream* out) const;
 
     // A value's text: where the value holds it ready (readyText), the text itself; otherwise
     // the value rendered into the thread's scratch buffer. Valid until the next call.
@@ -300,6 +316,13 @@ private:
     // rendering, encoded: each wide character encodes on its own, so pieces encode as the whole
     // would. Anything else is rendered by the formatter and then written.
     void writeMessage(const GDValue& message, Scratch& scratch, Stream* out) const;
+    // writeMessage's rarer ways, out of line so that a compiled template's path stays short: a
+    // plain template expanded as it is read (too long to keep compiled, or a stream that is not
+    // written in place), and any other message rendered by the formatter.
+    [[gnu::noinline]] void expandTemplate(const MessageBase& message, std::wstring_view text,
+                                          Scratch& scratch, Stream* out) const;
+    [[gnu::noinline]] void writeRendered(const GDValue& message, Scratch& scratch,
+                                         Stream* out) const;
     // A message through its template compiled to UTF-8: the pieces copied, the inserts written.
     void writeCompiled(const logger_details::Utf8Template& compiled, const MessageBase& message,
                        Scratch& scratch, Stream* out) const;
@@ -337,6 +360,7 @@ private:
     // the head: written as one piece, m_strTailUtf8, where the text goes as UTF-8.
     const std::size_t m_nTailRecords;
     const std::string m_strTailUtf8;
+    const bool m_bBodyIsMessage;
     WebTextMessageFormatter m_tMsgFormatter;
 };
 

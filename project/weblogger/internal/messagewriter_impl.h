@@ -181,31 +181,48 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeMessage(const GDVa
                     return;
                 }
             }
-            const auto writeText = [out](const wchar_t* p, std::size_t n) {
-                ValueWriter::write(out, p, n);
-            };
-            logger_details::Utf8InsertWriter<Stream, ValueWriter> insertWriter(out, m_tMsgFormatter,
-                                                                               scratch.valueText);
-            // Through the base: a closure holding the hidden type would outrank it in visibility.
-            GDValueVisitor& visitor = insertWriter;
-            const auto writeInsert = [&visitor](const GDValue& insert) { insert.accept(visitor); };
-            if constexpr (logger_details::WritesInPlace<Stream>) {
-                // Too long to keep compiled. Finding the next '%' and encoding up to it is one
-                // pass over the text.
-                using Utf8 = T2NEncodingUTF8<wchar_t>;
-                const auto encodeRun = [out](const wchar_t* p, std::size_t n) {
-                    char* pRoom = out->reserve(n * 4);
-                    std::size_t nTaken = 0;
-                    out->commit(Utf8::encodeUntil(p, n, L'%', pRoom, nTaken));
-                    return nTaken;
-                };
-                PlainTemplate::walk(text, *pMessage, encodeRun, writeText, writeInsert);
-            } else {
-                PlainTemplate::walk(text, *pMessage, writeText, writeInsert);
-            }
+            expandTemplate(*pMessage, text, scratch, out);
             return;
         }
     }
+    writeRendered(message, scratch, out);
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::expandTemplate(const MessageBase& message,
+                                                                        std::wstring_view text,
+                                                                        Scratch& scratch,
+                                                                        Stream* out) const {
+    if constexpr (TakesUtf8Bytes<ValueWriter>::value) {
+        const auto writeText = [out](const wchar_t* p, std::size_t n) {
+            ValueWriter::write(out, p, n);
+        };
+        logger_details::Utf8InsertWriter<Stream, ValueWriter> insertWriter(out, m_tMsgFormatter,
+                                                                           scratch.valueText);
+        // Through the base: a closure holding the hidden type would outrank it in visibility.
+        GDValueVisitor& visitor = insertWriter;
+        const auto writeInsert = [&visitor](const GDValue& insert) { insert.accept(visitor); };
+        if constexpr (logger_details::WritesInPlace<Stream>) {
+            // Too long to keep compiled. Finding the next '%' and encoding up to it is one
+            // pass over the text.
+            using Utf8 = T2NEncodingUTF8<wchar_t>;
+            const auto encodeRun = [out](const wchar_t* p, std::size_t n) {
+                char* pRoom = out->reserve(n * 4);
+                std::size_t nTaken = 0;
+                out->commit(Utf8::encodeUntil(p, n, L'%', pRoom, nTaken));
+                return nTaken;
+            };
+            PlainTemplate::walk(text, message, encodeRun, writeText, writeInsert);
+        } else {
+            PlainTemplate::walk(text, message, writeText, writeInsert);
+        }
+    }
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeRendered(const GDValue& message,
+                                                                       Scratch& scratch,
+                                                                       Stream* out) const {
     const std::wstring_view text = renderValue(message, scratch);
     ValueWriter::write(out, text.data(), text.size());
 }
@@ -267,24 +284,40 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::msg_log(const LogSeveri
     Scratch& scratch = Scratch::forThisThread();
     // One second for the whole line, however many stamps it shows.
     const std::time_t now = clock::wallClockSeconds();
-    const std::vector<Record*>& records = m_pformat->m_records;
-    std::size_t nFirst = 0;
     if constexpr (kCachesLineHeads) {
         out->setSecond(now);
         if (m_nHeadRecords != 0) {
             writeLineHead(severity, state, scratch, now, out);
-            nFirst = m_nHeadRecords;
         }
     }
-    const std::size_t nEnd = records.size() - m_nTailRecords;
-    for (std::size_t i = nFirst; i < nEnd; ++i) {
-        writeRecord(*records[i], severity, message, state, pFileLocation, scratch, now, out);
+    if (m_bBodyIsMessage) {
+        writeMessage(message, scratch, out);
+    } else {
+        writeBody(severity, message, state, pFileLocation, scratch, now, out);
     }
     if constexpr (TakesUtf8Bytes<TextWriter>::value) {
         if (!m_strTailUtf8.empty()) {
             out->write(m_strTailUtf8.data(), m_strTailUtf8.size());
         }
     }
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeBody(
+    const LogSeverity& severity, const GDValue& message, const LoggerState& state,
+    const FileLocation* pFileLocation, Scratch& scratch, std::time_t now, Stream* out) const {
+    const std::vector<Record*>& records = m_pformat->m_records;
+    const std::size_t nEnd = records.size() - m_nTailRecords;
+    for (std::size_t i = m_nHeadRecords; i < nEnd; ++i) {
+        writeRecord(*records[i], severity, message, state, pFileLocation, scratch, now, out);
+    }
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+bool MessageWriterImpl<Stream, TextWriter, ValueWriter>::isMessageOnly(
+    const CompiledMsgFormat& format, std::size_t nHead, std::size_t nTail) noexcept {
+    return format.m_records.size() == nHead + 1 + nTail &&
+           format.m_records[nHead]->m_nType == CompiledMsgFormat::kMsg;
 }
 
 template <class Stream, class TextWriter, class ValueWriter>
@@ -336,11 +369,9 @@ std::size_t MessageWriterImpl<Stream, TextWriter, ValueWriter>::countHeadRecords
 }
 
 template <class Stream, class TextWriter, class ValueWriter>
-void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeLineHead(const LogSeverity& severity,
-                                                                       const LoggerState& state,
-                                                                       Scratch& scratch,
-                                                                       std::time_t now,
-                                                                       Stream* out) const {
+inline void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeLineHead(
+    const LogSeverity& severity, const LoggerState& state, Scratch& scratch, std::time_t now,
+    Stream* out) const {
     if constexpr (kCachesLineHeads) {
         const LogSource* pSource = state.getCurSource();
         // The zone's generation is read before the head is rendered: a zone set meanwhile
@@ -352,19 +383,28 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeLineHead(const Log
             severity.m_dwImportance,
             pSource != nullptr ? pSource->getSerial() : 0,
             static_cast<int>(severity.m_nType)};
-        logger_details::LineHeadCache::Entry& entry = scratch.lineHeads.entryFor(m_nSerial);
+        const logger_details::LineHeadCache::Entry& entry = scratch.lineHeads.entryFor(m_nSerial);
         if (entry.key == key) [[likely]] {
             out->write(entry.arrBytes, entry.nBytes);
             return;
         }
+        renderLineHead(key, severity, state, scratch, now, out);
+    }
+}
+
+template <class Stream, class TextWriter, class ValueWriter>
+void MessageWriterImpl<Stream, TextWriter, ValueWriter>::renderLineHead(
+    const logger_details::LineHeadCache::Key& key, const LogSeverity& severity,
+    const LoggerState& state, Scratch& scratch, std::time_t now, Stream* out) const {
+    if constexpr (kCachesLineHeads) {
         const std::size_t nStart = out->size();
         for (std::size_t i = 0; i < m_nHeadRecords; ++i) {
             // The head's records read neither the message nor its location.
             writeRecord(*m_pformat->m_records[i], severity, GDString(), state, nullptr, scratch,
                         now, out);
         }
-        logger_details::LineHeadCache::remember(entry, key, out->data() + nStart,
-                                                out->size() - nStart);
+        logger_details::LineHeadCache::remember(scratch.lineHeads.entryFor(m_nSerial), key,
+                                                out->data() + nStart, out->size() - nStart);
     }
 }
 
