@@ -72,10 +72,7 @@ void LogWriter::retire() noexcept {
     m_tCs.release();
 }
 
-bool LogWriter::acceptWrite() const noexcept {
-    if (isEnabled()) {
-        return true;
-    }
+bool LogWriter::refuseWrite() const noexcept {
     // Only a replaced writer's message is handed on; a writer that disabled itself (its file
     // could not be opened) simply writes nothing, as the configuration asked.
     if (isRetired()) {

@@ -121,10 +121,18 @@ protected:
 
     // False when the writer is disabled or retired; a retired writer also marks the write as
     // refused, so that the dispatcher hands the message to its replacement. Called under the
-    // writer's lock, through WriteGuard.
-    bool acceptWrite() const noexcept;
+    // writer's lock, through WriteGuard; inline, as every message asks it.
+    bool acceptWrite() const noexcept {
+        if (isEnabled()) [[likely]] {
+            return true;
+        }
+        return refuseWrite();
+    }
 
 private:
+    // acceptWrite's answer for a writer no longer enabled: false, and the refusal marked when
+    // the writer was retired.
+    bool refuseWrite() const noexcept;
     // Enters the list of live writers; at the first write, under the writer's lock.
     void listAsLive() const noexcept;
 
@@ -134,15 +142,17 @@ private:
     // Cleared by the configuration on another thread while logging threads test it.
     std::atomic<bool> m_bIsEnabled;
     std::atomic<bool> m_bRetired{false};
+    // Whether the writer is in the process-wide list of live writers (see LogWritersMan),
+    // which it enters at its first write; touched under the writer's lock, and by the
+    // destructor. Next to the flags above: every write reads all three.
+    mutable bool m_bLiveListed = false;
     String m_strName;
     short m_id;
     Handle<const WriterFilter> m_hWriterFilter;
     // The process-wide list of live writers, guarded by its own lock (see LogWritersMan). A
-    // writer enters it at its first write (only what was written can need flushing); the flag
-    // is touched under the writer's lock, and by the destructor.
+    // writer enters it at its first write: only what was written can need flushing.
     LogWriter* m_pPrevLive = nullptr;
     LogWriter* m_pNextLive = nullptr;
-    mutable bool m_bLiveListed = false;
 };
 
 class LogWritersFactory : public RefCountedBaseTemplate<MemAllocNewdel> {
