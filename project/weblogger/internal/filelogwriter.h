@@ -200,28 +200,31 @@ private:
     bool claimRing();
     void releaseRing() noexcept;
 
+    // What every message reads comes first, followed by the file: a line touches as few of the
+    // writer's cache lines as it can, which counts most for a flushed line, run right after the
+    // kernel's write has evicted them.
+    MessageWriterHandle<RecordBuffer> m_pMessageWriter;
+    // The second in which the once-a-second checks last ran.
+    std::time_t m_tLastCheck = 0;
+    bool m_bAutoFlush = true;
+    // The last attempt to create or open a file failed; the next one comes with the check.
+    bool m_bOpenFailed = false;
+    // Not writing: reported once, with the messages dropped counted until it ends.
+    bool m_bOutageReported = false;
+    // The slot whose creation failed is tried again instead of moving on.
+    bool m_bRetrySameSlot = false;
+    LogFile m_CurFile;
     FilePath m_tCurFilePath;
     DirectoryPath m_strFileDirectory;
     String m_strFilePrefix;
-    LogFile m_CurFile;
     ERotationType m_eRotationType = kRotateBySize;
     std::uint32_t m_iCurFile = kNoFile;
     std::time_t m_timeCurFileUsageBegan = 0;
     std::uint64_t m_lFileSizeMax = kDefaultFileSizeMax;
     std::uint32_t m_iRotationIntervalSeconds = kDefaultRotationIntervalSeconds;
     std::uint32_t m_iNumberOfFiles = kDefaultNumberOfFiles;
-    MessageWriterHandle<RecordBuffer> m_pMessageWriter;
-    bool m_bAutoFlush = true;
     unsigned m_nFileMode = kDefaultFileMode;
     unsigned m_nDirectoryMode = 0750;
-    // The second in which the once-a-second checks last ran.
-    std::time_t m_tLastCheck = 0;
-    // Not writing: reported once, with the messages dropped counted until it ends.
-    bool m_bOutageReported = false;
-    // The last attempt to create or open a file failed; the next one comes with the check.
-    bool m_bOpenFailed = false;
-    // The slot whose creation failed is tried again instead of moving on.
-    bool m_bRetrySameSlot = false;
     std::uint64_t m_nDroppedMessages = 0;
     // Canonical directory and prefix of the ring this writer holds; empty when none.
     String m_strRingKey;

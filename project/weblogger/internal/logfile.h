@@ -317,7 +317,24 @@ private:
     // The state of a freshly opened file.
     void startFile() noexcept;
 
+    // What every record reads and writes comes first: the buffer's fill, the state a flushed
+    // record's write checks, and the file with its position.
+    unsigned long m_nUsed = 0;
+    SpareState m_eSpare = SpareState::kFree;
+    // Part of the record in progress is in the file already.
+    bool m_bPartialInFile = false;
+    bool m_bRecordLost = false;
+    bool m_bStalled = false;
+    // Where the file's last whole record ends: a failed write cuts the file back to it.
+    long long m_nCleanEnd = 0;
+    BinaryFile m_file;
     std::unique_ptr<char[]> m_pBuffer;
+    // Buffered bytes up to the last record end.
+    unsigned long m_nRecordEnd = 0;
+    // Whole records in the buffer.
+    std::uint64_t m_nRecordsBuffered = 0;
+    int m_nStallErrno = 0;
+    std::uint64_t m_nDroppedRecords = 0;
     // The second buffer: free, or records ahead of m_pBuffer's (see SpareState).
     std::unique_ptr<char[]> m_pSpare;
     unsigned long m_nSpareBytes = 0;
@@ -326,24 +343,9 @@ private:
     long long m_nSpareStart = 0;
     // The spare buffer's bytes while they are handed off or being written, 0 otherwise.
     unsigned long m_nBytesHandedOff = 0;
-    SpareState m_eSpare = SpareState::kFree;
     // The errno value of a taken-over write (0: written), under m_ioLock.
     int m_nTakenOverErrno = 0;
     CriticalSection m_ioLock{0, "LogFile I/O"};
-    unsigned long m_nUsed = 0;
-    // Buffered bytes up to the last record end.
-    unsigned long m_nRecordEnd = 0;
-    // Whole records in the buffer.
-    std::uint64_t m_nRecordsBuffered = 0;
-    // Where the file's last whole record ends: a failed write cuts the file back to it.
-    long long m_nCleanEnd = 0;
-    // Part of the record in progress is in the file already.
-    bool m_bPartialInFile = false;
-    bool m_bRecordLost = false;
-    bool m_bStalled = false;
-    int m_nStallErrno = 0;
-    std::uint64_t m_nDroppedRecords = 0;
-    BinaryFile m_file;
 };
 
 }  // namespace kiv
