@@ -9,12 +9,12 @@
 //
 // Every library writes the same line: "[<ISO 8601 time with offset>] [<level>] [kiv.http.request]
 // request <i> handled in 42 ms by worker w7", with i the message's index and 42 and "w7" read
-// from non-const globals. weblogger is set up as a server sets it up: the logging element is
-// applied with XmlLogConfiguration::reconfigure (its own format, thresholds from a filter
-// record: everything up to notifications, no traces), and the call is the one-line
-// WEBLOG_TO on the thread's logger under a pushed source, the worker's name passed as narrow
-// text. spdlog uses its thread-safe sinks (basic_file_sink_mt, rotating_file_sink_mt) with the
-// pattern "[%Y-%m-%dT%H:%M:%S%z] [%l] [%n] %v".
+// from non-const globals. weblogger is set up as a server sets it up: the logging element of
+// peer_workload_config.h is applied with XmlLogConfiguration::reconfigure, and the call is the
+// one-line WEBLOG_TO on the thread's logger under a pushed source, with the severity named at
+// the call and the worker's name passed as narrow text. spdlog uses its thread-safe sinks
+// (basic_file_sink_mt, rotating_file_sink_mt) with the pattern "[%Y-%m-%dT%H:%M:%S%z] [%l] [%n]
+// %v".
 //
 // Each iteration is one message; the final write-out of the buffers is outside the timing.
 // A shared machine spreads single figures: compare the ratios, and use
@@ -26,14 +26,13 @@
 #include <filesystem>
 #include <string>
 
+#include "peer_workload_config.h"
 #include "ratio_reporter.h"
 #include "support/temp_dir.h"
 #include "weblogger/log.h"
 #include "weblogger/loglifetime.h"
 #include "weblogger/logsource.h"
 #include "weblogger/logwritersman.h"
-#include "weblogger/xmllogconfiguration.h"
-#include "zq/webutil/xmldocument.h"
 
 #if WEBLOGGER_HAVE_SPDLOG
 #include <spdlog/sinks/basic_file_sink.h>
@@ -61,38 +60,6 @@ const LogSourceHandle& requestSource() {
     return s_source;
 }
 
-// The logging element of one workload: one FileLogWriter with the peers' line.
-std::string loggingElement(Workload nWorkload, const std::string& strDir) {
-    const bool bRotate = nWorkload == WL_ROTATE;
-    const bool bFlush = nWorkload == WL_FILE1T_FLUSH;
-    return std::string(
-               "<Logging><WriterClassGroups><WriterClassGroup name='Files'>1"
-               "</WriterClassGroup></WriterClassGroups><Filters>"
-               "<FilterRecord writerClassGroup='Files' path='kiv' incident_error='65534' "
-               "error='65534' warning='65534' information='65534' trace='0'/>"
-               "</Filters><Writers><Writer name='peers' implementation='FileLogWriter' "
-               "writerClassId='1' fmtName='Peers' dir='") +
-           strDir + "' filePrefix='bench' " +
-           (bRotate ? "maxFileSizeKb='64' filesN='10' "
-                    : "maxFileSizeKb='1073741824' filesN='1' ") +
-           "autoFlush='" + (bFlush ? "yes" : "no") +
-           "'/></Writers><Formats><Format name='Peers'>[<Time style='KLFTimeFormat'/>] "
-           "[<MsgType style='long'/>] [<CurrentLogSource/>] <MessageText/><LineBreak/>"
-           "</Format></Formats></Logging>";
-}
-
-void configure(const std::string& strXml) {
-    const XmlDocument document = XmlDocument::parseString(std::string_view(strXml));
-    const ConfigurationReport report =
-        XmlLogConfiguration::reconfigure(*document.getDocumentElement(), nullptr);
-    if (!report.m_bApplied) {
-        for (const String& problem : report.m_vecProblems) {
-            std::fprintf(stderr, "%s\n", toUtf8(problem.view()).c_str());
-        }
-        std::exit(1);
-    }
-}
-
 // A new directory for one run of one library's workload. Each run's files are removed when it
 // ends: on this VM the kernel's copy into the page cache slowed to a third once a process had
 // written a gigabyte or more, and a benchmark that keeps its files measures that instead.
@@ -109,21 +76,30 @@ void weblogger(benchmark::State& state, Workload nWorkload) {
         s_strDir = runDirectory("weblogger");
         // The source exists before the configuration, so it gets the record's thresholds.
         requestSource();
-        configure(loggingElement(nWorkload, s_strDir));
+        PeerWriterShape shape;
+        shape.m_bRotate = nWorkload == WL_ROTATE;
+        shape.m_bFlush = nWorkload == WL_FILE1T_FLUSH;
+        shape.m_bErrorsOnly = nWorkload == WL_DISABLED;
+        applyPeerLogging(peerLoggingElement(s_strDir, shape));
     }
     TmLogger& logger = TmLogger::getLogger();
     const TmLoggerPushSource pushed(&logger, requestSource().get());
-    const LogSeverity& severity = nWorkload == WL_DISABLED ? kSevTraceFine : kSevInfo;
     std::uint64_t i = static_cast<std::uint64_t>(state.thread_index()) << 40;
     for (auto _ : state) {
-        WEBLOG_TO(logger, severity, "request %1 handled in %2 ms by worker %3", i, g_nMillis,
-                  g_pszWorker);
+        // Two call sites, each with its severity written out, as server code names it.
+        if (nWorkload == WL_DISABLED) {
+            WEBLOG_TO(logger, kSevTraceFine, "request %1 handled in %2 ms by worker %3", i,
+                      g_nMillis, g_pszWorker);
+        } else {
+            WEBLOG_TO(logger, kSevInfo, "request %1 handled in %2 ms by worker %3", i, g_nMillis,
+                      g_pszWorker);
+        }
         ++i;
     }
     state.SetItemsProcessed(state.iterations());
     if (state.thread_index() == 0) {
         // The writer is written out and closed when its last holder lets it go.
-        configure("<Logging/>");
+        applyPeerLogging("<Logging/>");
         std::filesystem::remove_all(s_strDir);
     }
 }

@@ -59,6 +59,17 @@ TEST(CommonSeveritiesTest, PredefinedSeveritiesAreExactlyAsTabled) {
     }
 }
 
+TEST(CommonSeveritiesTest, PredefinedSeveritiesAreConstantsOfTheCallersCode) {
+    // A guard written with a named severity compares against constants the compiler knows,
+    // rather than loading the type and importance from the library.
+    constexpr LogSeverity severity = kSevTraceFine;
+    static_assert(severity.getType() == LogSeverity::SV_TRACE);
+    static_assert(severity.getImportance() == 1);
+    static_assert(kSevInfo.getType() == LogSeverity::SV_INFORMATION &&
+                  kSevInfo.getImportance() == 20);
+    EXPECT_EQ(severity.getImportance(), kSevTraceFine.m_dwImportance);
+}
+
 TEST(CommonSeveritiesTest, DeliberateIrregularitiesAreKept) {
     EXPECT_EQ(kSevErrorUser.m_dwImportance, kSevErrorMinor.m_dwImportance);
     EXPECT_EQ(kSevSecurityFatal.getType(), LogSeverity::SV_INFORMATION);

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "support/alloc_counter.h"
@@ -162,6 +163,27 @@ TEST_F(LogMacroTest, IntegersOfEveryWidthAndSignedness) {
     const std::size_t n = 7;
     WEBLOG_INFO("%1 %2 %3", l, n, 42);
     EXPECT_EQ(lastFileMessage(), "-5 7 42");
+}
+
+TEST_F(LogMacroTest, NumbersAndPointersTravelByValueAndOtherInsertsByReference) {
+    using logger_details::InsertParam;
+    static_assert(std::is_same_v<InsertParam<std::uint64_t>, std::uint64_t>);
+    static_assert(std::is_same_v<InsertParam<double>, double>);
+    static_assert(std::is_same_v<InsertParam<const char*>, const char*>);
+    static_assert(std::is_same_v<InsertParam<std::string>, const std::string&>);
+    static_assert(std::is_same_v<InsertParam<char[3]>, const char(&)[3]>);
+    static_assert(std::is_same_v<InsertParam<GDString>, const GDString&>);
+
+    // A loop counter logged by value shows the value of its call; text is still referred to.
+    attachFileWriter();
+    const std::string strWorker = "w7";
+    for (std::uint64_t i = 0; i < 3; ++i) {
+        WEBLOG_INFO("request %1 by %2 at %3", i, strWorker, "noon");
+    }
+    const std::vector<std::string> vecLines = fileLines();
+    ASSERT_EQ(vecLines.size(), 3u);
+    EXPECT_EQ(messageOf(vecLines[0]), "request 0 by w7 at noon");
+    EXPECT_EQ(messageOf(vecLines[2]), "request 2 by w7 at noon");
 }
 
 TEST_F(LogMacroTest, FloatingPointNumbersShowTheirShortestExactText) {

@@ -38,25 +38,30 @@ public:
 // "incident_error", "error", "warning", "information", "trace".
 extern const wchar_t* const arrLogTypesXml[LogSeverity::kMsgTypeCount];
 
-extern const LogSeverity kSevErrorCorruption;
-extern const LogSeverity kSevErrorFatal;
-extern const LogSeverity kSevErrorUnknown;
-extern const LogSeverity kSevErrorCritical;
-extern const LogSeverity kSevError;
-extern const LogSeverity kSevErrorUser;
-extern const LogSeverity kSevErrorMinor;
-extern const LogSeverity kSevWarningCritical;
-extern const LogSeverity kSevWarning;
-extern const LogSeverity kSevWarningMinor;
-extern const LogSeverity kSevSecurityFatal;
-extern const LogSeverity kSevSecurityCritical;
-extern const LogSeverity kSevSecurity;
-extern const LogSeverity kSevSecurityMinor;
-extern const LogSeverity kSevInfoCritical;
-extern const LogSeverity kSevInfo;
-extern const LogSeverity kSevInfoMinor;
-extern const LogSeverity kSevTraceFine;
-extern const LogSeverity kSevTraceFiner;
-extern const LogSeverity kSevTraceFinest;
+// Constants in the header, not objects of the library: a guard that names one
+// (`calcEnabledWriters(kSevTraceFine)`, the WEBLOG macros) compares the source's summary against
+// a type and importance the compiler knows, instead of loading both from the library on every
+// call, filtered-out ones included.
+
+inline constexpr LogSeverity kSevErrorCorruption{LogSeverity::SV_INCIDENT_ERROR, 1};
+inline constexpr LogSeverity kSevErrorFatal{LogSeverity::SV_ERROR, 1};
+inline constexpr LogSeverity kSevErrorUnknown{LogSeverity::SV_ERROR, 5};
+inline constexpr LogSeverity kSevErrorCritical{LogSeverity::SV_ERROR, 10};
+inline constexpr LogSeverity kSevError{LogSeverity::SV_ERROR, 16};
+inline constexpr LogSeverity kSevErrorUser{LogSeverity::SV_ERROR, 32};
+inline constexpr LogSeverity kSevErrorMinor{LogSeverity::SV_ERROR, 32};
+inline constexpr LogSeverity kSevWarningCritical{LogSeverity::SV_WARNING, 1};
+inline constexpr LogSeverity kSevWarning{LogSeverity::SV_WARNING, 16};
+inline constexpr LogSeverity kSevWarningMinor{LogSeverity::SV_WARNING, 32};
+inline constexpr LogSeverity kSevSecurityFatal{LogSeverity::SV_INFORMATION, 2};
+inline constexpr LogSeverity kSevSecurityCritical{LogSeverity::SV_INFORMATION, 4};
+inline constexpr LogSeverity kSevSecurity{LogSeverity::SV_INFORMATION, 8};
+inline constexpr LogSeverity kSevSecurityMinor{LogSeverity::SV_INFORMATION, 20};
+inline constexpr LogSeverity kSevInfoCritical{LogSeverity::SV_INFORMATION, 1};
+inline constexpr LogSeverity kSevInfo{LogSeverity::SV_INFORMATION, 20};
+inline constexpr LogSeverity kSevInfoMinor{LogSeverity::SV_TRACE, 1};
+inline constexpr LogSeverity kSevTraceFine{LogSeverity::SV_TRACE, 1};
+inline constexpr LogSeverity kSevTraceFiner{LogSeverity::SV_TRACE, 16};
+inline constexpr LogSeverity kSevTraceFinest{LogSeverity::SV_TRACE, 32};
 
 }  // namespace kiv

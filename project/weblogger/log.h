@@ -160,15 +160,33 @@ void logValues(TmLogger& logger, const LogSeverity& severity, const GDValue& tem
                                &location);
 }
 
+// How an insert reaches the out-of-line rest of a call: a number or a pointer by value, anything
+// else by reference, uncopied. Taken by reference, a caller's loop counter would have its address
+// passed on, and the compiler would keep it in memory across the whole loop, filtered-out calls
+// included, for the sake of the rare call that is accepted.
+template <class T>
+using InsertParam =
+    std::conditional_t<std::is_arithmetic_v<T> || std::is_pointer_v<T>, T, const T&>;
+
 // The rest of a call that some writer accepts (the macros below have asked the logger).
 template <class... Inserts>
-void logAccepted(TmLogger& logger, const LogSeverity& severity, std::wstring_view templateText,
-                 const wchar_t* pwszFile, std::uint32_t nLine, const Inserts&... inserts) {
+void logAcceptedInserts(TmLogger& logger, const LogSeverity& severity,
+                        std::wstring_view templateText, const wchar_t* pwszFile,
+                        std::uint32_t nLine, InsertParam<Inserts>... inserts) {
     static_assert(sizeof...(Inserts) <= ReferentialParameterizedMessage::kMaxReferentialInserts,
                   "a log call takes at most eight inserts");
     const GDStringRef templateValue(templateText.data(), templateText.size());
     const FileLocation location(pwszFile, nLine);
     logValues(logger, severity, templateValue, location, makeInsertValue(inserts)...);
+}
+
+// Inline, so that the numbers are read where the call is written and only their values travel.
+template <class... Inserts>
+[[gnu::always_inline]] inline void logAccepted(TmLogger& logger, const LogSeverity& severity,
+                                               std::wstring_view templateText,
+                                               const wchar_t* pwszFile, std::uint32_t nLine,
+                                               const Inserts&... inserts) {
+    logAcceptedInserts<Inserts...>(logger, severity, templateText, pwszFile, nLine, inserts...);
 }
 
 }  // namespace kiv::logger_details
