@@ -153,11 +153,33 @@ consteval TemplateText<N> makeTemplateText(const wchar_t (&arrText)[N]) {
     return text;
 }
 
+// Through the numbered calls where there are inserts: each takes the writers' delivery in whole,
+// so a flushed line's write(2) has one frame fewer open around it than through
+// logToEnabledWriters, which the numbered calls are otherwise the same as.
 template <class... Values>
 void logValues(TmLogger& logger, const LogSeverity& severity, const GDValue& templateValue,
                const FileLocation& location, const Values&... values) {
-    logger.logToEnabledWriters(severity, ReferentialParameterizedMessage(templateValue, values...),
-                               &location);
+    constexpr std::size_t nValues = sizeof...(Values);
+    if constexpr (nValues == 1) {
+        logger.logToEnabledWriters1(severity, templateValue, values..., &location);
+    } else if constexpr (nValues == 2) {
+        logger.logToEnabledWriters2(severity, templateValue, values..., &location);
+    } else if constexpr (nValues == 3) {
+        logger.logToEnabledWriters3(severity, templateValue, values..., &location);
+    } else if constexpr (nValues == 4) {
+        logger.logToEnabledWriters4(severity, templateValue, values..., &location);
+    } else if constexpr (nValues == 5) {
+        logger.logToEnabledWriters5(severity, templateValue, values..., &location);
+    } else if constexpr (nValues == 6) {
+        logger.logToEnabledWriters6(severity, templateValue, values..., &location);
+    } else if constexpr (nValues == 7) {
+        logger.logToEnabledWriters7(severity, templateValue, values..., &location);
+    } else if constexpr (nValues == 8) {
+        logger.logToEnabledWriters8(severity, templateValue, values..., &location);
+    } else {
+        logger.logToEnabledWriters(
+            severity, ReferentialParameterizedMessage(templateValue, values...), &location);
+    }
 }
 
 // How an insert reaches the out-of-line rest of a call: a number or a pointer by value, anything

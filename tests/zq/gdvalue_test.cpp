@@ -240,6 +240,24 @@ TEST(GDValueTest, Utf8RefDecodesTheCallersTextWhenRendered) {
     EXPECT_TRUE(render(GDUtf8StringRef(std::string_view("ab\0c", 4))).equals(String(L"ab\0c", 4)));
 }
 
+TEST(GDValueTest, Utf8RefOffersItsBytesToAVisitorThatTakesThem) {
+    struct BytesTaker : GDValueVisitor {
+        std::string_view m_bytes;
+        const IGDStringBufferable* m_pValue = nullptr;
+        void visitUtf8Text(std::string_view bytes, const IGDStringBufferable& value) override {
+            m_bytes = bytes;
+            m_pValue = &value;
+        }
+    };
+    const std::string owner = "caf\xC3\xA9";
+    const GDUtf8StringRef ref(owner);
+    BytesTaker taker;
+    ref.accept(taker);
+    EXPECT_EQ(taker.m_bytes.data(), owner.data());
+    EXPECT_EQ(taker.m_bytes.size(), 5u);
+    EXPECT_EQ(taker.m_pValue, static_cast<const IGDStringBufferable*>(&ref));
+}
+
 TEST(GDValueTest, Utf8RefIsADeferredValueForEveryVisitor) {
     const GDUtf8StringRef ref("x");
     EXPECT_EQ(ref.kind(), GDValue::kKindDeferred);

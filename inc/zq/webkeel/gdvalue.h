@@ -53,6 +53,11 @@ public:
     virtual void visitArray(const GDArray&) {}
     virtual void visitReference(const GDValue* /*pTarget*/) {}
     virtual void visitStringBufferable(const IGDStringBufferable&) {}
+    // Narrow text that a GDUtf8StringRef refers to: by default the same as any deferred text. A
+    // visitor that can take UTF-8 as it stands overrides it and keeps the bytes.
+    virtual void visitUtf8Text(std::string_view /*bytes*/, const IGDStringBufferable& value) {
+        visitStringBufferable(value);
+    }
     virtual void visitMessage(const MessageBase&) {}
 };
 
@@ -256,7 +261,7 @@ public:
         : m_view(psz != nullptr ? std::string_view(psz) : std::string_view()) {}
     explicit GDUtf8StringRef(std::string_view bytes) noexcept : m_view(bytes) {}
     std::string_view view() const noexcept { return m_view; }
-    void accept(GDValueVisitor& visitor) const override { visitor.visitStringBufferable(*this); }
+    void accept(GDValueVisitor& visitor) const override { visitor.visitUtf8Text(m_view, *this); }
     void acceptMessageVisitor(const MessageVisitor& visitor,
                               StringBufferBaseTemplate<wchar_t>& buffer,
                               const MessageVisitorParams& params) const override {

@@ -69,6 +69,18 @@ public:
         m_formatter.visitStringBufferable(value, m_scratchText, insertParams());
         writeScratchText();
     }
+    // ASCII is its own UTF-8: such text is copied as it stands instead of being decoded to wide
+    // text and encoded back. Anything else goes the formatter's way, which also replaces a
+    // malformed sequence.
+    void visitUtf8Text(std::string_view bytes, const IGDStringBufferable& value) override {
+        if (!isAscii(bytes)) {
+            visitStringBufferable(value);
+            return;
+        }
+        if (!bytes.empty()) {
+            m_pOut->write(bytes.data(), bytes.size());
+        }
+    }
     void visitMessage(const MessageBase& message) override {
         m_scratchText.clear();
         m_formatter.visitMessage(message, m_scratchText, insertParams());
@@ -81,6 +93,13 @@ private:
         MessageVisitorParams params;
         params.nDepth = 1;
         return params;
+    }
+    static bool isAscii(std::string_view bytes) noexcept {
+        unsigned char nAll = 0;
+        for (const char c : bytes) {
+            nAll |= static_cast<unsigned char>(c);
+        }
+        return nAll < 0x80;
     }
     void writeScratchText() {
         const std::wstring_view text = m_scratchText.view();
