@@ -13,8 +13,8 @@
 // peer_workload_config.h is applied with XmlLogConfiguration::reconfigure, and the call is the
 // one-line WEBLOG_TO on the thread's logger under a pushed source, with the severity named at
 // the call and the worker's name passed as narrow text. spdlog uses its thread-safe sinks
-// (basic_file_sink_mt, rotating_file_sink_mt) with the pattern "[%Y-%m-%dT%H:%M:%S%z] [%l] [%n]
-// %v".
+// (basic_file_sink_mt, rotating_file_sink_mt) with the pattern
+//   [%Y-%m-%dT%H:%M:%S%z] [%l] [%n] %v
 //
 // Each iteration is one message; the final write-out of the buffers is outside the timing.
 // A shared machine spreads single figures: compare the ratios, and use
