@@ -145,6 +145,26 @@ TEST_F(LogMacroTest, WideTextInserts) {
               "J\xC3\xBCrgen|literal|/caf\xC3\xA9|caf\xC3\xA9|host-\xE2\x82\xAC|[]");
 }
 
+TEST_F(LogMacroTest, CallsWithTemplatesOfOneLengthEachKeepTheirOwnText) {
+    // The file writer keeps compiled templates by address and the literal's fingerprint: calls
+    // that take turns, with templates of the same length, each show their own.
+    attachFileWriter();
+    std::vector<std::string> vecExpected;
+    for (int nRound = 0; nRound < 3; ++nRound) {
+        WEBLOG_INFO("alpha %1", nRound);
+        WEBLOG_INFO("bravo %1", nRound);
+        WEBLOG_INFO(L"gamma %1", nRound);
+        for (const char* pszName : {"alpha ", "bravo ", "gamma "}) {
+            vecExpected.push_back(pszName + std::to_string(nRound));
+        }
+    }
+    std::vector<std::string> vecTexts;
+    for (const std::string& strLine : fileLines()) {
+        vecTexts.push_back(messageOf(strLine));
+    }
+    EXPECT_EQ(vecTexts, vecExpected);
+}
+
 TEST_F(LogMacroTest, IntegersOfEveryWidthAndSignedness) {
     attachFileWriter();
     const std::int8_t i8 = -8;

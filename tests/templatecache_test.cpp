@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "zq/webkeel/gdvalue.h"
+
 namespace kiv::logger_details {
 namespace {
 
@@ -80,6 +82,45 @@ TEST(Utf8TemplateCacheTest, NewTextAtTheSameAddressIsCompiledAgain) {
     EXPECT_EQ(describe(*cache.find(text)), "old |1| text|0|");
     // A shorter text at the same address is another template too.
     EXPECT_EQ(describe(*cache.find(std::wstring_view(text).substr(0, 3))), "old|0|");
+}
+
+TEST(Utf8TemplateCacheTest, ALiteralIsFoundAgainByItsFingerprint) {
+    static constexpr std::wstring_view kLiteral = L"served %1 in %2 ms";
+    constexpr std::uint64_t nFingerprint = GDLiteralText::fingerprintOf(kLiteral);
+    Utf8TemplateCache cache;
+    const Utf8Template* pFirst = cache.find(kLiteral, nFingerprint);
+    ASSERT_NE(pFirst, nullptr);
+    EXPECT_TRUE(pFirst->isFor(kLiteral, nFingerprint));
+    EXPECT_EQ(cache.find(kLiteral, nFingerprint), pFirst);
+    EXPECT_EQ(describe(*pFirst), "served |1| in |2| ms|0|");
+    // The same text given without its fingerprint is compared and found as well.
+    EXPECT_EQ(cache.find(kLiteral), pFirst);
+}
+
+TEST(Utf8TemplateCacheTest, AnotherLiteralAtTheSameAddressIsCompiledAgain) {
+    // A library unloaded and another loaded in its place: same address and length, other text,
+    // and so another fingerprint.
+    std::wstring text = L"old %1 text";
+    Utf8TemplateCache cache;
+    ASSERT_NE(cache.find(text, GDLiteralText::fingerprintOf(text)), nullptr);
+    text[0] = L'n';
+    text[5] = L'2';
+    const Utf8Template* pAgain = cache.find(text, GDLiteralText::fingerprintOf(text));
+    ASSERT_NE(pAgain, nullptr);
+    EXPECT_EQ(describe(*pAgain), "nld |2| text|0|");
+}
+
+TEST(Utf8TemplateCacheTest, AFingerprintThatIsNotTheTextsIsNotTrusted) {
+    std::wstring text = L"old %1 text";
+    const std::uint64_t nWrong = GDLiteralText::fingerprintOf(L"something else");
+    Utf8TemplateCache cache;
+    const Utf8Template* pFirst = cache.find(text, nWrong);
+    ASSERT_NE(pFirst, nullptr);
+    EXPECT_EQ(describe(*pFirst), "old |1| text|0|");
+    // The entry kept no fingerprint: the text is compared, and a change is seen.
+    text[5] = L'2';
+    EXPECT_FALSE(pFirst->isFor(text, nWrong));
+    EXPECT_EQ(describe(*cache.find(text, nWrong)), "old |2| text|0|");
 }
 
 TEST(Utf8TemplateCacheTest, ManyTemplatesTakeTurnsInTheSlotsAndEachStaysRight) {

@@ -27,6 +27,8 @@
 //     "\xC3\xB6" is one "ö") are decoded by a consteval function into a constant of the call
 //     site, so the template costs nothing when the program runs: no conversion, no static to
 //     initialise on first use or to destroy at exit while other threads may still be logging.
+//     Its fingerprint is computed with it (GDLiteralText), so the file writer knows its compiled
+//     form of the template from the text's address and fingerprint, without comparing texts.
 //     That is also why the template must be a string literal, narrow (UTF-8) or wide; anything
 //     else does not compile. A template that is not a literal (a catalogue message, a text made
 //     at run time) goes through TmLogger::logToEnabledWriters1..8.
@@ -130,6 +132,16 @@ struct TemplateText {
     }
 };
 
+// What a call site knows when the program is compiled, handed to the rest of the call as one
+// pointer: the template's text and its literal fingerprint (so that the file writer finds its
+// compiled template without comparing the text), the file and the line.
+struct CallSite {
+    std::wstring_view m_templateText;
+    std::uint64_t m_nFingerprint;
+    const wchar_t* m_pwszFile;
+    std::uint32_t m_nLine;
+};
+
 // A narrow literal is UTF-8, decoded as fromUtf8 decodes text at run time (a malformed sequence
 // gives U+FFFD); its N - 1 bytes give at most N - 1 characters.
 template <std::size_t N>
@@ -192,40 +204,40 @@ using InsertParam =
 
 // The rest of a call that some writer accepts (the macros below have asked the logger).
 template <class... Inserts>
-void logAcceptedInserts(TmLogger& logger, const LogSeverity& severity,
-                        std::wstring_view templateText, const wchar_t* pwszFile,
-                        std::uint32_t nLine, InsertParam<Inserts>... inserts) {
+void logAcceptedInserts(TmLogger& logger, const LogSeverity& severity, const CallSite& site,
+                        InsertParam<Inserts>... inserts) {
     static_assert(sizeof...(Inserts) <= ReferentialParameterizedMessage::kMaxReferentialInserts,
                   "a log call takes at most eight inserts");
-    const GDStringRef templateValue(templateText.data(), templateText.size());
-    const FileLocation location(pwszFile, nLine);
+    const GDLiteralText templateValue(site.m_templateText, site.m_nFingerprint);
+    const FileLocation location(site.m_pwszFile, site.m_nLine);
     logValues(logger, severity, templateValue, location, makeInsertValue(inserts)...);
 }
 
 // Inline, so that the numbers are read where the call is written and only their values travel.
 template <class... Inserts>
 [[gnu::always_inline]] inline void logAccepted(TmLogger& logger, const LogSeverity& severity,
-                                               std::wstring_view templateText,
-                                               const wchar_t* pwszFile, std::uint32_t nLine,
-                                               const Inserts&... inserts) {
-    logAcceptedInserts<Inserts...>(logger, severity, templateText, pwszFile, nLine, inserts...);
+                                               const CallSite& site, const Inserts&... inserts) {
+    logAcceptedInserts<Inserts...>(logger, severity, site, inserts...);
 }
 
 }  // namespace kiv::logger_details
 
 // Logs through the logger given; the template must be a string literal ("" tmpl refuses
 // anything else).
-#define WEBLOG_TO(logger, severity, tmpl, ...)                                       \
-    do {                                                                             \
-        ::kiv::TmLogger& weblogLogger_ = (logger);                                   \
-        const ::kiv::LogSeverity& weblogSeverity_ = (severity);                      \
-        if (weblogLogger_.calcEnabledWriters(weblogSeverity_)) {                     \
-            static constexpr auto weblogTemplate_ =                                  \
-                ::kiv::logger_details::makeTemplateText("" tmpl);                    \
-            ::kiv::logger_details::logAccepted(weblogLogger_, weblogSeverity_,       \
-                                               weblogTemplate_.view(), L"" __FILE__, \
-                                               __LINE__ __VA_OPT__(, ) __VA_ARGS__); \
-        }                                                                            \
+#define WEBLOG_TO(logger, severity, tmpl, ...)                                             \
+    do {                                                                                   \
+        ::kiv::TmLogger& weblogLogger_ = (logger);                                         \
+        const ::kiv::LogSeverity& weblogSeverity_ = (severity);                            \
+        if (weblogLogger_.calcEnabledWriters(weblogSeverity_)) {                           \
+            static constexpr auto weblogTemplate_ =                                        \
+                ::kiv::logger_details::makeTemplateText("" tmpl);                          \
+            static constexpr ::kiv::logger_details::CallSite weblogSite_{                  \
+                weblogTemplate_.view(),                                                    \
+                ::kiv::GDLiteralText::fingerprintOf(weblogTemplate_.view()), L"" __FILE__, \
+                __LINE__};                                                                 \
+            ::kiv::logger_details::logAccepted(weblogLogger_, weblogSeverity_,             \
+                                               weblogSite_ __VA_OPT__(, ) __VA_ARGS__);    \
+        }                                                                                  \
     } while (false)
 
 // Logs through the calling thread's logger, at any severity.

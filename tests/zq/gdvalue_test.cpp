@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <limits>
+#include <memory>
 #include <string>
+#include <string_view>
 
 #include "support/alloc_counter.h"
 
@@ -74,6 +77,48 @@ TEST(GDValueTest, StringsHandTheirTextOutAsItStandsAndOtherValuesDoNot) {
     EXPECT_FALSE(ref.readyUtf8(bytes));
     EXPECT_FALSE(GDUtf8StringRef("x").readyUtf8(bytes));
     EXPECT_FALSE(GDUInteger64(7).readyUtf8(bytes));
+}
+
+TEST(GDValueTest, ALiteralIsAStringThatCarriesItsFingerprint) {
+    static constexpr std::wstring_view kText = L"request %1 done";
+    constexpr std::uint64_t nFingerprint = GDLiteralText::fingerprintOf(kText);
+    static_assert(nFingerprint != 0);
+    static_assert(nFingerprint != GDLiteralText::fingerprintOf(L"request %2 done"));
+    static_assert(GDLiteralText::fingerprintOf(L"") != 0);
+    const GDLiteralText literal(kText, nFingerprint);
+    EXPECT_EQ(literal.kind(), GDValue::kKindString);
+    EXPECT_EQ(literal.toString(), String(L"request %1 done"));
+    std::wstring_view text;
+    ASSERT_TRUE(literal.readyText(text));
+    EXPECT_EQ(text.data(), kText.data());
+    std::uint64_t nGiven = 0;
+    ASSERT_TRUE(literal.readyTemplateText(text, nGiven));
+    EXPECT_EQ(text.data(), kText.data());
+    EXPECT_EQ(text.size(), kText.size());
+    EXPECT_EQ(nGiven, nFingerprint);
+    // A copy is the same literal.
+    const std::unique_ptr<GDValue> pCopy(literal.clone());
+    ASSERT_TRUE(pCopy->readyTemplateText(text, nGiven));
+    EXPECT_EQ(text.data(), kText.data());
+    EXPECT_EQ(nGiven, nFingerprint);
+}
+
+TEST(GDValueTest, OtherStringsGiveTheirTemplateTextWithoutAFingerprint) {
+    std::wstring_view text;
+    std::uint64_t nGiven = 7;
+    const GDString str(String(L"owned %1"));
+    ASSERT_TRUE(str.readyTemplateText(text, nGiven));
+    EXPECT_EQ(text.data(), str.getString().data());
+    EXPECT_EQ(nGiven, 0U);
+    const String owner(L"caller %1");
+    nGiven = 7;
+    ASSERT_TRUE(GDStringRef(owner).readyTemplateText(text, nGiven));
+    EXPECT_EQ(text.data(), owner.data());
+    EXPECT_EQ(nGiven, 0U);
+    nGiven = 7;
+    EXPECT_FALSE(GDUInteger64(7).readyTemplateText(text, nGiven));
+    EXPECT_EQ(nGiven, 0U);
+    EXPECT_FALSE(GDUtf8StringRef("x").readyTemplateText(text, nGiven));
 }
 
 TEST(GDValueTest, StringRefDoesNotCopyTheText) {

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <string_view>
+
 #include "support/alloc_counter.h"
 #include "support/temp_dir.h"
 #include "zq/webkeel/transcode.h"
@@ -88,6 +91,31 @@ TEST_F(MessageTest, PlainTemplateExpandsPercentInserts) {
     const ReferentialParameterizedMessage message(tmpl, first, second);
     // "%3" has no insert and stays as written, so the missing argument shows in the log.
     EXPECT_TRUE(render(message).equals(L"one of 2 (100%) %3 %x %"));
+}
+
+TEST_F(MessageTest, PlainTemplateHandsOnALiteralsFingerprint) {
+    static constexpr std::wstring_view kLiteral = L"%1 served";
+    constexpr std::uint64_t nFingerprint = GDLiteralText::fingerprintOf(kLiteral);
+    const GDLiteralText literal(kLiteral, nFingerprint);
+    const GDString owned(L"%1 served");
+    const GDUInteger64 insert(3);
+    std::wstring_view text;
+    std::uint64_t nGiven = 0;
+    const ReferentialParameterizedMessage fromLiteral(literal, insert);
+    ASSERT_EQ(PlainTemplate::find(fromLiteral, text, nGiven), &fromLiteral);
+    EXPECT_EQ(text.data(), kLiteral.data());
+    EXPECT_EQ(nGiven, nFingerprint);
+    const ReferentialParameterizedMessage fromString(owned, insert);
+    ASSERT_EQ(PlainTemplate::find(fromString, text, nGiven), &fromString);
+    EXPECT_EQ(text, kLiteral);
+    EXPECT_EQ(nGiven, 0U);
+    // Through a reference to the message, and rendered as any string template.
+    ASSERT_EQ(PlainTemplate::find(GDValueRef(&fromLiteral), text, nGiven), &fromLiteral);
+    EXPECT_EQ(nGiven, nFingerprint);
+    EXPECT_TRUE(render(fromLiteral).equals(L"3 served"));
+    // A catalogue message has no plain template, and so no fingerprint either.
+    const ReferentialParameterizedMessage catalogue(kmsgTestGreeting, owned, insert);
+    EXPECT_EQ(PlainTemplate::find(catalogue, text, nGiven), nullptr);
 }
 
 TEST_F(MessageTest, ReferentialMessageOverCatalogueEntry) {

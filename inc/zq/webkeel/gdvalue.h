@@ -106,6 +106,13 @@ public:
     // null character: a renderer that writes UTF-8 copies these bytes as they are. False when
     // the value does not keep such a form.
     virtual bool readyUtf8(std::string_view& /*bytes*/) const { return false; }
+    // The text of a string value in one call, for a message's template; nFingerprint is the
+    // text's literal fingerprint when the value is a GDLiteralText, 0 otherwise. False for
+    // every value that is not a string with ready text.
+    virtual bool readyTemplateText(std::wstring_view& text, std::uint64_t& nFingerprint) const {
+        nFingerprint = 0;
+        return kind() == kKindString && readyText(text);
+    }
 
     // Whether the value, or the value it refers to, is a string / a number.
     bool isString() const noexcept;
@@ -158,18 +165,20 @@ public:
         text = view();
         return true;
     }
+    bool readyTemplateText(std::wstring_view& text, std::uint64_t& nFingerprint) const override {
+        text = view();
+        nFingerprint = 0;
+        return true;
+    }
 
 private:
     String m_str;
 };
 
-// Refers to text owned by the caller; the text must outlive the value and its copies.
-class GDStringRef final : public GDValueImpl<GDStringRef> {
+// What a value that refers to wide text kept elsewhere does: a string whose text is ready.
+template <class Derived>
+class GDTextRefImpl : public GDValueImpl<Derived> {
 public:
-    explicit GDStringRef(const wchar_t* psz) noexcept
-        : m_view(psz != nullptr ? std::wstring_view(psz) : std::wstring_view()) {}
-    GDStringRef(const wchar_t* p, std::size_t n) noexcept : m_view(p, n) {}
-    explicit GDStringRef(const String& str) noexcept : m_view(str.view()) {}
     std::wstring_view view() const noexcept { return m_view; }
     void accept(GDValueVisitor& visitor) const override { visitor.visitString(m_view); }
     void acceptMessageVisitor(const MessageVisitor& visitor,
@@ -177,14 +186,66 @@ public:
                               const MessageVisitorParams& params) const override {
         visitor.visitString(m_view, buffer, params);
     }
-    Kind kind() const noexcept override { return kKindString; }
+    GDValue::Kind kind() const noexcept override { return GDValue::kKindString; }
     bool readyText(std::wstring_view& text) const override {
         text = m_view;
         return true;
     }
+    bool readyTemplateText(std::wstring_view& text, std::uint64_t& nFingerprint) const override {
+        text = m_view;
+        nFingerprint = 0;
+        return true;
+    }
+
+protected:
+    explicit GDTextRefImpl(std::wstring_view text) noexcept : m_view(text) {}
 
 private:
     std::wstring_view m_view;
+};
+
+// Refers to text owned by the caller; the text must outlive the value and its copies.
+class GDStringRef final : public GDTextRefImpl<GDStringRef> {
+public:
+    explicit GDStringRef(const wchar_t* psz) noexcept
+        : GDTextRefImpl(psz != nullptr ? std::wstring_view(psz) : std::wstring_view()) {}
+    GDStringRef(const wchar_t* p, std::size_t n) noexcept
+        : GDTextRefImpl(std::wstring_view(p, n)) {}
+    explicit GDStringRef(const String& str) noexcept : GDTextRefImpl(str.view()) {}
+};
+
+// The text of a string literal, decoded when the program was compiled, with the fingerprint of
+// that text (fingerprintOf, also computed when the program was compiled). A literal's text has
+// static storage and never changes: a renderer that keeps a compiled form of a template by its
+// address can tell it is still the same text from the address, the length and the fingerprint,
+// without comparing the text character by character. Only for text that never changes: made
+// over a buffer that is later rewritten, with the fingerprint of its first text, it may go on
+// showing that first text. A fingerprint that is not its text's is caught when the renderer
+// compiles the template (it then compares the text every time, as for any other string).
+class GDLiteralText final : public GDTextRefImpl<GDLiteralText> {
+public:
+    GDLiteralText(std::wstring_view text, std::uint64_t nFingerprint) noexcept
+        : GDTextRefImpl(text), m_nFingerprint(nFingerprint) {}
+    std::uint64_t fingerprint() const noexcept { return m_nFingerprint; }
+    bool readyTemplateText(std::wstring_view& text, std::uint64_t& nFingerprint) const override {
+        text = view();
+        nFingerprint = m_nFingerprint;
+        return true;
+    }
+
+    // FNV-1a over the characters, never 0 (0 stands for "no fingerprint"). Two different texts
+    // of the same length at the same address (a library unloaded and another loaded in its
+    // place) would also have to share these 64 bits to be taken for each other.
+    static constexpr std::uint64_t fingerprintOf(std::wstring_view text) noexcept {
+        std::uint64_t nHash = 0xcbf29ce484222325ULL;
+        for (const wchar_t c : text) {
+            nHash = (nHash ^ static_cast<std::uint32_t>(c)) * 0x100000001b3ULL;
+        }
+        return nHash != 0 ? nHash : 1;
+    }
+
+private:
+    std::uint64_t m_nFingerprint;
 };
 
 class GDUInteger64 final : public GDValueImpl<GDUInteger64> {

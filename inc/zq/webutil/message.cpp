@@ -290,22 +290,25 @@ std::vector<String> MessageTable::getLoadErrors() const {
 // ---------------------------------------------------------------------------------------------
 // Plain templates
 
-bool PlainTemplate::textOf(const MessageBase& message, std::wstring_view& text) noexcept {
+bool PlainTemplate::textOf(const MessageBase& message, std::wstring_view& text,
+                           std::uint64_t& nFingerprint) noexcept {
     if (message.getCatalogueMessage() != nullptr) {
         return false;
     }
     const GDValue* pTemplate = message.getTemplateValue();
-    return pTemplate != nullptr && textOfTemplate(*pTemplate, text);
+    return pTemplate != nullptr && textOfTemplate(*pTemplate, text, nFingerprint);
 }
 
-bool PlainTemplate::textOfTemplate(const GDValue& templateValue, std::wstring_view& text) noexcept {
+bool PlainTemplate::textOfTemplate(const GDValue& templateValue, std::wstring_view& text,
+                                   std::uint64_t& nFingerprint) noexcept {
     // A string (the template of nearly every message) hands its text over in one call, written
     // straight into text. Read back from a visitor's fields instead, the view's two halves,
     // stored one by one, came back in one wide load that the processor could not forward
     // from the stores: a stall on every message.
-    if (templateValue.kind() == GDValue::kKindString && templateValue.readyText(text)) {
+    if (templateValue.readyTemplateText(text, nFingerprint)) {
         return true;
     }
+    nFingerprint = 0;
     const GDValue* pTarget = templateValue.target();
     if (pTarget == nullptr) {
         return false;
@@ -316,13 +319,14 @@ bool PlainTemplate::textOfTemplate(const GDValue& templateValue, std::wstring_vi
     return reader.m_bFound;
 }
 
-const MessageBase* PlainTemplate::find(const GDValue& value, std::wstring_view& text) noexcept {
+const MessageBase* PlainTemplate::find(const GDValue& value, std::wstring_view& text,
+                                       std::uint64_t& nFingerprint) noexcept {
     const GDValue* pTarget = value.target();
     if (pTarget == nullptr || pTarget->kind() != GDValue::kKindMessage) {
         return nullptr;
     }
     const auto* pMessage = static_cast<const MessageBase*>(pTarget);
-    return textOf(*pMessage, text) ? pMessage : nullptr;
+    return textOf(*pMessage, text, nFingerprint) ? pMessage : nullptr;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -354,7 +358,8 @@ void WebTextMessageFormatter::visitMessage(const MessageBase& message, Buffer& b
         return;
     }
     std::wstring_view text;
-    if (PlainTemplate::textOfTemplate(*pTemplate, text)) {
+    std::uint64_t nFingerprint = 0;
+    if (PlainTemplate::textOfTemplate(*pTemplate, text, nFingerprint)) {
         PlainTemplate::walk(
             text, message, [&buffer](const wchar_t* p, std::size_t n) { buffer.append(p, n); },
             [this, &buffer, &inner](const GDValue& insert) {

@@ -18,6 +18,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <cwchar>
 #include <string_view>
 #include <vector>
@@ -185,11 +186,19 @@ struct PlainTemplate {
     // The message that value is, or refers to, when the formatter expands it as a plain
     // template: no catalogue entry, and a template whose value (or the value it refers to) is a
     // string; text is then that string. Null for every other value.
-    static const MessageBase* find(const GDValue& value, std::wstring_view& text) noexcept;
+    // nFingerprint is the template's literal fingerprint (GDLiteralText), 0 when it has none.
+    static const MessageBase* find(const GDValue& value, std::wstring_view& text,
+                                   std::uint64_t& nFingerprint) noexcept;
+    static const MessageBase* find(const GDValue& value, std::wstring_view& text) noexcept {
+        std::uint64_t nFingerprint = 0;
+        return find(value, text, nFingerprint);
+    }
     // The plain template text of message, as find gives it.
-    static bool textOf(const MessageBase& message, std::wstring_view& text) noexcept;
+    static bool textOf(const MessageBase& message, std::wstring_view& text,
+                       std::uint64_t& nFingerprint) noexcept;
     // The text of a template value when it is (or refers to) a string.
-    static bool textOfTemplate(const GDValue& templateValue, std::wstring_view& text) noexcept;
+    static bool textOfTemplate(const GDValue& templateValue, std::wstring_view& text,
+                               std::uint64_t& nFingerprint) noexcept;
 
     // Walks text as the formatter expands it: onText(pointer, count) for each run of text that
     // stands as it is, onInsert(insert) for each "%1".."%9" whose insert is set. "%%" gives one

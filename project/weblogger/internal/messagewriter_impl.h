@@ -193,9 +193,11 @@ void MessageWriterImpl<Stream, TextWriter, ValueWriter>::writeMessage(const GDVa
                                                                       Stream* out) const {
     if constexpr (TakesUtf8Bytes<ValueWriter>::value) {
         std::wstring_view text;
-        if (const MessageBase* pMessage = PlainTemplate::find(message, text)) {
+        std::uint64_t nFingerprint = 0;
+        if (const MessageBase* pMessage = PlainTemplate::find(message, text, nFingerprint)) {
             if constexpr (logger_details::WritesInPlace<Stream>) {
-                if (const logger_details::Utf8Template* pCompiled = scratch.templates.find(text)) {
+                if (const logger_details::Utf8Template* pCompiled =
+                        scratch.templates.find(text, nFingerprint)) {
                     writeCompiled(*pCompiled, *pMessage, scratch, out);
                     return;
                 }

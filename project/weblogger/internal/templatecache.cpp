@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "zq/webkeel/encoding.h"
+#include "zq/webkeel/gdvalue.h"
 #include "zq/webutil/message.h"
 
 namespace kiv::logger_details {
@@ -32,8 +33,9 @@ std::uint16_t markerNumber(const GDValue& marker) noexcept {
 
 }  // namespace
 
-bool Utf8Template::compile(std::wstring_view text) noexcept {
+bool Utf8Template::compile(std::wstring_view text, std::uint64_t nFingerprint) noexcept {
     m_pSource = nullptr;
+    m_nFingerprint = 0;
     m_nChars = 0;
     m_nSegments = 0;
     if (text.size() > kMaxChars) {
@@ -74,12 +76,20 @@ bool Utf8Template::compile(std::wstring_view text) noexcept {
     std::copy(text.begin(), text.end(), m_arrText);
     m_nChars = text.size();
     m_pSource = text.data();
+    if (nFingerprint != 0 && GDLiteralText::fingerprintOf(text) == nFingerprint) {
+        m_nFingerprint = nFingerprint;
+    }
     return true;
 }
 
-bool Utf8Template::isFor(std::wstring_view text) const noexcept {
-    return m_pSource == text.data() && m_nChars == text.size() && m_pSource != nullptr &&
-           std::memcmp(m_arrText, text.data(), m_nChars * sizeof(wchar_t)) == 0;
+bool Utf8Template::isFor(std::wstring_view text, std::uint64_t nFingerprint) const noexcept {
+    if (m_pSource != text.data() || m_nChars != text.size() || m_pSource == nullptr) {
+        return false;
+    }
+    if (nFingerprint != 0 && nFingerprint == m_nFingerprint) {
+        return true;
+    }
+    return std::memcmp(m_arrText, text.data(), m_nChars * sizeof(wchar_t)) == 0;
 }
 
 }  // namespace kiv::logger_details
