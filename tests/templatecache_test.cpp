@@ -97,6 +97,23 @@ TEST(Utf8TemplateCacheTest, ALiteralIsFoundAgainByItsFingerprint) {
     EXPECT_EQ(cache.find(kLiteral), pFirst);
 }
 
+TEST(Utf8TemplateCacheTest, ATrustedFingerprintIsTakenWithoutComparingTheText) {
+    // What a literal's fingerprint buys: the text is not compared again. Shown here by breaking
+    // the rule that a literal never changes: rewritten in place under its first fingerprint, the
+    // text is still taken for the first one, as GDLiteralText documents.
+    std::wstring text = L"old %1 text";
+    const std::uint64_t nFingerprint = GDLiteralText::fingerprintOf(text);
+    Utf8TemplateCache cache;
+    const Utf8Template* pFirst = cache.find(text, nFingerprint);
+    ASSERT_NE(pFirst, nullptr);
+    text[5] = L'2';
+    EXPECT_TRUE(pFirst->isFor(text, nFingerprint));
+    EXPECT_EQ(describe(*cache.find(text, nFingerprint)), "old |1| text|0|");
+    // Without the fingerprint the text is compared, and the change is seen.
+    EXPECT_FALSE(pFirst->isFor(text));
+    EXPECT_EQ(describe(*cache.find(text)), "old |2| text|0|");
+}
+
 TEST(Utf8TemplateCacheTest, AnotherLiteralAtTheSameAddressIsCompiledAgain) {
     // A library unloaded and another loaded in its place: same address and length, other text,
     // and so another fingerprint.

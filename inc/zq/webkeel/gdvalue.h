@@ -226,7 +226,6 @@ class GDLiteralText final : public GDTextRefImpl<GDLiteralText> {
 public:
     GDLiteralText(std::wstring_view text, std::uint64_t nFingerprint) noexcept
         : GDTextRefImpl(text), m_nFingerprint(nFingerprint) {}
-    std::uint64_t fingerprint() const noexcept { return m_nFingerprint; }
     bool readyTemplateText(std::wstring_view& text, std::uint64_t& nFingerprint) const override {
         text = view();
         nFingerprint = m_nFingerprint;
