@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "support/temp_dir.h"
@@ -495,6 +497,49 @@ TEST(BinaryFileTest, PermissionDeniedForAnUnprivilegedProcess) {
 
 // The file size limit makes write(2) fail with EFBIG as a full disk fails with ENOSPC, without
 // filling a disk; the child process keeps the limit away from the test runner.
+// A handler installed without SA_RESTART makes a write(2) blocked on a full pipe come back early:
+// short, or with EINTR when nothing went through yet. writeAll goes on until every byte is
+// through, in order. (Whether a signal lands mid-write is up to the scheduler; what is checked
+// holds either way.)
+TEST(BinaryFileTest, WriteAllGoesOnWhenSignalsInterruptIt) {
+    int arrPipe[2];
+    ASSERT_EQ(::pipe(arrPipe), 0);
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = 0;
+    struct sigaction previous {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, &previous), 0);
+    std::string bytes(1 << 20, '\0');
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        bytes[i] = static_cast<char>('a' + i % 23);
+    }
+    int nResult = -1;
+    unsigned long nWritten = 0;
+    std::thread writer(
+        [&] { nResult = BinaryFile::writeAll(arrPipe[1], bytes.data(), bytes.size(), nWritten); });
+    std::string received;
+    char arrChunk[4096];
+    for (int nSignals = 0; received.size() < bytes.size(); ++nSignals) {
+        if (nSignals < 200) {
+            ::pthread_kill(writer.native_handle(), SIGUSR1);
+        }
+        const ssize_t nRead = ::read(arrPipe[0], arrChunk, sizeof(arrChunk));
+        if (nRead <= 0) {
+            ADD_FAILURE() << "read failed: " << nRead;
+            break;
+        }
+        received.append(arrChunk, static_cast<std::size_t>(nRead));
+    }
+    writer.join();
+    ::sigaction(SIGUSR1, &previous, nullptr);
+    ::close(arrPipe[0]);
+    ::close(arrPipe[1]);
+    EXPECT_EQ(nResult, 0);
+    EXPECT_EQ(nWritten, bytes.size());
+    EXPECT_TRUE(received == bytes);
+}
+
 TEST(BinaryFileTest, WriteBeyondFileSizeLimitThrowsAfterPartialWrite) {
     TempDir dir;
     const std::string path = dir.file("limited.log");

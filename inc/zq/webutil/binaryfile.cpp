@@ -193,6 +193,31 @@ long long BinaryFile::getSize(OnError nOnError) const {
     return static_cast<long long>(st.st_size);
 }
 
+int BinaryFile::resumeWrite(int nFd, const void* p, unsigned long n, ssize_t nFirst,
+                            unsigned long& nWritten) noexcept {
+    nWritten = 0;
+    const char* pBytes = static_cast<const char*>(p);
+    ssize_t nDone = nFirst;
+    while (true) {
+        if (nDone < 0) {
+            if (errno != EINTR) {
+                return errno;
+            }
+        } else if (nDone == 0) {
+            // write(2) returning 0 for a non-empty request would make this loop spin forever.
+            return EIO;
+        } else {
+            nWritten += static_cast<unsigned long>(nDone);
+        }
+        if (nWritten >= n) {
+            return 0;
+        }
+        const unsigned long nRest = n - nWritten;
+        const unsigned long nMaxChunk = static_cast<unsigned long>(SSIZE_MAX);
+        nDone = ::write(nFd, pBytes + nWritten, nRest < nMaxChunk ? nRest : nMaxChunk);
+    }
+}
+
 int BinaryFile::cutAt(int nFd, long long nSize) noexcept {
     int nResult;
     do {

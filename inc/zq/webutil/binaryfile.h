@@ -139,28 +139,25 @@ public:
     // says how many reached the file. cutAt cuts the file to nSize bytes and moves the offset
     // there.
     static int writeAll(int nFd, const void* p, unsigned long n, unsigned long& nWritten) noexcept {
-        nWritten = 0;
-        const char* pBytes = static_cast<const char*>(p);
-        while (nWritten < n) {
-            unsigned long nChunk = n - nWritten;
-            if (nChunk > static_cast<unsigned long>(SSIZE_MAX)) {
-                nChunk = static_cast<unsigned long>(SSIZE_MAX);
-            }
-            const ssize_t nDone = ::write(nFd, pBytes + nWritten, nChunk);
-            if (nDone < 0) [[unlikely]] {
-                if (errno == EINTR) {
-                    continue;
-                }
-                return errno;
-            }
-            if (nDone == 0) [[unlikely]] {
-                // write(2) returning 0 for a non-empty request would make this loop spin forever.
-                return EIO;
-            }
-            nWritten += static_cast<unsigned long>(nDone);
+        // Nearly every call is one write(2) that takes all the bytes: that case runs straight
+        // through, and resuming (a partial write, an interruption, a failure) is out of line.
+        // After a system call the code runs from cold caches, so its jumps count.
+        if (n == 0) [[unlikely]] {
+            nWritten = 0;
+            return 0;
         }
-        return 0;
+        const unsigned long nMaxChunk = static_cast<unsigned long>(SSIZE_MAX);
+        const ssize_t nDone = ::write(nFd, p, n < nMaxChunk ? n : nMaxChunk);
+        if (static_cast<unsigned long>(nDone) == n) [[likely]] {
+            nWritten = n;
+            return 0;
+        }
+        return resumeWrite(nFd, p, n, nDone, nWritten);
     }
+    // The rest of writeAll after a first write(2) of the n bytes that returned nFirst.
+    [[gnu::cold, gnu::noinline]] static int resumeWrite(int nFd, const void* p, unsigned long n,
+                                                        ssize_t nFirst,
+                                                        unsigned long& nWritten) noexcept;
     static int cutAt(int nFd, long long nSize) noexcept;
     // Sets the permission bits exactly (fchmod), whatever the umask did at creation.
     bool setMode(unsigned nMode, OnError nOnError);
