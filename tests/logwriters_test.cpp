@@ -44,7 +44,7 @@ TEST_F(GuardAnswerTest, AnswersOnlyTheSameSourceSeverityAndGeneration) {
     EnabledWritersList given;
     given.reserve(GuardAnswer::kMaxWriters);
     const test::AllocationScope scope;
-    answer.giveTo(given);
+    EXPECT_TRUE(answer.giveTo(given));
     EXPECT_EQ(scope.count(), 0u);
     EXPECT_EQ(given, writers);
     answer.forget();
@@ -56,8 +56,27 @@ TEST_F(GuardAnswerTest, AnEmptyAnswerIsKeptToo) {
     answer.keep(3, m_severity, 5, EnabledWritersList{});
     ASSERT_TRUE(answer.answers(3, m_severity, 5));
     EnabledWritersList given;
-    answer.giveTo(given);
+    EXPECT_TRUE(answer.giveTo(given));
     EXPECT_TRUE(given.empty());
+}
+
+// The answer is only given into room that is already there: a list that would have to grow
+// is left as it was, and the guard walks instead.
+TEST_F(GuardAnswerTest, AnAnswerIsNotGivenIntoAListWithoutRoom) {
+    const Handle<RecordingWriter> hFirst = make(1);
+    const Handle<RecordingWriter> hSecond = make(2);
+    GuardAnswer answer;
+    answer.keep(7, m_severity, 40, EnabledWritersList{hFirst.get(), hSecond.get()});
+    EnabledWritersList given;
+    given.reserve(3);
+    given.push_back(hFirst.get());
+    given.push_back(hFirst.get());
+    ASSERT_LT(given.capacity() - given.size(), 2u);
+    EXPECT_FALSE(answer.giveTo(given));
+    EXPECT_EQ(given, (EnabledWritersList{hFirst.get(), hFirst.get()}));
+    given.clear();
+    EXPECT_TRUE(answer.giveTo(given));
+    EXPECT_EQ(given, (EnabledWritersList{hFirst.get(), hSecond.get()}));
 }
 
 TEST_F(GuardAnswerTest, MoreWritersThanItHoldsAreNotKept) {

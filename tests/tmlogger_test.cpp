@@ -935,16 +935,36 @@ TEST_F(TmLoggerTest, CalcFromInsideALogCallClearsTheFlagAtItsEnd) {
         void logMessage(const LogSeverity& s, const GDValue& m, const TmLogger::LoggerState& st,
                         const TmLogger::FileLocation* l) override {
             RecordingWriter::logMessage(s, m, st, l);
-            TmLogger::getLogger().calcEnabledWriters(kSevError);
-            m_bFlagAfterCalc = TmLogger::getLogger().isInLogCall();
+            if (m_bCalcInside) {
+                m_bEnabledInside = TmLogger::getLogger().calcEnabledWriters(kSevError);
+                m_bFlagAfterCalc = TmLogger::getLogger().isInLogCall();
+            }
         }
+        bool m_bCalcInside = true;
+        bool m_bEnabledInside = false;
         bool m_bFlagAfterCalc = true;
     };
     Handle<CalcWriter> hWriter(
         new CalcWriter(String(L"c"), kWriterId, LogWriter::WT_SINGLE_THREADED, nullptr));
     logger().addLocalWriter(hWriter.get());
     logger().logMessage(kSevError, GDString(L"x"));
+    EXPECT_TRUE(hWriter->m_bEnabledInside);
     EXPECT_FALSE(hWriter->m_bFlagAfterCalc);
+
+    // The same from a guard that gives the answer it remembers: a guard outside any call walks
+    // and keeps its answer for the source and severity, which the guard inside then gives.
+    logger().pushSource(*m_source);
+    hWriter->m_bCalcInside = false;
+    ASSERT_TRUE(logger().calcEnabledWriters(kSevError));
+    logger().logToEnabledWriters(kSevError, GDString(L"y"), nullptr);
+    hWriter->m_bCalcInside = true;
+    hWriter->m_bEnabledInside = false;
+    hWriter->m_bFlagAfterCalc = true;
+    logger().logMessage(kSevError, GDString(L"z"));
+    logger().popSource();
+    EXPECT_TRUE(hWriter->m_bEnabledInside);
+    EXPECT_FALSE(hWriter->m_bFlagAfterCalc);
+    EXPECT_EQ(hWriter->records().size(), 3u);
 }
 
 TEST_F(TmLoggerTest, LocalWritersCanBeSavedRestoredAndAppended) {

@@ -24,7 +24,7 @@ LogWriters::LogWriters()
     : m_GlobalWritersVersion(0), m_pRegistry(&logger_details::LogWritersMan::getLogWritersMan()) {
     // Written by every guard that enables a writer: a block of its own, made once, rather than
     // a few bytes that the allocator may put beside another thread's.
-    m_vecEnabledWriters.reserve(16);
+    m_vecEnabledWriters.reserve(kEnabledWritersRoom);
 }
 
 LogWriters::~LogWriters() = default;
@@ -178,19 +178,38 @@ void LogWriters::waitForReplacementAndSync() {
     syncGlobalWriters();
 }
 
+void LogWriters::releaseKeptForEnabled() noexcept {
+    m_keptForEnabled.clear();
+}
+
+bool LogWriters::giveRememberedAnswer(const LogSeverity& severity, const LogSource& source,
+                                      bool& bAny) noexcept {
+    // A global list that moved on must be copied first, which only the walk does.
+    if (m_pRegistry->getVersion() != m_GlobalWritersVersion.load(std::memory_order_relaxed) ||
+        !m_guardAnswer.answers(source.getSerial(), severity,
+                               logger_details::DispatchGeneration::current())) [[unlikely]] {
+        return false;
+    }
+    clearEnabledWriters();
+    if (!m_guardAnswer.giveTo(m_vecEnabledWriters)) [[unlikely]] {
+        return false;
+    }
+    bAny = !m_vecEnabledWriters.empty();
+    return true;
+}
+
 bool LogWriters::calcEnabledWriters(const LogSeverity& severity, const LoggerState& state) {
+    const LogSource* pSource = state.getCurSource();
+    bool bAny = false;
+    if (pSource != nullptr && giveRememberedAnswer(severity, *pSource, bAny)) [[likely]] {
+        return bAny;
+    }
     bringGlobalWritersUpToDate();
     clearEnabledWriters();
-    const LogSource* pSource = state.getCurSource();
     const std::uint64_t nSourceSerial = pSource != nullptr ? pSource->getSerial() : 0;
     // Read before the walk: a change that completes during it moves the count on, and the
     // answer kept below is then not given again.
     const std::uint64_t nGeneration = logger_details::DispatchGeneration::current();
-    if (pSource != nullptr && m_guardAnswer.answers(nSourceSerial, severity, nGeneration))
-        [[likely]] {
-        m_guardAnswer.giveTo(m_vecEnabledWriters);
-        return !m_vecEnabledWriters.empty();
-    }
     const auto collect = [this](const Handle<LogWriter>& hWriter) {
         m_vecEnabledWriters.push_back(hWriter.get());
     };

@@ -101,10 +101,12 @@ public:
         m_logger.m_bInLogCall = true;
     }
     ~CallScope() {
-        for (int i = 0; i < m_nPushed; ++i) {
-            m_logger.m_logState.popSource();
-        }
-        if (m_nPushed != 0) {
+        // A thread logs under a source of its own nearly always; without the hint the
+        // compiler laid the common case out as the jump away.
+        if (m_nPushed != 0) [[unlikely]] {
+            for (int i = 0; i < m_nPushed; ++i) {
+                m_logger.m_logState.popSource();
+            }
             m_logger.refreshGuardFilter();
         }
         m_logger.m_bInLogCall = false;
@@ -139,7 +141,9 @@ class TmLogger::ShutdownGate {
 public:
     explicit ShutdownGate(TmLogger& logger) noexcept
         : m_logger(logger), m_bOutermost(!logger.m_bInGate.load(std::memory_order_relaxed)) {
-        if (m_bOutermost) {
+        // Nested calls (a writer that logs) are the rare ones: the hints keep the outermost
+        // call's path straight, where the compiler had put it behind two jumps.
+        if (m_bOutermost) [[likely]] {
             m_logger.m_bInGate.store(true, std::memory_order_relaxed);
             // With the shutdown's process-wide barrier: either it sees this thread inside, or
             // this thread sees the gate closed.
@@ -148,7 +152,7 @@ public:
         m_bOpen = g_bGateOpen.load(std::memory_order_relaxed);
     }
     ~ShutdownGate() {
-        if (m_bOutermost) {
+        if (m_bOutermost) [[likely]] {
             // Release: what the call did happens before the shutdown's teardown.
             m_logger.m_bInGate.store(false, std::memory_order_release);
         }
@@ -323,15 +327,24 @@ bool TmLogger::calcEnabledWritersByWalk(const LogSeverity& severity) {
         return false;
     }
     bool bAny = false;
-    const bool bDone = logger_details::swallowOwnFailures([&] {
-        CallScope scope(*this);
-        scope.pushDefaultSourceIfNone();
-        bAny = m_hLogWriters->calcEnabledWriters(severity, m_logState);
-    });
-    if (!bDone) [[unlikely]] {
-        // Like every entry point: our own failures never reach the caller; nothing is enabled.
-        m_hLogWriters.get()->clearEnabledWriters();
-        bAny = false;
+    const LogSource* pSource = m_logState.getCurSource();
+    if (pSource != nullptr && m_hLogWriters->giveRememberedAnswer(severity, *pSource, bAny))
+        [[likely]] {
+        // Nothing ran that could log, so no scope was needed; the flag ends cleared, as the
+        // walk's scope leaves it.
+        m_bInLogCall = false;
+    } else {
+        const bool bDone = logger_details::swallowOwnFailures([&] {
+            CallScope scope(*this);
+            scope.pushDefaultSourceIfNone();
+            bAny = m_hLogWriters->calcEnabledWriters(severity, m_logState);
+        });
+        if (!bDone) [[unlikely]] {
+            // Like every entry point: our own failures never reach the caller; nothing is
+            // enabled.
+            m_hLogWriters.get()->clearEnabledWriters();
+            bAny = false;
+        }
     }
     m_bGuardEnabledWriters = bAny;
     refreshGuardFilter();
