@@ -118,6 +118,31 @@ TEST_F(MessageTest, PlainTemplateHandsOnALiteralsFingerprint) {
     EXPECT_EQ(PlainTemplate::find(catalogue, text, nGiven), nullptr);
 }
 
+// The template found the long way too: a template behind a reference, a reference to nothing,
+// values that are no message at all.
+TEST_F(MessageTest, PlainTemplateIsFoundBehindReferencesAndOnlyInMessages) {
+    const GDString owned(L"%1 queued");
+    const GDUInteger64 insert(4);
+    std::wstring_view text;
+    std::uint64_t nGiven = 7;
+    const GDValueRef toOwned(&owned);
+    const ReferentialParameterizedMessage overReference(toOwned, insert);
+    ASSERT_EQ(PlainTemplate::find(overReference, text, nGiven), &overReference);
+    EXPECT_EQ(text, std::wstring_view(L"%1 queued"));
+    EXPECT_EQ(nGiven, 0U);
+    EXPECT_TRUE(render(overReference).equals(L"4 queued"));
+    const GDValueRef toNothing(nullptr);
+    const ReferentialParameterizedMessage overNothing(toNothing, insert);
+    EXPECT_EQ(PlainTemplate::find(overNothing, text, nGiven), nullptr);
+    EXPECT_EQ(PlainTemplate::find(owned, text, nGiven), nullptr);
+    EXPECT_EQ(PlainTemplate::find(insert, text, nGiven), nullptr);
+    EXPECT_EQ(PlainTemplate::find(toNothing, text, nGiven), nullptr);
+    // A catalogue entry behind a reference makes a catalogue message.
+    const GDValueRef toEntry(&kmsgTestGreeting);
+    const ReferentialParameterizedMessage overEntry(toEntry, insert);
+    EXPECT_EQ(PlainTemplate::find(GDValueRef(&overEntry), text, nGiven), nullptr);
+}
+
 TEST_F(MessageTest, ReferentialMessageOverCatalogueEntry) {
     const GDString who(L"Bob");
     const GDInteger64 mood(-1);

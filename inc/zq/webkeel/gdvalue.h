@@ -113,6 +113,15 @@ public:
         nFingerprint = 0;
         return kind() == kKindString && readyText(text);
     }
+    // The message this value is, or refers to, when it renders as a plain template: no
+    // catalogue entry, and a template that is (or refers to) a string; text and nFingerprint
+    // are then the template's text and literal fingerprint (0 when it has none). Null for every
+    // other value. A message of the renderer's usual kind answers in one call, with one more
+    // to its template, where asking kind, catalogue entry and template one by one took five.
+    virtual const MessageBase* plainTemplateMessage(
+        std::wstring_view& /*text*/, std::uint64_t& /*nFingerprint*/) const noexcept {
+        return nullptr;
+    }
 
     // Whether the value, or the value it refers to, is a string / a number.
     bool isString() const noexcept;
@@ -351,6 +360,10 @@ public:
         visitor.visitReference(target(), buffer, params);
     }
     Kind kind() const noexcept override { return kKindReference; }
+    const MessageBase* plainTemplateMessage(std::wstring_view& text,
+                                            std::uint64_t& nFingerprint) const noexcept override {
+        return m_pTarget != nullptr ? m_pTarget->plainTemplateMessage(text, nFingerprint) : nullptr;
+    }
 
 private:
     const GDValue* m_pTarget;

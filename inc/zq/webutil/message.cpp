@@ -319,14 +319,16 @@ bool PlainTemplate::textOfTemplate(const GDValue& templateValue, std::wstring_vi
     return reader.m_bFound;
 }
 
-const MessageBase* PlainTemplate::find(const GDValue& value, std::wstring_view& text,
-                                       std::uint64_t& nFingerprint) noexcept {
-    const GDValue* pTarget = value.target();
-    if (pTarget == nullptr || pTarget->kind() != GDValue::kKindMessage) {
-        return nullptr;
-    }
-    const auto* pMessage = static_cast<const MessageBase*>(pTarget);
-    return textOf(*pMessage, text, nFingerprint) ? pMessage : nullptr;
+const MessageBase* MessageBase::plainTemplateMessage(std::wstring_view& text,
+                                                     std::uint64_t& nFingerprint) const noexcept {
+    return PlainTemplate::textOf(*this, text, nFingerprint) ? this : nullptr;
+}
+
+const ExternalMessage* ReferentialParameterizedMessage::getCatalogueMessage() const noexcept {
+    const GDValue* pTarget = m_pTemplate->target();
+    return pTarget != nullptr && pTarget->kind() == kKindMessage
+               ? static_cast<const MessageBase*>(pTarget)->getCatalogueMessage()
+               : nullptr;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -49,6 +49,9 @@ public:
     virtual const GDValue* getInsert(unsigned nIndex) const noexcept = 0;
 
     Kind kind() const noexcept override { return kKindMessage; }
+    // Itself, when its catalogue entry is null and its template gives its text (PlainTemplate).
+    const MessageBase* plainTemplateMessage(std::wstring_view& text,
+                                            std::uint64_t& nFingerprint) const noexcept override;
     void accept(GDValueVisitor& visitor) const override { visitor.visitMessage(*this); }
     void acceptMessageVisitor(const MessageVisitor& visitor,
                               StringBufferBaseTemplate<wchar_t>& buffer,
@@ -122,19 +125,26 @@ public:
                                              const Inserts&... inserts) noexcept
         : m_pTemplate(&templateValue), m_arrInserts{&inserts...}, m_nInserts(sizeof...(inserts)) {
         static_assert(sizeof...(inserts) <= kMaxReferentialInserts, "at most eight inserts");
-        const GDValue* pTarget = templateValue.target();
-        m_pCatalogue = pTarget != nullptr && pTarget->kind() == kKindMessage
-                           ? static_cast<const MessageBase*>(pTarget)->getCatalogueMessage()
-                           : nullptr;
     }
 
     static constexpr unsigned kMaxReferentialInserts = 8;
 
     GDValue* clone() const override;
     unsigned placementClone(void*, unsigned) const override { return 0; }
-    const ExternalMessage* getCatalogueMessage() const noexcept override { return m_pCatalogue; }
+    // Found when asked, from the template (a catalogue message as template makes this one a
+    // catalogue message): the values are only referred to, and do not change during the call.
+    const ExternalMessage* getCatalogueMessage() const noexcept override;
     const GDValue* getTemplateValue() const noexcept override {
-        return m_pCatalogue != nullptr ? nullptr : m_pTemplate;
+        return getCatalogueMessage() != nullptr ? nullptr : m_pTemplate;
+    }
+    // A template that hands its text over as a string is no catalogue message: one call to it
+    // answers, on every log call's path. Anything else goes the general way.
+    const MessageBase* plainTemplateMessage(std::wstring_view& text,
+                                            std::uint64_t& nFingerprint) const noexcept override {
+        if (m_pTemplate->readyTemplateText(text, nFingerprint)) [[likely]] {
+            return this;
+        }
+        return MessageBase::plainTemplateMessage(text, nFingerprint);
     }
     unsigned getInsertCount() const noexcept override { return m_nInserts; }
     const GDValue* getInsert(unsigned nIndex) const noexcept override {
@@ -146,7 +156,6 @@ public:
 
 private:
     const GDValue* m_pTemplate;
-    const ExternalMessage* m_pCatalogue;
     const GDValue* m_arrInserts[kMaxReferentialInserts];
     unsigned m_nInserts;
 };
@@ -188,7 +197,9 @@ struct PlainTemplate {
     // string; text is then that string. Null for every other value.
     // nFingerprint is the template's literal fingerprint (GDLiteralText), 0 when it has none.
     static const MessageBase* find(const GDValue& value, std::wstring_view& text,
-                                   std::uint64_t& nFingerprint) noexcept;
+                                   std::uint64_t& nFingerprint) noexcept {
+        return value.plainTemplateMessage(text, nFingerprint);
+    }
     static const MessageBase* find(const GDValue& value, std::wstring_view& text) noexcept {
         std::uint64_t nFingerprint = 0;
         return find(value, text, nFingerprint);
