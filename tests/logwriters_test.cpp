@@ -92,6 +92,44 @@ TEST_F(GuardAnswerTest, MoreWritersThanItHoldsAreNotKept) {
     EXPECT_FALSE(answer.answers(3, m_severity, 5));
 }
 
+// After a walk, the same source and severity are answered from memory, until the process-wide
+// count of changes moves on, the global writers change, or the question changes; a walk then
+// answers again and is remembered in its turn.
+TEST(LogWritersTest, RememberedAnswerIsGivenUntilSomethingItReadChanges) {
+    constexpr short kId = 7;
+    const LogSourceHandle source(String(L"logwriters.memory"));
+    LogSource& mutableSource = const_cast<LogSource&>(*source);
+    mutableSource.getLogFilter().setLogLevelsForId(kId, LogLevels(65534, 65534, 65534, 65534, 0));
+    Handle<RecordingWriter> hLocal(
+        new RecordingWriter(String(L"local"), kId, LogWriter::WT_SINGLE_THREADED, nullptr));
+    LogWriters writers;
+    writers.addLocalWriter(hLocal.get());
+    TmLogger::LoggerState state;
+    state.pushSource(*source);
+    bool bAny = false;
+
+    EXPECT_FALSE(writers.giveRememberedAnswer(kSevInfo, *source, bAny));
+    ASSERT_TRUE(writers.calcEnabledWriters(kSevInfo, state));
+    writers.clearEnabledWriters();
+    ASSERT_TRUE(writers.giveRememberedAnswer(kSevInfo, *source, bAny));
+    EXPECT_TRUE(bAny);
+    EXPECT_EQ(writers.getEnabledWriters(), (EnabledWritersList{hLocal.get()}));
+    EXPECT_FALSE(writers.giveRememberedAnswer(kSevTraceFine, *source, bAny));
+
+    // A threshold change moves the count on: walked again, and the new answer remembered.
+    mutableSource.getLogFilter().setLogLevelsForId(kId, LogLevels(65534, 65534, 65534, 0, 0));
+    EXPECT_FALSE(writers.giveRememberedAnswer(kSevInfo, *source, bAny));
+    EXPECT_FALSE(writers.calcEnabledWriters(kSevInfo, state));
+    ASSERT_TRUE(writers.giveRememberedAnswer(kSevInfo, *source, bAny));
+    EXPECT_FALSE(bAny);
+    EXPECT_TRUE(writers.getEnabledWriters().empty());
+
+    // A new version of the global writers: only a walk, which copies them, answers.
+    logger_details::LogWritersMan::getLogWritersMan().versionIncrement();
+    EXPECT_FALSE(writers.giveRememberedAnswer(kSevInfo, *source, bAny));
+    state.popSource();
+}
+
 // A guard enables a global writer and a local one; before the write the configuration retires
 // the global writer and puts its replacement in. The local writer, after the one that refuses,
 // still takes the message once, and the replacement takes it for the retired writer.

@@ -154,10 +154,6 @@ public:
         }
         return resumeWrite(nFd, p, n, nDone, nWritten);
     }
-    // The rest of writeAll after a first write(2) of the n bytes that returned nFirst.
-    [[gnu::cold, gnu::noinline]] static int resumeWrite(int nFd, const void* p, unsigned long n,
-                                                        ssize_t nFirst,
-                                                        unsigned long& nWritten) noexcept;
     static int cutAt(int nFd, long long nSize) noexcept;
     // Sets the permission bits exactly (fchmod), whatever the umask did at creation.
     bool setMode(unsigned nMode, OnError nOnError);
@@ -172,6 +168,10 @@ public:
     int getDescriptor() const noexcept { return m_nFd; }
 
 private:
+    // The rest of writeAll after a first write(2) of the n bytes that returned nFirst.
+    [[gnu::cold, gnu::noinline]] static int resumeWrite(int nFd, const void* p, unsigned long n,
+                                                        ssize_t nFirst,
+                                                        unsigned long& nWritten) noexcept;
     bool fail(const wchar_t* pszOperation, int nErrno, OnError nOnError) const;
 
     int m_nFd = -1;

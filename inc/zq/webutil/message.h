@@ -200,10 +200,6 @@ struct PlainTemplate {
                                    std::uint64_t& nFingerprint) noexcept {
         return value.plainTemplateMessage(text, nFingerprint);
     }
-    static const MessageBase* find(const GDValue& value, std::wstring_view& text) noexcept {
-        std::uint64_t nFingerprint = 0;
-        return find(value, text, nFingerprint);
-    }
     // The plain template text of message, as find gives it.
     static bool textOf(const MessageBase& message, std::wstring_view& text,
                        std::uint64_t& nFingerprint) noexcept;
